@@ -1,0 +1,799 @@
+#include "utils/logger.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/test_util.h"
+#include "utils/looper.h"
+#include "utils/platform.h"
+#include "utils/process_path.h"
+
+namespace {
+
+using zel::Logger;
+using zel_test::CountOccurrences;
+using zel_test::FileExists;
+using zel_test::IsDirectory;
+using zel_test::ListDir;
+using zel_test::ReadFile;
+using zel_test::SplitLines;
+using zel_test::StdoutCapture;
+using zel_test::TempDir;
+
+// Today's date directory, "YYYYMMDD/", in local time.
+std::string TodayDir() {
+  std::time_t now = std::time(nullptr);
+  std::tm tm{};
+  localtime_r(&now, &tm);
+  char buf[64];
+  zel::platform::formatDateDir(buf, sizeof(buf), tm);
+  return buf;
+}
+
+// The path of the one live file ("*.txt") in `dir`; fails the test when
+// there is not exactly one.
+std::string LiveFile(const std::string& dir) {
+  std::vector<std::string> live;
+  for (const std::string& name : ListDir(dir)) {
+    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) live.push_back(name);
+  }
+  EXPECT_EQ(live.size(), 1u) << "live files in " << dir;
+  return live.empty() ? std::string() : dir + live.front();
+}
+
+// "zel.log.<process name>.<hhmmss>." of the live file `path`: what every
+// file of this run starts with.
+std::string RunPrefix(const std::string& path) {
+  const std::string name = path.substr(path.rfind('/') + 1);
+  return name.substr(0, name.size() - 3);
+}
+
+// Logs `line` exactly as given (no prefix) and waits until it is written.
+void LogRaw(const std::string& line) {
+  Logger::GetInstance()->Log(line);
+  zel_log_flush();
+}
+
+// A backend that records what it receives, and whether the line was
+// already in the log file when it received it.
+class RecordingBackend : public zel::LogBackend {
+ public:
+  RecordingBackend(std::string name, std::vector<std::string>* order, std::mutex* mutex)
+      : name_(std::move(name)), order_(order), mutex_(mutex) {}
+
+  void Log(const std::string& line) override {
+    std::lock_guard<std::mutex> lock(*mutex_);
+    const std::string path = Logger::GetLogPath();
+    bool inFile = false;
+    for (const std::string& name : ListDir(path)) {
+      if (ReadFile(path + name).find(line) != std::string::npos) inFile = true;
+    }
+    order_->push_back(name_ + (inFile ? ":in-file:" : ":not-in-file:") + line);
+  }
+
+ private:
+  std::string name_;
+  std::vector<std::string>* order_;
+  std::mutex* mutex_;
+};
+
+// ---------------------------------------------------------------------------
+// The line prefix.
+
+TEST(LogPrefixTest, FormatsMonthDayTimeMillisecondsAndThread) {
+  std::tm tm{};
+  tm.tm_year = 2024 - 1900;
+  tm.tm_mon = 2;  // March
+  tm.tm_mday = 7;
+  tm.tm_hour = 9;
+  tm.tm_min = 5;
+  tm.tm_sec = 1;
+  char buf[256];
+  const int len = zel::platform::formatLogPrefix(buf, sizeof(buf), tm, 42, "1234");
+  EXPECT_EQ(std::string(buf), "[3-7 09:05:01.042][tid:1234] ");
+  EXPECT_EQ(len, 29);
+}
+
+TEST(LogPrefixTest, MonthAndDayAreNotPadded) {
+  std::tm tm{};
+  tm.tm_mon = 11;
+  tm.tm_mday = 31;
+  tm.tm_hour = 23;
+  tm.tm_min = 59;
+  tm.tm_sec = 59;
+  char buf[256];
+  zel::platform::formatLogPrefix(buf, sizeof(buf), tm, 999, "7");
+  EXPECT_EQ(std::string(buf), "[12-31 23:59:59.999][tid:7] ");
+}
+
+TEST(LogPrefixTest, DateDirectoryAndStartTimeTexts) {
+  std::tm tm{};
+  tm.tm_year = 2024 - 1900;
+  tm.tm_mon = 0;
+  tm.tm_mday = 31;
+  tm.tm_hour = 14;
+  tm.tm_min = 3;
+  tm.tm_sec = 27;
+  char date[256];
+  char start[256];
+  zel::platform::formatDateDir(date, sizeof(date), tm);
+  zel::platform::formatStartTime(start, sizeof(start), tm);
+  EXPECT_EQ(std::string(date), "20240131/");
+  EXPECT_EQ(std::string(start), "140327");
+}
+
+TEST(LogPrintTest, LineStartsWithLocalTimeAndOperatingSystemThreadId) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  long tid = 0;
+  const std::time_t before = std::time(nullptr);
+  std::thread logger([&tid] {
+    tid = syscall(SYS_gettid);
+    log_print(3, 0, "hello %s\n", "world");
+  });
+  logger.join();
+  zel_log_flush();
+  const std::time_t after = std::time(nullptr);
+
+  const std::string text = ReadFile(LiveFile(Logger::GetLogPath()));
+  std::smatch m;
+  const std::regex re(
+      R"(^\[(\d+)-(\d+) (\d\d):(\d\d):(\d\d)\.(\d\d\d)\]\[tid:(\d+)\] hello world\n$)");
+  ASSERT_TRUE(std::regex_match(text, m, re)) << text;
+  EXPECT_EQ(m[7].str(), std::to_string(tid));
+  // The printed local time lies between the two readings around the call.
+  bool matched = false;
+  for (std::time_t t = before; t <= after; ++t) {
+    std::tm tm{};
+    localtime_r(&t, &tm);
+    if (std::stoi(m[1]) == tm.tm_mon + 1 && std::stoi(m[2]) == tm.tm_mday &&
+        std::stoi(m[3]) == tm.tm_hour && std::stoi(m[4]) == tm.tm_min &&
+        std::stoi(m[5]) == tm.tm_sec) {
+      matched = true;
+    }
+  }
+  EXPECT_TRUE(matched) << text;
+}
+
+TEST(LogPrintTest, ReturnsZeroAndAddsNoNewline) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  EXPECT_EQ(log_print(3, 0, "a"), 0);
+  EXPECT_EQ(log_print(3, 0, "b%d\n", 1), 0);
+  zel_log_flush();
+  const std::string text = ReadFile(LiveFile(Logger::GetLogPath()));
+  EXPECT_TRUE(
+      std::regex_match(text, std::regex(R"(^\[[^\]]*\]\[tid:\d+\] a\[[^\]]*\]\[tid:\d+\] b1\n$)")))
+      << text;
+}
+
+TEST(LogPrintTest, LongTextIsCutToALineOf4094Characters) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  std::vector<std::string> received;
+  std::mutex mutex;
+  Logger::GetInstance()->RegisterBackend(new RecordingBackend("b", &received, &mutex));
+  const std::string text(5000, 'x');
+  log_print(3, 1, "%s", text.c_str());
+  zel_log_flush();
+  const std::string file = ReadFile(LiveFile(Logger::GetLogPath()));
+  EXPECT_EQ(file.size(), 4094u);
+  const std::size_t textStart = file.find("] ") + 2;  // the prefix ends in "] "
+  EXPECT_EQ(file.substr(textStart), std::string(4094 - textStart, 'x'));
+  std::lock_guard<std::mutex> lock(mutex);
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].size(), std::string("b:not-in-file:").size() + 4094);
+}
+
+TEST(LogPrintTest, TextsUpToTheLimitAreKeptWhole) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  log_print(3, 0, "%s", "");
+  zel_log_flush();
+  const std::string prefixOnly = ReadFile(LiveFile(Logger::GetLogPath()));
+  const std::size_t prefixLen = prefixOnly.size();
+  ASSERT_GT(prefixLen, 20u);
+  // The room for the text is 4094 - prefix length characters.
+  const std::string fits(4094 - prefixLen, 'y');
+  log_print(3, 0, "%s", fits.c_str());
+  zel_log_flush();
+  const std::string file = ReadFile(LiveFile(Logger::GetLogPath()));
+  EXPECT_EQ(file.size(), prefixLen + 4094);
+  EXPECT_EQ(file.substr(file.size() - fits.size()), fits);
+}
+
+TEST(LogPrintTest, WritesWhateverLevelItIsGiven) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  zel_set_log_level(0);
+  log_print(9, 0, "level nine\n");
+  zel_log_flush();
+  EXPECT_NE(ReadFile(LiveFile(Logger::GetLogPath())).find("level nine\n"), std::string::npos);
+}
+
+TEST(LogLevelTest, StartsAtThreeAndIsSignExtended) {
+  EXPECT_EQ(zel_log_level(), 3);
+  zel_set_log_level(-1);
+  EXPECT_EQ(zel_log_level(), -1);
+  zel_set_log_level(0);
+  EXPECT_EQ(zel_log_level(), 0);
+  zel_set_log_level(127);
+  EXPECT_EQ(zel_log_level(), 127);
+  zel_set_log_level(static_cast<char>(-128));
+  EXPECT_EQ(zel_log_level(), -128);
+}
+
+TEST(LogLevelTest, MinusOneSilencesTheLibraryEvenItsErrorsAndCreatesNoLogger) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  zel_set_log_level(-1);
+  {
+    // A stop from inside a message and the loop's exit are the library's
+    // own log lines at levels 1 and 4.
+    zel::Looper looper;
+    looper.Start();
+    std::atomic<bool> stopped{false};
+    struct StopSelf : zel::Message {
+      StopSelf(zel::Looper* l, std::atomic<bool>* s) : looper(l), flag(s) {}
+      void Run() override {
+        looper->Stop();
+        flag->store(true);
+      }
+      zel::Looper* looper;
+      std::atomic<bool>* flag;
+    };
+    looper.PostMessageAAA(std::make_unique<StopSelf>(&looper, &stopped));
+    ASSERT_TRUE(zel_test::WaitFor([&] { return stopped.load(); }));
+    ASSERT_TRUE(zel_test::WaitFor([&] { return looper.IsStoped(); }));
+    zel::Looper other;
+    other.Start();
+    other.Stop();
+  }
+  // Nothing called log_print: the Logger was never made and chose no
+  // directory.
+  EXPECT_EQ(Logger::GetLogPath(), "");
+  EXPECT_TRUE(ListDir(dir.path()).empty());
+}
+
+// ---------------------------------------------------------------------------
+// The log path functions.
+
+TEST(LogPathTest, GetBeforeAnyLineFailsAndLeavesTheBuffer) {
+  char buf[16];
+  std::memset(buf, 'Q', sizeof(buf));
+  EXPECT_EQ(zel_get_log_path(buf, sizeof(buf)), -1);
+  for (char c : buf) EXPECT_EQ(c, 'Q');
+  EXPECT_EQ(Logger::GetLogPath(), "");
+}
+
+TEST(LogPathTest, GetCopiesTheDayDirectory) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  LogRaw("x\n");
+  char buf[512] = {0};
+  EXPECT_EQ(zel_get_log_path(buf, sizeof(buf)), 0);
+  EXPECT_EQ(std::string(buf), dir.path() + TodayDir());
+  EXPECT_EQ(Logger::GetLogPath(), dir.path() + TodayDir());
+  EXPECT_TRUE(IsDirectory(dir.path() + TodayDir()));
+}
+
+TEST(LogPathTest, GetWithSizeOneCopiesNothing) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  LogRaw("x\n");
+  char buf[4] = {'Q', 'Q', 'Q', 'Q'};
+  EXPECT_EQ(zel_get_log_path(buf, 1), 0);
+  EXPECT_EQ(std::string(buf, 4), "QQQQ");
+}
+
+TEST(LogPathTest, GetCutsToSizeMinusOneWithoutTerminating) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  LogRaw("x\n");
+  char buf[8];
+  std::memset(buf, 'Q', sizeof(buf));
+  EXPECT_EQ(zel_get_log_path(buf, 5), 0);
+  EXPECT_EQ(std::string(buf, 8), dir.path().substr(0, 4) + "QQQQ");
+}
+
+TEST(LogPathTest, GetRefusesANullBufferOrASizeBelowOne) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  LogRaw("x\n");
+  char buf[4] = {'Q', 'Q', 'Q', 'Q'};
+  EXPECT_EQ(zel_get_log_path(buf, 0), -1);
+  EXPECT_EQ(zel_get_log_path(buf, -3), -1);
+  EXPECT_EQ(zel_get_log_path(nullptr, 10), -1);
+  EXPECT_EQ(std::string(buf, 4), "QQQQ");
+}
+
+TEST(LogPathTest, SettingTheEmptyPathChangesNothing) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  zel_set_log_path("");
+  EXPECT_EQ(Logger::SetLogPath(""), 0);
+  LogRaw("x\n");
+  EXPECT_EQ(Logger::GetLogPath(), dir.path() + TodayDir());
+}
+
+TEST(LogPathTest, SettingThePathDoesNotCreateTheLogger) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  EXPECT_EQ(Logger::SetLogPath(dir.path() + "other/"), 0);
+  zel_log_flush();
+  EXPECT_EQ(Logger::GetLogPath(), "");
+  EXPECT_TRUE(ListDir(dir.path()).empty());
+}
+
+TEST(LogPathTest, ANewBaseAfterTheFirstLineDoesNotMoveTheFile) {
+  TempDir first;
+  TempDir second;
+  zel_set_log_path(first.path().c_str());
+  LogRaw("one\n");
+  zel_set_log_path(second.path().c_str());
+  LogRaw("two\n");
+  EXPECT_EQ(ReadFile(LiveFile(first.path() + TodayDir())), "one\ntwo\n");
+  EXPECT_TRUE(ListDir(second.path()).empty());
+}
+
+TEST(LogPathTest, BaseWithoutTrailingSeparatorIsUsedAsGiven) {
+  TempDir dir;
+  const std::string base = dir.path() + "logs";
+  zel_set_log_path(base.c_str());
+  LogRaw("x\n");
+  EXPECT_EQ(Logger::GetLogPath(), base + TodayDir());
+  EXPECT_TRUE(IsDirectory(base + TodayDir()));
+  EXPECT_EQ(ReadFile(LiveFile(base + TodayDir())), "x\n");
+}
+
+TEST(LogPathTest, MissingLevelsOfTheBaseAreCreated) {
+  TempDir dir;
+  const std::string base = dir.path() + "a/b/c/";
+  zel_set_log_path(base.c_str());
+  StdoutCapture out;
+  LogRaw("deep\n");
+  EXPECT_EQ(ReadFile(LiveFile(base + TodayDir())), "deep\n");
+  // The fixed base is reported each time the directory is computed anew.
+  EXPECT_EQ(out.Stop(), "zel::Logger::getPrefix 158: prefix[" + base + TodayDir() + "]\n");
+}
+
+// ---------------------------------------------------------------------------
+// The Logger.
+
+TEST(LoggerTest, GetInstanceAlwaysReturnsTheSameLogger) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger* first = Logger::GetInstance();
+  std::vector<Logger*> seen(4, nullptr);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) threads.emplace_back([&seen, i] { seen[i] = Logger::GetInstance(); });
+  for (std::thread& t : threads) t.join();
+  ASSERT_NE(first, nullptr);
+  for (Logger* l : seen) EXPECT_EQ(l, first);
+}
+
+TEST(LoggerTest, OneArgumentLogEqualsLevelThreeWithoutForwarding) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  std::vector<std::string> received;
+  std::mutex mutex;
+  Logger* logger = Logger::GetInstance();
+  logger->RegisterBackend(new RecordingBackend("b", &received, &mutex));
+  logger->Log("same line\n");
+  logger->Log("same line\n", 3, false);
+  zel_log_flush();
+  EXPECT_EQ(ReadFile(LiveFile(Logger::GetLogPath())), "same line\nsame line\n");
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_TRUE(received.empty());
+}
+
+TEST(LoggerTest, ForwardedLineWithoutBackendsGoesToTheFileOnly) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->Log("forwarded\n", 0, true);
+  zel_log_flush();
+  EXPECT_EQ(ReadFile(LiveFile(Logger::GetLogPath())), "forwarded\n");
+}
+
+TEST(LoggerTest, BackendsReceiveForwardedLinesInRegistrationOrderBeforeTheFile) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  std::vector<std::string> received;
+  std::mutex mutex;
+  Logger* logger = Logger::GetInstance();
+  logger->RegisterBackend(new RecordingBackend("first", &received, &mutex));
+  logger->RegisterBackend(new RecordingBackend("second", &received, &mutex));
+  logger->Log("one\n", 3, true);
+  logger->Log("not forwarded\n", 3, false);
+  log_print(3, 1, "two\n");
+  zel_log_flush();
+  std::lock_guard<std::mutex> lock(mutex);
+  ASSERT_EQ(received.size(), 4u);
+  EXPECT_EQ(received[0], "first:not-in-file:one\n");
+  EXPECT_EQ(received[1], "second:not-in-file:one\n");
+  EXPECT_EQ(received[2].substr(0, 17), "first:not-in-file");
+  EXPECT_EQ(received[2].substr(received[2].size() - 5), " two\n");
+  EXPECT_EQ(received[3].substr(0, 18), "second:not-in-file");
+  const std::string file = ReadFile(LiveFile(Logger::GetLogPath()));
+  EXPECT_EQ(file.substr(0, 19), "one\nnot forwarded\n[");
+}
+
+TEST(LoggerTest, NoFileMeansNoBackendAndAReportPerLine) {
+  TempDir dir;
+  // A regular file where a directory level should be: nothing can be made
+  // below it.
+  zel_test::WriteFile(dir.path() + "file", "");
+  const std::string base = dir.path() + "file/logs/";
+  zel_set_log_path(base.c_str());
+  std::vector<std::string> received;
+  std::mutex mutex;
+  StdoutCapture out;
+  Logger* logger = Logger::GetInstance();
+  logger->RegisterBackend(new RecordingBackend("b", &received, &mutex));
+  logger->Log("lost 1\n", 3, true);
+  logger->Log("lost 2\n", 3, true);
+  zel_log_flush();
+  const std::string printed = out.Stop();
+  EXPECT_EQ(CountOccurrences(printed, "zel::Logger::writeLog 296: fp is null \n"), 2) << printed;
+  EXPECT_NE(printed.find("mkdir error,[" + dir.path() + "file/logs]\n"), std::string::npos)
+      << printed;
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_TRUE(received.empty());
+}
+
+TEST(LoggerTest, EmptyLineTakesTheWriteErrorPathAndLoggingGoesOn) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  LogRaw("before\n");
+  StdoutCapture out;
+  LogRaw("");
+  EXPECT_EQ(out.Stop(), "zel log write error,ret[0] \n");
+  LogRaw("after\n");
+  EXPECT_EQ(ReadFile(LiveFile(Logger::GetLogPath())), "before\nafter\n");
+}
+
+TEST(LoggerTest, LinesOfFourThreadsAreEachWrittenOnceInPostingOrder) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  constexpr int kThreads = 4;
+  constexpr int kLines = 10000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kLines; ++i) log_print(3, 0, "thread %d line %d\n", t, i);
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  zel_log_flush();
+  const std::vector<std::string> lines = SplitLines(ReadFile(LiveFile(Logger::GetLogPath())));
+  ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLines));
+  std::vector<int> next(kThreads, 0);
+  for (const std::string& line : lines) {
+    // "[M-D hh:mm:ss.mmm][tid:N] thread T line I\n"
+    const std::size_t text = line.find("] ");
+    ASSERT_NE(text, std::string::npos) << line;
+    int t = -1;
+    int i = -1;
+    char end = 0;
+    ASSERT_EQ(std::sscanf(line.c_str() + text + 2, "thread %d line %d%c", &t, &i, &end), 3) << line;
+    ASSERT_EQ(end, '\n');
+    ASSERT_TRUE(t >= 0 && t < kThreads) << line;
+    ASSERT_EQ(i, next[t]) << "thread " << t;
+    ++next[t];
+  }
+  for (int n : next) EXPECT_EQ(n, kLines);
+}
+
+TEST(LoggerTest, FlushReturnsOnlyAfterEveryEarlierLineIsWritten) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  for (int i = 0; i < 2000; ++i) Logger::GetInstance()->Log("line " + std::to_string(i) + "\n");
+  zel_log_flush();
+  const std::vector<std::string> lines = SplitLines(ReadFile(LiveFile(Logger::GetLogPath())));
+  ASSERT_EQ(lines.size(), 2000u);
+  EXPECT_EQ(lines.back(), "line 1999\n");
+}
+
+TEST(LoggerTest, FlushBeforeAnyLineCreatesNothing) {
+  zel_log_flush();
+  EXPECT_EQ(Logger::GetLogPath(), "");
+}
+
+// ---------------------------------------------------------------------------
+// Log files, names and rotation.
+
+TEST(LogFilesTest, LiveFileIsNamedAfterTheProcessAndTheStartTime) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  const std::time_t before = std::time(nullptr);
+  LogRaw("x\n");
+  const std::time_t after = std::time(nullptr);
+  const std::vector<std::string> names = ListDir(dir.path() + TodayDir());
+  ASSERT_EQ(names.size(), 1u);
+  const std::string prefix = "zel.log." + get_process_name() + ".";
+  ASSERT_EQ(names[0].compare(0, prefix.size(), prefix), 0) << names[0];
+  const std::string start = names[0].substr(prefix.size(), 6);
+  EXPECT_EQ(names[0].substr(prefix.size() + 6), ".txt");
+  bool matched = false;
+  for (std::time_t t = before; t <= after; ++t) {
+    std::tm tm{};
+    localtime_r(&t, &tm);
+    char text[64];
+    zel::platform::formatStartTime(text, sizeof(text), tm);
+    if (start == text) matched = true;
+  }
+  EXPECT_TRUE(matched) << names[0];
+}
+
+TEST(LogFilesTest, AFileOfExactlyTheLimitIsNotRotatedOneByteMoreIs) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(10, 10);
+  LogRaw("0123456789");  // 10 bytes: exactly the limit
+  LogRaw("a");           // written to the same file: 11 bytes
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  EXPECT_EQ(ReadFile(live), "0123456789a");
+  EXPECT_EQ(ListDir(day).size(), 1u);
+  LogRaw("b");  // the file is over the limit: rotate first
+  EXPECT_EQ(ReadFile(live), "b");
+  EXPECT_EQ(ReadFile(day + RunPrefix(live) + "0"), "0123456789a");
+  EXPECT_EQ(ListDir(day).size(), 2u);
+}
+
+TEST(LogFilesTest, CountOfOneRemovesEachRotatedFileAtOnce) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(1, 1);
+  for (int i = 0; i < 5; ++i) LogRaw("line " + std::to_string(i) + "\n");
+  const std::string day = Logger::GetLogPath();
+  const std::vector<std::string> names = ListDir(day);
+  ASSERT_EQ(names.size(), 1u);
+  EXPECT_EQ(ReadFile(day + names[0]), "line 4\n");
+}
+
+TEST(LogFilesTest, DefaultCountKeepsTheLiveFileAndNineRotated) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(1, 10);
+  // 15 lines: 14 rotations, into indices 0 to 13; rotation k removes k - 10.
+  for (int i = 0; i < 15; ++i) LogRaw("line " + std::to_string(i) + "\n");
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  const std::string run = RunPrefix(live);
+  EXPECT_EQ(ListDir(day).size(), 10u);
+  for (int index = 0; index <= 4; ++index)
+    EXPECT_FALSE(FileExists(day + run + std::to_string(index)));
+  for (int index = 5; index <= 13; ++index) {
+    EXPECT_EQ(ReadFile(day + run + std::to_string(index)), "line " + std::to_string(index) + "\n");
+  }
+  EXPECT_EQ(ReadFile(live), "line 14\n");
+}
+
+TEST(LogFilesTest, CountOfZeroRemovesNothingUntilTheIndexWraps) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(1, 0);
+  // 256 lines: 255 rotations into 0..254, none removed.
+  for (int i = 0; i < 256; ++i) LogRaw("line " + std::to_string(i) + "\n");
+  const std::string day = Logger::GetLogPath();
+  const std::string run = RunPrefix(LiveFile(day));
+  EXPECT_EQ(ListDir(day).size(), 256u);
+  // Rotation 256 renames into 255 and wraps the index to 0, which removes
+  // the file that rotation 1 made.
+  LogRaw("line 256\n");
+  EXPECT_EQ(ListDir(day).size(), 256u);
+  EXPECT_FALSE(FileExists(day + run + "0"));
+  EXPECT_EQ(ReadFile(day + run + "255"), "line 255\n");
+  EXPECT_EQ(ReadFile(day + run + "1"), "line 1\n");
+}
+
+TEST(LogFilesTest, RotationIndexWrapsFrom255To0) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(1, 10);
+  // 259 lines: 258 rotations; the last ones go into 254, 255, 0 and 1.
+  for (int i = 0; i < 259; ++i) LogRaw("line " + std::to_string(i) + "\n");
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  const std::string run = RunPrefix(live);
+  EXPECT_EQ(ListDir(day).size(), 10u);
+  EXPECT_EQ(ReadFile(day + run + "255"), "line 255\n");
+  EXPECT_EQ(ReadFile(day + run + "0"), "line 256\n");
+  EXPECT_EQ(ReadFile(day + run + "1"), "line 257\n");
+  EXPECT_EQ(ReadFile(day + run + "249"), "line 249\n");
+  EXPECT_FALSE(FileExists(day + run + "248"));
+  EXPECT_EQ(ReadFile(live), "line 258\n");
+}
+
+TEST(LogFilesTest, OccupiedRotationTargetsReportRenameErrorsAndLoggingGoesOn) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(1, 10);
+  LogRaw("a\n");
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  const std::string run = RunPrefix(live);
+  // Directories with content under the names of the next three rotations:
+  // a file cannot be renamed over them.
+  for (const char* index : {"0", "1", "2"}) {
+    ASSERT_EQ(mkdir((day + run + index).c_str(), 0755), 0);
+    zel_test::WriteFile(day + run + index + "/keep", "");
+  }
+  StdoutCapture out;
+  LogRaw("b\n");  // each line finds the file over the limit and tries again
+  LogRaw("c\n");
+  LogRaw("d\n");
+  EXPECT_EQ(ReadFile(live), "a\nb\nc\nd\n");
+  LogRaw("e\n");  // the fourth attempt renames into 3
+  const std::string printed = out.Stop();
+  EXPECT_EQ(printed, std::string("zel::Logger::getFile 516,rename error\n") +
+                         "zel::Logger::getFile 516,rename error\n" +
+                         "zel::Logger::getFile 516,rename error\n");
+  EXPECT_EQ(ReadFile(day + run + "3"), "a\nb\nc\nd\n");
+  EXPECT_EQ(ReadFile(live), "e\n");
+}
+
+TEST(LogFilesTest, LiveFileRemovedFromOutsideMakesTheNextLineRotate) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  LogRaw("before\n");
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  ASSERT_EQ(unlink(live.c_str()), 0);
+  StdoutCapture out;
+  LogRaw("after\n");
+  LogRaw("more\n");
+  EXPECT_EQ(out.Stop(), "zel::Logger::getFile 516,rename error\n");
+  EXPECT_EQ(ReadFile(live), "after\nmore\n");
+  EXPECT_EQ(ListDir(day).size(), 1u);
+}
+
+TEST(LogFilesTest, LogDirectoryRemovedFromOutsideIsMadeAgain) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  LogRaw("before\n");
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  TempDir::RemoveTree(dir.path());
+  ASSERT_FALSE(FileExists(dir.path()));
+  StdoutCapture out;
+  LogRaw("after\n");
+  LogRaw("more\n");
+  EXPECT_EQ(out.Stop(), "zel::Logger::getFile 516,rename error\n");
+  EXPECT_TRUE(IsDirectory(day));
+  EXPECT_EQ(ReadFile(live), "after\nmore\n");
+}
+
+TEST(LogFilesTest, AFailedWriteIsReportedAndLaterLinesAreWritten) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  const std::string first(199, 'f');
+  LogRaw(first + "\n");
+  const std::string live = LiveFile(Logger::GetLogPath());
+  // No file of this process may grow past 200 bytes, the log file's present
+  // size: its next write fails with EFBIG instead of raising SIGXFSZ. (The
+  // captured standard output stays below the limit.)
+  ASSERT_NE(signal(SIGXFSZ, SIG_IGN), SIG_ERR);
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  rlimit small = saved;
+  small.rlim_cur = 200;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  StdoutCapture out;
+  LogRaw("lost\n");
+  const std::string printed = out.Stop();
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &saved), 0);
+  EXPECT_EQ(printed, "zel log write error,ret[-1] \n");
+  LogRaw("third\n");
+  EXPECT_EQ(ReadFile(live), first + "\nthird\n");
+}
+
+// ---------------------------------------------------------------------------
+// Tests under a moved clock. The test runs itself again in a child process
+// under faketime; the child does the logging and the parent checks the
+// files.
+
+constexpr char kChildBaseVariable[] = "ZEL_TEST_CHILD_BASE";
+
+// Runs this test executable again with only `test` selected, under faketime
+// starting at `start` (local time in UTC), with the child's log base in
+// `base`. Returns the child's exit status.
+int RunSelfUnderFaketime(const std::string& start, const std::string& test,
+                         const std::string& base) {
+  char self[4096] = {0};
+  if (readlink("/proc/self/exe", self, sizeof(self) - 1) <= 0) return -1;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setenv(kChildBaseVariable, base.c_str(), 1);
+    setenv("TZ", "UTC", 1);
+    // The wall clock is moved; waits on the monotonic clock stay real.
+    setenv("FAKETIME_DONT_FAKE_MONOTONIC", "1", 1);
+    // The preloaded faketime library comes before the sanitizer runtimes.
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    const std::string asanOptions =
+        std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0";
+    setenv("ASAN_OPTIONS", asanOptions.c_str(), 1);
+    const std::string filter = "--gtest_filter=" + test;
+    execlp("faketime", "faketime", "-f", ("@" + start).c_str(), self, filter.c_str(),
+           static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+TEST(LogFilesTest, ChangeOfDayRenamesInTheOldDayAndStartsAFileInTheNew) {
+  if (const char* childBase = std::getenv(kChildBaseVariable)) {
+    // Child, under a clock that starts 3 s before midnight.
+    zel_set_log_path(childBase);
+    std::time_t now = std::time(nullptr);
+    std::tm first{};
+    localtime_r(&now, &first);
+    ASSERT_EQ(first.tm_mday, 22) << "the clock is not moved";
+    LogRaw("before midnight\n");
+    ASSERT_TRUE(zel_test::WaitFor([&] {
+      std::time_t t = std::time(nullptr);
+      std::tm tm{};
+      localtime_r(&t, &tm);
+      return tm.tm_mday != first.tm_mday;
+    }));
+    LogRaw("after midnight\n");
+    return;
+  }
+  TempDir dir;
+  ASSERT_EQ(RunSelfUnderFaketime("2026-11-22 23:59:57",
+                                 "LogFilesTest.ChangeOfDayRenamesInTheOldDayAndStartsAFileInTheNew",
+                                 dir.path()),
+            0);
+  const std::string oldDay = dir.path() + "20261122/";
+  const std::string newDay = dir.path() + "20261123/";
+  const std::vector<std::string> oldNames = ListDir(oldDay);
+  ASSERT_EQ(oldNames.size(), 1u);
+  const std::string run = "zel.log." + get_process_name() + ".2359";
+  EXPECT_EQ(oldNames[0].compare(0, run.size(), run), 0) << oldNames[0];
+  EXPECT_EQ(oldNames[0].substr(oldNames[0].size() - 2), ".0") << oldNames[0];
+  EXPECT_EQ(ReadFile(oldDay + oldNames[0]), "before midnight\n");
+  const std::vector<std::string> newNames = ListDir(newDay);
+  ASSERT_EQ(newNames.size(), 1u);
+  const std::string newRun = "zel.log." + get_process_name() + ".0000";
+  EXPECT_EQ(newNames[0].compare(0, newRun.size(), newRun), 0) << newNames[0];
+  EXPECT_EQ(newNames[0].substr(newNames[0].size() - 4), ".txt");
+  EXPECT_EQ(ReadFile(newDay + newNames[0]), "after midnight\n");
+}
+
+TEST(LogPrintTest, PrefixUnderAMovedClockShowsItsLocalDateAndTime) {
+  if (const char* childBase = std::getenv(kChildBaseVariable)) {
+    zel_set_log_path(childBase);
+    log_print(3, 0, "tid=%ld\n", static_cast<long>(syscall(SYS_gettid)));
+    zel_log_flush();
+    return;
+  }
+  TempDir dir;
+  ASSERT_EQ(RunSelfUnderFaketime("2027-03-07 09:05:01",
+                                 "LogPrintTest.PrefixUnderAMovedClockShowsItsLocalDateAndTime",
+                                 dir.path()),
+            0);
+  const std::string text = ReadFile(LiveFile(dir.path() + "20270307/"));
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(
+      text, m, std::regex(R"(^\[3-7 09:05:0\d\.\d\d\d\]\[tid:(\d+)\] tid=(\d+)\n$)")))
+      << text;
+  EXPECT_EQ(m[1].str(), m[2].str());
+}
+
+}  // namespace

@@ -1,0 +1,82 @@
+#include "utils/process_path.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "utils/platform.h"
+
+namespace {
+
+using zel::platform::cutDirectory;
+using zel::platform::cutFileName;
+
+struct PathCase {
+  const char* path;
+  char separator;
+  const char* directory;
+  const char* name;
+};
+
+TEST(ProcessPathTest, CuttingRules) {
+  const PathCase cases[] = {
+      {"C:\\apps\\client.exe", '\\', "C:\\apps\\", "client.exe"},
+      {"C:\\client.exe", '\\', "C:\\", "client.exe"},
+      {"\\\\server\\share\\bin\\tool.v2.exe", '\\', "\\\\server\\share\\bin\\", "tool.v2.exe"},
+      // No separator: the first character is the directory, the whole path
+      // the name.
+      {"client.exe", '\\', "c", "client.exe"},
+      // A separator at position 0 only is not found by the directory rule.
+      {"\\client.exe", '\\', "\\", "client.exe"},
+      {"C:\\apps\\", '\\', "C:\\apps\\", ""},
+      {"", '\\', "", ""},
+      {"/usr/bin/client", '/', "/usr/bin/", "client"},
+      {"/client", '/', "/", "client"},
+      // The other platform's separator is an ordinary character.
+      {"C:\\apps\\client.exe", '/', "C", "C:\\apps\\client.exe"},
+  };
+  for (const PathCase& c : cases) {
+    SCOPED_TRACE(c.path);
+    EXPECT_EQ(cutDirectory(c.path, c.separator), c.directory);
+    EXPECT_EQ(cutFileName(c.path, c.separator), c.name);
+  }
+}
+
+TEST(ProcessPathTest, LongPathKeepsItsWholeDirectory) {
+  // A 600-character path: the directory function reads up to 1023
+  // characters, so the directory comes back whole.
+  std::string path = "C:\\";
+  while (path.size() < 580) path += "dir\\";
+  const std::string dir = path;
+  path += std::string(600 - path.size() - 4, 'n') + ".exe";
+  ASSERT_EQ(path.size(), 600u);
+  EXPECT_EQ(cutDirectory(path.c_str(), '\\'), dir);
+  // The name function sees the first 511 characters only: here that is
+  // inside the directory, so the name is the cut last directory level.
+  const std::string seen = path.substr(0, 511);
+  EXPECT_EQ(cutFileName(seen.c_str(), '\\'), seen.substr(seen.rfind('\\') + 1));
+}
+
+std::string SelfPath() {
+  char buf[4096] = {0};
+  EXPECT_GT(readlink("/proc/self/exe", buf, sizeof(buf) - 1), 0);
+  return buf;
+}
+
+TEST(ProcessPathTest, ProcessDirIsTheDirectoryOfThisExecutable) {
+  const std::string self = SelfPath();
+  EXPECT_EQ(get_process_dir(), self.substr(0, self.rfind('/') + 1));
+}
+
+TEST(ProcessPathTest, SelfDirIsTheDirectoryOfThisExecutable) {
+  const std::string self = SelfPath();
+  ASSERT_LT(self.size(), 260u);
+  EXPECT_EQ(get_self_dir(), self.substr(0, self.rfind('/') + 1));
+}
+
+TEST(ProcessPathTest, ProcessNameIsTheFileNameOfThisExecutable) {
+  EXPECT_EQ(get_process_name(), "process_path_test");
+}
+
+}  // namespace

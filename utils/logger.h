@@ -1,0 +1,222 @@
+// The process-wide log: the plain log functions, the Logger singleton that
+// writes lines on its own thread, and the log files it writes into.
+//
+// log_print() formats one line, "[M-D hh:mm:ss.mmm][tid:T] " followed by the
+// caller's text, on the caller's stack and hands it to the Logger, which
+// queues it and returns at once. The Logger's writer thread (the thread of
+// the Looper it owns) writes the lines in the order they were posted, one
+// write and flush per line, into
+//
+//   <base><YYYYMMDD>/zel.log.<process name>.<hhmmss>.txt      (the live file)
+//   <base><YYYYMMDD>/zel.log.<process name>.<hhmmss>.<0-255>  (rotated files)
+//
+// where <base> is the directory given to zel_set_log_path() or
+// Logger::SetLogPath() (used as given: no separator is added), by default
+// "c:\Windows\temp\zel\" on Windows and "/tmp/zel/" elsewhere, and <hhmmss>
+// is the local time at which the day's directory was chosen. A file that has
+// grown past the size limit, a change of day and a live file removed from
+// outside each rotate the file; the file that falls out of the kept count is
+// deleted. Diagnostics of the logging code itself go to standard output.
+//
+// Threads: the writer thread is started by the first log_print() (or
+// Logger::GetInstance()) and runs for the rest of the process; the Logger is
+// never destroyed. Every function here may be called from any thread.
+//
+// Example:
+//   zel_set_log_path("/var/log/client/");  // before the first line
+//   if (zel_log_level() >= 3)
+//     log_print(3, 0, "[%s][%s %s %d] Debug:device %s attached\n", "", "/main.cpp",
+//               "main", __LINE__, name);
+//   zel_log_flush();  // before exit: queued lines are otherwise lost
+#ifndef ZEL_UTILS_LOGGER_H_
+#define ZEL_UTILS_LOGGER_H_
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+
+#include "utils/export.h"
+#include "utils/looper.h"
+
+#if defined(__GNUC__)
+#define ZEL_PRINTF_FORMAT(fmt, args) __attribute__((format(printf, fmt, args)))
+#else
+#define ZEL_PRINTF_FORMAT(fmt, args)
+#endif
+
+extern "C" {
+
+// Formats one log line and queues it for writing; returns 0 in every case.
+// The line is the prefix "[M-D hh:mm:ss.mmm][tid:T] " (local month, day and
+// time, milliseconds of the system clock, the operating-system thread id)
+// followed by `format` applied to the arguments; no newline is added. The
+// whole line is cut at 4094 characters without notice. `level` is carried
+// along but not tested: the caller compares zel_log_level() first. A
+// non-zero `flag` also hands the line to every registered LogBackend. The
+// first call creates the Logger; when it cannot be created the line is
+// dropped. Threads: any thread; lines of one thread are written in call
+// order.
+ZEL_API int log_print(int level, int flag, const char* format, ...) ZEL_PRINTF_FORMAT(3, 4);
+
+// Returns the process-wide log level (initially 3), sign-extended. A message
+// of level L is produced only when zel_log_level() >= L: 0 errors, 1 the
+// message-loop warning, 3 debug, 4 the message loop's exit notice.
+ZEL_API int zel_log_level(void);
+
+// Sets the process-wide log level; -1 silences every message of the library.
+ZEL_API void zel_set_log_level(char level);
+
+// Sets the log base directory, as Logger::SetLogPath() does; an empty `path`
+// changes nothing. `path` must not be null. It takes effect when the Logger
+// chooses its directory, that is at the first line or at a change of day:
+// set it before the first line is logged. Threads: any thread.
+ZEL_API void zel_set_log_path(const char* path);
+
+// Copies the current log directory (base followed by "YYYYMMDD/") into
+// `buffer` with strncpy, at most `size` - 1 characters; no terminating NUL
+// is added beyond what strncpy writes, so pass a zero-filled buffer. Returns
+// 0 when copied; -1, leaving `buffer` untouched, while no directory is known
+// yet (before the first line), or when `buffer` is null or `size` is below 1.
+ZEL_API int zel_get_log_path(char* buffer, int size);
+
+// Blocks until every line queued before the call has been written and
+// flushed. Returns at once when no line was ever logged. Call it before the
+// process exits. From the writer thread itself (a LogBackend) it returns at
+// once. Threads: any thread.
+ZEL_API void zel_log_flush(void);
+
+}  // extern "C"
+
+namespace zel {
+
+// A receiver of log lines besides the file. Register it with
+// Logger::RegisterBackend(); it then sees every line logged with a non-zero
+// flag (forward), on the writer thread, before the line is written.
+class ZEL_API LogBackend {
+ public:
+  virtual ~LogBackend();
+
+  // Receives one complete line, prefix and newlines included. Called on the
+  // writer thread; must not call Logger::RegisterBackend() (it would wait for
+  // itself) nor block for long (it holds up every other line).
+  virtual void Log(const std::string& line) = 0;
+};
+
+// One line on its way to the writer thread.
+struct LogInfo {
+  std::string message;  // the complete line
+  int32_t level;        // the caller's level; carried, not used by the writer
+  bool forward;         // also hand the line to the registered backends
+};
+
+class ZEL_API Logger : public LogBackend {
+ public:
+  // Returns the Logger, creating it on first use: it chooses and creates the
+  // log directory and starts the writer thread. Never returns null; throws
+  // std::bad_alloc when it cannot be allocated (the next call tries again).
+  // Threads: any thread.
+  static Logger* GetInstance();
+
+  // Same as Log(line, 3, false).
+  void Log(const std::string& line) override;
+
+  // Queues `line` (already complete: no prefix or newline is added) for
+  // writing and returns at once. `level` is carried along, not tested.
+  // `forward` also hands the line to every registered backend. Threads: any
+  // thread; one thread's lines are written in posting order.
+  virtual void Log(const std::string& line, int level, bool forward);
+
+  // Appends `backend` to the receivers of forwarded lines. There is no
+  // removal and duplicates are not detected. `backend` stays owned by the
+  // caller and must outlive the process's logging. Threads: any thread but
+  // the writer thread.
+  void RegisterBackend(LogBackend* backend);
+
+  // Sets the size limit of the live file (bytes; a file rotates once it is
+  // larger) and the number of files kept (the live file included) for the
+  // lines written from now on. Not validated: a count of 1 removes every
+  // rotated file at once; 0 removes nothing until the rotation index wraps.
+  // Defaults: 5,242,880 bytes and 10 files. Threads: any thread.
+  void SetLogFileInfo(int maxSize, int maxCount);
+
+  // Sets the log base directory: an empty `path` or the current one changes
+  // nothing. Used exactly as given, so end it with a separator. It takes
+  // effect when the directory is next chosen (the first line, or a change
+  // of day). Returns 0 in every case. Threads: any thread.
+  static int SetLogPath(const std::string& path);
+
+  // Returns the current log directory (base followed by "YYYYMMDD/"), or the
+  // empty text before the Logger has chosen one. Threads: any thread.
+  static std::string GetLogPath();
+
+  // Blocks until every line queued before the call has been written and
+  // flushed; returns at once when called on the writer thread.
+  // Lines are ordered by the wall clock at which they were posted: a clock
+  // set back between a line and this call can let it return earlier.
+  void Flush();
+
+ private:
+  // The writer channel: the Looper whose thread writes, and the handler that
+  // every posted line carries. The handler is destroyed before the Looper.
+  struct Writer {
+    std::unique_ptr<Looper> looper;
+    std::function<void(LogInfo*)> handler;
+  };
+
+  Logger();
+  ~Logger() override;
+  Logger(const Logger&) = delete;
+  Logger& operator=(const Logger&) = delete;
+
+  // Chooses and creates the directory, then starts the writer. Returns 0.
+  int init();
+
+  // Writes one line: the write handler, run on the writer thread.
+  void writeLog(LogInfo* info);
+
+  // Log-file operations; all run on the writer thread (or in init()).
+  // Returns the effective directory, recomputing it when the day changed.
+  std::string getPrefix();
+  // Computes the directory with getPrefix() and creates its missing levels.
+  void UpdateLogDir();
+  // Returns the stream to write to, rotating first when needed; null when
+  // no file can be opened.
+  FILE* getFile();
+  // The stream choice of the write handler: getFile() or standard error.
+  FILE* getLogFp();
+  // Same as the directory part of init(); returns 0. Not used by the
+  // library itself.
+  int logFileInit();
+  // Deletes the rotated file that falls out of the kept count once the
+  // rotation index has reached `index`.
+  void updateLogFile(unsigned char index);
+
+  std::shared_mutex mBackendLock;  // guards mBackends
+  std::string mLogDir;             // current directory, ends in '/'
+  std::string mStartTime;          // "hhmmss" at which the directory was chosen
+  std::string mProcessName;        // executable file name, for the file names
+  uint64_t mDirLen;                // length of mLogDir measured by init()
+  bool mToFile;                    // false only while init() runs
+  std::atomic<int32_t> mMaxFileCount;
+  std::atomic<int32_t> mMaxFileSize;
+  FILE* mFp;             // never set; closed by the destructor
+  std::string mCurDate;  // "YYYYMMDD/" of the current directory
+  std::unique_ptr<Writer> mWriter;
+  std::list<LogBackend*> mBackends;  // guarded by mBackendLock; not owned
+
+  static std::atomic<Logger*> sLogger;
+  static std::mutex sMutex;  // serialises creation
+
+  // Flushes the Logger only if it exists, without creating it.
+  friend void ::zel_log_flush(void);
+};
+
+}  // namespace zel
+
+#endif  // ZEL_UTILS_LOGGER_H_

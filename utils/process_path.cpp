@@ -1,0 +1,36 @@
+#include "utils/process_path.h"
+
+#include <cstring>
+
+#include "utils/platform.h"
+
+namespace {
+
+constexpr std::size_t kSelfPathSize = 260;
+constexpr std::size_t kSelfDirSize = 256;
+constexpr std::size_t kProcessPathSize = 1024;
+constexpr std::size_t kProcessNameLimit = 512;
+
+}  // namespace
+
+std::string get_self_dir() {
+  char path[kSelfPathSize] = {0};
+  zel::platform::executablePath(path, kSelfPathSize);
+  const std::string dir = zel::platform::cutDirectory(path, zel::platform::kPathSeparator);
+  // The directory passes through a 256-byte buffer: it is cut at 255.
+  char out[kSelfDirSize] = {0};
+  std::memcpy(out, dir.data(), dir.size() < kSelfDirSize ? dir.size() : kSelfDirSize - 1);
+  return out;
+}
+
+std::string get_process_dir() {
+  char path[kProcessPathSize] = {0};
+  zel::platform::executablePath(path, kProcessPathSize);
+  return zel::platform::cutDirectory(path, zel::platform::kPathSeparator);
+}
+
+std::string get_process_name() {
+  char path[kProcessPathSize] = {0};
+  zel::platform::executablePath(path, kProcessNameLimit);
+  return zel::platform::cutFileName(path, zel::platform::kPathSeparator);
+}
