@@ -711,7 +711,8 @@ constexpr char kChildBaseVariable[] = "ZEL_TEST_CHILD_BASE";
 
 // Runs this test executable again with only `test` selected, under faketime
 // starting at `start` (local time in UTC), with the child's log base in
-// `base`. Returns the child's exit status.
+// `base`. Returns the child's exit status; 127 when faketime could not be
+// run (the faketime package is missing).
 int RunSelfUnderFaketime(const std::string& start, const std::string& test,
                          const std::string& base) {
   char self[4096] = {0};
