@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <limits>
 #include <sstream>
 
 #include "utils/logger.h"
@@ -27,6 +28,28 @@ const std::string& threadIdText() {
     return out.str();
   }();
   return text;
+}
+
+// The text of `id` as an output stream prints it.
+std::string idText(std::thread::id id) {
+  std::ostringstream out;
+  out << id;
+  return out.str();
+}
+
+// Set on a loop thread that stopped its own looper: that thread leaves its
+// loop after the current pass even if the looper is restarted meanwhile.
+thread_local bool tLeaveLoop = false;
+
+// `now` + `delay`, saturated at the ends of the 64-bit range.
+int64_t dueTime(int64_t now, int64_t delay) {
+  if (delay > 0 && now > std::numeric_limits<int64_t>::max() - delay) {
+    return std::numeric_limits<int64_t>::max();
+  }
+  if (delay < 0 && now < std::numeric_limits<int64_t>::min() - delay) {
+    return std::numeric_limits<int64_t>::min();
+  }
+  return now + delay;
 }
 
 }  // namespace
@@ -69,8 +92,11 @@ int Looper::Stop() {
                 "zel::Looper::Stop", kStopSameThreadLine);
     }
     stopped_.exchange(true);
+    tLeaveLoop = true;
     cond_.notify_all();
     lock.lock();
+    // A second stop from inside the same message finds the thread detached
+    // already and changes nothing more.
     if (thread_ && thread_->joinable()) thread_->detach();
     return 0;
   }
@@ -86,9 +112,15 @@ int Looper::Stop() {
   // it is joined outside the lock.
   std::unique_ptr<std::thread> thread = std::move(thread_);
   lock.unlock();
-  if (thread) thread->join();
+  std::string joined;
+  if (thread) {
+    joined = idText(thread->get_id());
+    thread->join();
+  }
   lock.lock();
-  thread_id_.clear();
+  // Forget the joined thread only: a Start() from a third thread may have
+  // installed a new loop thread meanwhile.
+  if (thread_id_ == joined) thread_id_.clear();
   return 0;
 }
 
@@ -111,7 +143,7 @@ int Looper::PostDelayTask(Callback<void (*)()>& task, int64_t delay) {
 }
 
 int Looper::post(std::unique_ptr<Message> msg, int64_t delay) {
-  msg->when_ = platform::wallClockMs() + delay;
+  msg->when_ = dueTime(platform::wallClockMs(), delay);
   const std::string& caller = threadIdText();
   std::unique_lock<std::mutex> lock(mutex_);
   if (caller == thread_id_) {
@@ -148,8 +180,9 @@ void Looper::process() {
     std::lock_guard<std::mutex> lock(mutex_);
     thread_id_ = threadIdText();
   }
+  tLeaveLoop = false;
   const auto maxWait = std::chrono::milliseconds(kMaxWaitMs);
-  while (!stopped_.load()) {
+  while (!stopped_.load() && !tLeaveLoop) {
     std::list<std::unique_ptr<Message>> ready;
     {
       std::unique_lock<std::mutex> lock(mutex_);
@@ -176,7 +209,7 @@ void Looper::process() {
     while (!ready.empty()) {
       std::unique_ptr<Message> msg = std::move(ready.front());
       ready.pop_front();
-      if (!stopped_.load()) msg->Run();
+      if (!stopped_.load() && !tLeaveLoop) msg->Run();
     }
   }
   if (zel_log_level() >= 4) {

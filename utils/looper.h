@@ -127,7 +127,9 @@ class ZEL_API Looper {
   // From a message running on the loop thread: logs "looper stop in same
   // thread,not allowed" at level 1, stops all the same, detaches the thread
   // and returns 0 at once; the current message finishes and the other
-  // messages of the same pass are destroyed unrun.
+  // messages of the same pass are destroyed unrun. That thread then ends,
+  // even if Start() is called before it has; a second Stop() from the same
+  // message logs again and changes nothing more.
   // Throws std::system_error for the join errors of std::thread.
   int Stop();
 
@@ -142,7 +144,8 @@ class ZEL_API Looper {
   int PostMessageAAA(std::unique_ptr<Message> msg);
 
   // Queues `msg` to run `delay` ms from now (wall clock). A delay of 0 or
-  // less makes it due at once. It runs no earlier than its due time and,
+  // less makes it due at once; a due time beyond the 64-bit range is held at
+  // its end. It runs no earlier than its due time and,
   // with no other traffic, normally within a few ms after it (100 ms at the
   // most). Results and threads as PostMessageAAA.
   int PostDelayMessage(std::unique_ptr<Message> msg, int64_t delay);
