@@ -204,7 +204,7 @@ void Logger::Flush() {
 
 void Logger::writeLog(LogInfo* info) {
   tOnWriterThread = true;
-  FILE* fp = mToFile ? getFile() : stderr;
+  FILE* fp = getLogFp();
   if (fp == nullptr) {
     console("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
     return;
