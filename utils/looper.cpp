@@ -158,7 +158,8 @@ int Looper::post(std::unique_ptr<Message> msg, int64_t delay) {
     return -1;
   }
   insertSorted(std::move(msg));
-  lock.unlock();
+  // Notified under the lock: once a later Stop() has taken the lock, no
+  // post touches the condition variable anymore, so the looper may go.
   cond_.notify_one();
   return 0;
 }
