@@ -1,6 +1,7 @@
 // Demonstration of zel_utils: a process-wide asynchronous log written from
 // several threads into a per-day directory, with a backend that receives the
-// forwarded lines; a worker running closures; one-shot and periodic timers.
+// forwarded lines; a worker running closures; one-shot and periodic timers;
+// an INI file and a key file read and changed; the string helpers.
 //
 // Usage: zel_demo [directory]
 // Everything is written under `directory` (by default a fresh directory
@@ -17,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "examples/demo_parts.h"
 #include "utils/logger.h"
 #include "utils/process_path.h"
 #include "utils/timer.h"
@@ -185,6 +187,7 @@ int main(int argc, char** argv) {
 
   DemoWorker();
   DemoTimer();
+  DemoConfiguration(work);
 
   zel_log_flush();
   std::printf("\n== done\n");

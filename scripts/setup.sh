@@ -8,6 +8,7 @@ packages=(
   googletest libgtest-dev
   libglib2.0-dev libjsoncpp-dev
   faketime clang-format
+  clang libclang-rt-14-dev
 )
 
 missing=()

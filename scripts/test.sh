@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Sets up a fresh machine, then builds and runs every test: in Release, under
-# AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer.
-# Give preset names (release, debug, asan, tsan) to run only those.
+# Sets up a fresh machine, then runs each fuzz target for a minute and builds
+# and runs every test: in Release, under AddressSanitizer +
+# UndefinedBehaviorSanitizer, and under ThreadSanitizer. Give preset names
+# (fuzz, release, debug, asan, tsan) to run only those.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,11 +17,50 @@ fi
 
 # House formatting.
 clang-format --dry-run --Werror utils/*.h utils/*.cpp tracer/*.h tracer/*.cpp tests/*.h \
-  tests/*.cpp examples/*.cpp
+  tests/*.cpp examples/*.cpp examples/*.h fuzz/*.h fuzz/*.cpp
 
 presets=("$@")
-[ ${#presets[@]} -eq 0 ] && presets=(release asan tsan)
+[ ${#presets[@]} -eq 0 ] && presets=(fuzz release asan tsan)
+
+# Fuzzing (preset name "fuzz"), before the test presets so that the run ends
+# with ctest's summary: each libFuzzer target runs for FUZZ_SECONDS (default
+# 60) on a copy of its seed corpus in fuzz/corpus/, which stays unchanged.
+# A crash, a leak or a sanitizer report fails the script; the input that
+# caused it is kept in build/fuzz/artifacts/.
+run_fuzz() {
+  local seconds="${FUZZ_SECONDS:-60}"
+  local work
+  work="$(mktemp -d)"
+  cmake --preset fuzz >/dev/null
+  cmake --build --preset fuzz
+  mkdir -p build/fuzz/artifacts
+  for target in zel_string config_file config_parser; do
+    echo "== fuzz $target (${seconds} s)"
+    cp -r "fuzz/corpus/$target" "$work/$target"
+    if ! "build/fuzz/fuzz/${target}_fuzz" -max_total_time="$seconds" -detect_leaks=1 \
+      -timeout=30 -print_final_stats=1 -artifact_prefix="build/fuzz/artifacts/${target}-" \
+      "$work/$target" >"$work/$target.log" 2>&1; then
+      tail -n 80 "$work/$target.log" >&2
+      echo "test: fuzz target $target failed; inputs in build/fuzz/artifacts/" >&2
+      rm -rf "$work"
+      exit 1
+    fi
+    grep -E '^(Done|stat::number_of_executed_units|stat::peak_rss_mb)|cov: ' "$work/$target.log" |
+      tail -n 4
+  done
+  rm -rf "$work"
+}
+
+test_presets=()
 for preset in "${presets[@]}"; do
+  if [ "$preset" = fuzz ]; then
+    run_fuzz
+  else
+    test_presets+=("$preset")
+  fi
+done
+
+for preset in "${test_presets[@]}"; do
   echo "== $preset"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -171,6 +172,59 @@ class StdoutCapture {
   std::string text_;
   int saved_ = -1;
 };
+
+// Sends everything written to standard error (file descriptor 2, by any
+// thread) into a temporary file until Stop() or destruction.
+class StderrCapture {
+ public:
+  StderrCapture() {
+    std::fflush(stderr);
+    saved_ = dup(2);
+    file_ = dir_.path() + "stderr";
+    const int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(fd, 2);
+    close(fd);
+  }
+  ~StderrCapture() { Stop(); }
+  StderrCapture(const StderrCapture&) = delete;
+  StderrCapture& operator=(const StderrCapture&) = delete;
+
+  // Restores standard error and returns what was captured.
+  std::string Stop() {
+    if (saved_ >= 0) {
+      std::fflush(stderr);
+      dup2(saved_, 2);
+      close(saved_);
+      saved_ = -1;
+      text_ = ReadFile(file_);
+    }
+    return text_;
+  }
+
+ private:
+  TempDir dir_;
+  std::string file_;
+  std::string text_;
+  int saved_ = -1;
+};
+
+// The text of the live log file ("*.txt") in the log directory `dir`, or the
+// empty text when there is none.
+inline std::string ReadLiveLog(const std::string& dir) {
+  std::string text;
+  for (const std::string& name : ListDir(dir)) {
+    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) {
+      text += ReadFile(dir + name);
+    }
+  }
+  return text;
+}
+
+// `text` without the "[M-D hh:mm:ss.mmm][tid:N] " prefixes of its log lines.
+inline std::string StripLogPrefixes(const std::string& text) {
+  static const std::regex prefix(R"(\[\d+-\d+ \d\d:\d\d:\d\d\.\d\d\d\]\[tid:\d+\] )");
+  return std::regex_replace(text, prefix, "");
+}
 
 }  // namespace zel_test
 

@@ -58,6 +58,17 @@ bool isRegularFile(const char* path);
 // `size` must be at least 1.
 void executablePath(char* buf, std::size_t size);
 
+// Reads the environment variable `name` into `value`. Returns false, leaving
+// `value` untouched, when the variable is not set; a variable set to the
+// empty text gives true and an empty `value`.
+bool getEnv(const char* name, std::string* value);
+
+// Renames the file `from` to `to`, replacing an existing file `to` on every
+// platform (rename on POSIX; MoveFileExA with MOVEFILE_REPLACE_EXISTING on
+// Windows, whose runtime rename refuses an existing destination). Returns 0
+// on success, -1 on failure, when `from` is left where it was.
+int replaceFile(const char* from, const char* to);
+
 // ---------------------------------------------------------------------------
 // Pure rules.
 
@@ -110,6 +121,15 @@ inline void formatDateDir(char* buf, std::size_t size, const std::tm& tm) {
 // Writes the start time "hhmmss" of `tm` into `buf` (bounded).
 inline void formatStartTime(char* buf, std::size_t size, const std::tm& tm) {
   std::snprintf(buf, size, "%02d%02d%02d", tm.tm_hour, tm.tm_min, tm.tm_sec);
+}
+
+// Writes the per-user log directory below `appData` into `buf` (bounded,
+// always terminated): `appData`, "ostrel" and "log", each followed by `sep`.
+// For example D:\x with the separator '\' gives D:\x\ostrel\log\ (the last
+// separator included). Returns the length the full text would have, or a
+// negative value on a formatting error.
+inline int formatAppDataPath(char* buf, std::size_t size, const char* appData, char sep) {
+  return std::snprintf(buf, size, "%s%c%s%c%s%c", appData, sep, "ostrel", sep, "log", sep);
 }
 
 }  // namespace platform

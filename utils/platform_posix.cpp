@@ -5,6 +5,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
+
 #include "utils/platform.h"
 
 namespace zel {
@@ -58,6 +61,18 @@ void executablePath(char* buf, std::size_t size) {
       static_cast<std::size_t>(n) < size - 1 ? static_cast<std::size_t>(n) : size - 1;
   std::memcpy(buf, full, len);
   buf[len] = '\0';
+}
+
+bool getEnv(const char* name, std::string* value) {
+  const char* text = std::getenv(name);
+  if (text == nullptr) return false;
+  *value = text;
+  return true;
+}
+
+int replaceFile(const char* from, const char* to) {
+  // POSIX rename replaces an existing destination atomically.
+  return std::rename(from, to) == 0 ? 0 : -1;
 }
 
 }  // namespace platform

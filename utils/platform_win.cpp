@@ -5,6 +5,8 @@
 #include <sys/types.h>
 #include <windows.h>
 
+#include <cstdlib>
+
 #include "utils/platform.h"
 
 namespace zel {
@@ -62,6 +64,20 @@ void executablePath(char* buf, std::size_t size) {
   const DWORD n = GetModuleFileNameA(nullptr, buf, static_cast<DWORD>(size));
   // Windows XP leaves a cut path unterminated; later versions terminate it.
   buf[n < size ? n : size - 1] = '\0';
+}
+
+bool getEnv(const char* name, std::string* value) {
+  // _dupenv_s rather than getenv, which the Windows runtime marks unsafe.
+  char* text = nullptr;
+  std::size_t length = 0;
+  if (_dupenv_s(&text, &length, name) != 0 || text == nullptr) return false;
+  *value = text;
+  std::free(text);
+  return true;
+}
+
+int replaceFile(const char* from, const char* to) {
+  return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0 ? 0 : -1;
 }
 
 }  // namespace platform

@@ -1,0 +1,611 @@
+#include "utils/config_parser.h"
+
+#include <dlfcn.h>
+#include <glib.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/test_util.h"
+#include "utils/logger.h"
+
+// ---------------------------------------------------------------------------
+// Watching the key-file calls. This executable defines the GLib key-file
+// functions that the parser's getters and setter call; the dynamic linker
+// binds the library's calls to these definitions, which note how many
+// threads are inside a key-file call at once and pass the call on to GLib.
+
+namespace {
+
+std::atomic<int> gThreadsInside{0};
+std::atomic<bool> gOverlap{false};
+std::atomic<long> gKeyFileCalls{0};
+thread_local int tNesting = 0;
+
+// Marks one key-file call of the calling thread; nested calls (GLib calling
+// itself) count once.
+class KeyFileCall {
+ public:
+  KeyFileCall() {
+    if (tNesting++ > 0) return;
+    gKeyFileCalls.fetch_add(1);
+    if (gThreadsInside.fetch_add(1) != 0) gOverlap.store(true);
+    // Widens the window in which a second, unlocked caller would be seen.
+    std::this_thread::yield();
+  }
+  ~KeyFileCall() {
+    if (--tNesting == 0) gThreadsInside.fetch_sub(1);
+  }
+  KeyFileCall(const KeyFileCall&) = delete;
+  KeyFileCall& operator=(const KeyFileCall&) = delete;
+};
+
+// GLib's own definition of `name`.
+template <typename Function>
+Function Real(Function, const char* name) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+#define ZEL_TEST_PASS_ON(name, ...)            \
+  static const auto real = Real(&name, #name); \
+  KeyFileCall call;                            \
+  return real(__VA_ARGS__)
+
+extern "C" {
+
+__attribute__((visibility("default"))) gchar* g_key_file_get_string(GKeyFile* k, const gchar* g,
+                                                                    const gchar* key, GError** e) {
+  ZEL_TEST_PASS_ON(g_key_file_get_string, k, g, key, e);
+}
+
+__attribute__((visibility("default"))) gint g_key_file_get_integer(GKeyFile* k, const gchar* g,
+                                                                   const gchar* key, GError** e) {
+  ZEL_TEST_PASS_ON(g_key_file_get_integer, k, g, key, e);
+}
+
+__attribute__((visibility("default"))) gdouble g_key_file_get_double(GKeyFile* k, const gchar* g,
+                                                                     const gchar* key, GError** e) {
+  ZEL_TEST_PASS_ON(g_key_file_get_double, k, g, key, e);
+}
+
+__attribute__((visibility("default"))) gboolean g_key_file_get_boolean(GKeyFile* k, const gchar* g,
+                                                                       const gchar* key,
+                                                                       GError** e) {
+  ZEL_TEST_PASS_ON(g_key_file_get_boolean, k, g, key, e);
+}
+
+__attribute__((visibility("default"))) gchar** g_key_file_get_string_list(GKeyFile* k,
+                                                                          const gchar* g,
+                                                                          const gchar* key,
+                                                                          gsize* n, GError** e) {
+  ZEL_TEST_PASS_ON(g_key_file_get_string_list, k, g, key, n, e);
+}
+
+__attribute__((visibility("default"))) gint* g_key_file_get_integer_list(GKeyFile* k,
+                                                                         const gchar* g,
+                                                                         const gchar* key, gsize* n,
+                                                                         GError** e) {
+  ZEL_TEST_PASS_ON(g_key_file_get_integer_list, k, g, key, n, e);
+}
+
+__attribute__((visibility("default"))) gdouble* g_key_file_get_double_list(GKeyFile* k,
+                                                                           const gchar* g,
+                                                                           const gchar* key,
+                                                                           gsize* n, GError** e) {
+  ZEL_TEST_PASS_ON(g_key_file_get_double_list, k, g, key, n, e);
+}
+
+__attribute__((visibility("default"))) gboolean* g_key_file_get_boolean_list(GKeyFile* k,
+                                                                             const gchar* g,
+                                                                             const gchar* key,
+                                                                             gsize* n, GError** e) {
+  ZEL_TEST_PASS_ON(g_key_file_get_boolean_list, k, g, key, n, e);
+}
+
+__attribute__((visibility("default"))) void g_key_file_set_string(GKeyFile* k, const gchar* g,
+                                                                  const gchar* key,
+                                                                  const gchar* value) {
+  ZEL_TEST_PASS_ON(g_key_file_set_string, k, g, key, value);
+}
+
+}  // extern "C"
+
+namespace {
+
+using zel::ConfigParser;
+using zel_test::ReadFile;
+using zel_test::ReadLiveLog;
+using zel_test::StderrCapture;
+using zel_test::StripLogPrefixes;
+using zel_test::TempDir;
+using zel_test::WriteFile;
+
+const std::string kDataDir = std::string(ZEL_TEST_DATA_DIR) + "config_parser/";
+const std::string kSample = kDataDir + "sample.conf";
+
+// Records the lines forwarded to the log backends.
+class RecordingBackend : public zel::LogBackend {
+ public:
+  void Log(const std::string& line) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back(line);
+  }
+  std::vector<std::string> lines() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+// Logs a marker line, waits until everything is written and returns the
+// log's text, prefixes removed. The marker proves that the log works, so a
+// text of the marker alone means that nothing else was logged.
+std::string LoggedText() {
+  log_print(0, 0, "marker\n");
+  zel_log_flush();
+  return StripLogPrefixes(ReadLiveLog(zel::Logger::GetLogPath()));
+}
+
+// The message of the error that GLib reports for `call` on the key file at
+// `path`; empty when it reports none.
+std::string GLibMessage(const std::string& path,
+                        const std::function<void(GKeyFile*, GError**)>& call) {
+  GKeyFile* keyFile = g_key_file_new();
+  std::string message;
+  if (g_key_file_load_from_file(keyFile, path.c_str(), G_KEY_FILE_NONE, nullptr)) {
+    GError* error = nullptr;
+    call(keyFile, &error);
+    if (error != nullptr) {
+      message = error->message;
+      g_error_free(error);
+    }
+  }
+  g_key_file_free(keyFile);
+  return message;
+}
+
+// The error line of a getter, prefix removed.
+std::string GetterLine(const std::string& function, int line, const std::string& message) {
+  return "[][/config_parser.cpp zel::ConfigParser::" + function + " " + std::to_string(line) +
+         "] Error:" + message + " \n\n";
+}
+
+// ---------------------------------------------------------------------------
+// Init
+
+TEST(ConfigParserTest, InitWithEmptyPathFailsWithLineThirteen) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  RecordingBackend backend;
+  zel::Logger::GetInstance()->RegisterBackend(&backend);
+  ConfigParser parser;
+  EXPECT_EQ(parser.Init("", ","), -1);
+  const std::string expected =
+      "[][/config_parser.cpp zel::ConfigParser::Init 13] Error:file[] err\n";
+  EXPECT_EQ(LoggedText(), expected + "marker\n");
+  // Flag 1: the line is forwarded too.
+  const std::vector<std::string> forwarded = backend.lines();
+  ASSERT_EQ(forwarded.size(), 1u);
+  EXPECT_EQ(StripLogPrefixes(forwarded[0]), expected);
+  // No key file: the getters give their defaults.
+  int value = 5;
+  EXPECT_EQ(parser.GetIntegerVal("device", "id", &value), 0);
+  EXPECT_EQ(value, 0);
+}
+
+TEST(ConfigParserTest, InitWithMissingFileFailsWithLineTwentyNine) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  RecordingBackend backend;
+  zel::Logger::GetInstance()->RegisterBackend(&backend);
+  const std::string path = dir.path() + "missing.conf";
+  ConfigParser parser;
+  EXPECT_EQ(parser.Init(path, ","), -1);
+  const std::string expected =
+      "[][/config_parser.cpp zel::ConfigParser::Init 29] Error:file[" + path + "] err\n";
+  EXPECT_EQ(LoggedText(), expected + "marker\n");
+  const std::vector<std::string> forwarded = backend.lines();
+  ASSERT_EQ(forwarded.size(), 1u);
+  EXPECT_EQ(StripLogPrefixes(forwarded[0]), expected);
+}
+
+TEST(ConfigParserTest, InitLoadsFileWithoutLogging) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  EXPECT_EQ(parser.Init(kSample, ""), 0);
+  EXPECT_EQ(parser.GetStringVal("device", "name"), "usb disk");
+  EXPECT_EQ(LoggedText(), "marker\n");
+}
+
+TEST(ConfigParserTest, OnlyASeparatorOfOneCharacterChangesTheListSeparator) {
+  zel_set_log_level(-1);
+  const std::string path = kDataDir + "separators.conf";
+  const struct {
+    const char* separator;
+    std::vector<std::string> commaList;
+    std::vector<std::string> semicolonList;
+  } cases[] = {
+      {",", {"a", "b"}, {"a;b"}},
+      {",;", {"a,b"}, {"a", "b"}},
+      {"", {"a,b"}, {"a", "b"}},
+      {";", {"a,b"}, {"a", "b"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string("separator \"") + c.separator + "\"");
+    ConfigParser parser;
+    ASSERT_EQ(parser.Init(path, c.separator), 0);
+    EXPECT_EQ(parser.GetStringVals("g", "k"), c.commaList);
+    EXPECT_EQ(parser.GetStringVals("g", "semi"), c.semicolonList);
+  }
+}
+
+TEST(ConfigParserTest, SecondInitReplacesTheKeyFile) {
+  zel_set_log_level(-1);
+  TempDir dir;
+  WriteFile(dir.path() + "first.conf", "[g]\nk=first\nonly=1\n");
+  WriteFile(dir.path() + "second.conf", "[g]\nk=second\n");
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(dir.path() + "first.conf", ""), 0);
+  ASSERT_EQ(parser.Init(dir.path() + "second.conf", ""), 0);
+  EXPECT_EQ(parser.GetStringVal("g", "k"), "second");
+  EXPECT_EQ(parser.GetStringVal("g", "only"), "");
+}
+
+TEST(ConfigParserTest, FailedInitAfterALoadLeavesNoKeyFile) {
+  zel_set_log_level(-1);
+  TempDir dir;
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  ASSERT_EQ(parser.GetStringVal("device", "name"), "usb disk");
+  EXPECT_EQ(parser.Init(dir.path() + "missing.conf", ""), -1);
+  EXPECT_EQ(parser.GetStringVal("device", "name"), "");
+  EXPECT_TRUE(parser.GetStringVals("device", "aliases").empty());
+  EXPECT_FALSE(parser.GetBooleanVal("device", "enabled"));
+  double ratio = 1.0;
+  EXPECT_EQ(parser.GetDoubleVal("device", "ratio", &ratio), 0);
+  EXPECT_EQ(ratio, 0.0);
+}
+
+TEST(ConfigParserTest, GettersBeforeInitGiveDefaultsSilently) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  StderrCapture capture;
+  EXPECT_EQ(parser.GetStringVal("device", "name"), "");
+  EXPECT_TRUE(parser.GetIntegerVals("device", "ports").empty());
+  EXPECT_FALSE(parser.GetBooleanVal("device", "enabled"));
+  int id = 5;
+  EXPECT_EQ(parser.GetIntegerVal("device", "id", &id), 0);
+  EXPECT_EQ(id, 0);
+  EXPECT_EQ(capture.Stop(), "");
+  EXPECT_EQ(LoggedText(), "marker\n");
+}
+
+TEST(ConfigParserTest, InitFailsOnFileWithByteOrderMark) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  const std::string path = dir.path() + "bom.conf";
+  WriteFile(path, "\xEF\xBB\xBF[g]\nk=v\n");
+  ConfigParser parser;
+  EXPECT_EQ(parser.Init(path, ""), -1);
+  EXPECT_EQ(parser.GetStringVal("g", "k"), "");
+  EXPECT_EQ(LoggedText(), "[][/config_parser.cpp zel::ConfigParser::Init 29] Error:file[" + path +
+                              "] err\n" + "marker\n");
+}
+
+TEST(ConfigParserTest, EmptyFileLoadsAndReportsMissingGroup) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  const std::string path = dir.path() + "empty.conf";
+  WriteFile(path, "");
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(path, ""), 0);
+  EXPECT_EQ(parser.GetStringVal("g", "k"), "");
+  const std::vector<std::string> items = parser.GetStringVals("g", "k");
+  EXPECT_TRUE(items.empty());
+  const std::string message = GLibMessage(path, [](GKeyFile* keyFile, GError** error) {
+    gsize length = 0;
+    g_strfreev(g_key_file_get_string_list(keyFile, "g", "k", &length, error));
+  });
+  ASSERT_FALSE(message.empty());
+  EXPECT_EQ(LoggedText(), GetterLine("GetStringVals", 151, message) + "marker\n");
+}
+
+TEST(ConfigParserTest, InvalidUtf8ValueReadsAsEmpty) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  const std::string path = dir.path() + "latin1.conf";
+  WriteFile(path, "[g]\nk=caf\xE9\nlist=a;caf\xE9\nok=fine\n");
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(path, ""), 0);
+  EXPECT_EQ(parser.GetStringVal("g", "k"), "");
+  EXPECT_EQ(parser.GetStringVal("g", "ok"), "fine");
+  EXPECT_TRUE(parser.GetStringVals("g", "list").empty());
+  const std::string message = GLibMessage(path, [](GKeyFile* keyFile, GError** error) {
+    gsize length = 0;
+    g_strfreev(g_key_file_get_string_list(keyFile, "g", "list", &length, error));
+  });
+  ASSERT_FALSE(message.empty());
+  // GetStringVal clears its error silently; the list getter logs it.
+  EXPECT_EQ(LoggedText(), GetterLine("GetStringVals", 151, message) + "marker\n");
+}
+
+TEST(ConfigParserTest, MissingGroupGivesDefaults) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  int id = 5;
+  EXPECT_EQ(parser.GetIntegerVal("nogroup", "id", &id), 0);
+  EXPECT_EQ(id, 0);
+  EXPECT_FALSE(parser.GetBooleanVal("nogroup", "enabled"));
+  EXPECT_EQ(parser.GetStringVal("nogroup", "name"), "");
+  double ratio = 1.0;
+  EXPECT_EQ(parser.GetDoubleVal("nogroup", "ratio", &ratio), 0);
+  EXPECT_EQ(ratio, 0.0);
+  const std::string message = GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
+    g_key_file_get_double(keyFile, "nogroup", "ratio", error);
+  });
+  ASSERT_FALSE(message.empty());
+  EXPECT_EQ(LoggedText(), GetterLine("GetDoubleVal", 105, message) + "marker\n");
+}
+
+// ---------------------------------------------------------------------------
+// Typed getters
+
+TEST(ConfigParserTest, GettersReadTypedValuesOfGoldenFile) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  EXPECT_EQ(parser.GetStringVal("device", "name"), "usb disk");
+  int id = 0;
+  EXPECT_EQ(parser.GetIntegerVal("device", "id", &id), 0);
+  EXPECT_EQ(id, 42);
+  double ratio = 0.0;
+  EXPECT_EQ(parser.GetDoubleVal("device", "ratio", &ratio), 0);
+  EXPECT_EQ(ratio, 0.75);
+  EXPECT_TRUE(parser.GetBooleanVal("device", "enabled"));
+  EXPECT_EQ(parser.GetStringVals("device", "aliases"),
+            (std::vector<std::string>{"disk", "stick", "drive"}));
+  EXPECT_EQ(parser.GetIntegerVals("device", "ports"), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(parser.GetDoubleVals("device", "limits"), (std::vector<double>{0.5, 1.5, -2.0}));
+  EXPECT_EQ(parser.GetBooleanVals("device", "flags"), (std::vector<bool>{true, false, true}));
+  EXPECT_EQ(LoggedText(), "marker\n");
+}
+
+TEST(ConfigParserTest, EmptyGroupOrKeyGivesDefaultsWithoutTouchingOutput) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  const struct {
+    const char* group;
+    const char* key;
+  } cases[] = {{"", "id"}, {"device", ""}, {"", ""}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.group) + "/" + c.key);
+    int id = 5;
+    EXPECT_EQ(parser.GetIntegerVal(c.group, c.key, &id), -1);
+    EXPECT_EQ(id, 5);
+    double ratio = 2.5;
+    EXPECT_EQ(parser.GetDoubleVal(c.group, c.key, &ratio), -1);
+    EXPECT_EQ(ratio, 2.5);
+    EXPECT_EQ(parser.GetStringVal(c.group, c.key), "");
+    EXPECT_FALSE(parser.GetBooleanVal(c.group, c.key));
+    EXPECT_TRUE(parser.GetStringVals(c.group, c.key).empty());
+    EXPECT_TRUE(parser.GetIntegerVals(c.group, c.key).empty());
+    EXPECT_TRUE(parser.GetDoubleVals(c.group, c.key).empty());
+    EXPECT_TRUE(parser.GetBooleanVals(c.group, c.key).empty());
+  }
+  EXPECT_EQ(LoggedText(), "marker\n");
+}
+
+TEST(ConfigParserTest, IntegerMissingKeyStoresZeroWithoutLine) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  int value = 42;
+  EXPECT_EQ(parser.GetIntegerVal("device", "missing", &value), 0);
+  EXPECT_EQ(value, 0);
+  value = 42;
+  EXPECT_EQ(parser.GetIntegerVal("bad", "number", &value), 0);
+  EXPECT_EQ(value, 0);
+  EXPECT_EQ(LoggedText(), "marker\n");
+}
+
+TEST(ConfigParserTest, DoubleThatIsNotANumberLogsLine105) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  RecordingBackend backend;
+  zel::Logger::GetInstance()->RegisterBackend(&backend);
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  double value = 9.5;
+  EXPECT_EQ(parser.GetDoubleVal("bad", "number", &value), 0);
+  EXPECT_EQ(value, 0.0);
+  const std::string message = GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
+    g_key_file_get_double(keyFile, "bad", "number", error);
+  });
+  ASSERT_FALSE(message.empty());
+  EXPECT_EQ(LoggedText(), GetterLine("GetDoubleVal", 105, message) + "marker\n");
+  // Flag 0: not forwarded.
+  EXPECT_TRUE(backend.lines().empty());
+}
+
+TEST(ConfigParserTest, BooleanAndStringMissingKeyGiveDefaultsWithoutLine) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  EXPECT_FALSE(parser.GetBooleanVal("device", "missing"));
+  EXPECT_FALSE(parser.GetBooleanVal("device", "name"));
+  EXPECT_EQ(parser.GetStringVal("device", "missing"), "");
+  EXPECT_EQ(LoggedText(), "marker\n");
+}
+
+TEST(ConfigParserTest, ListGetterErrorsLogTheirLines) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  std::string expected;
+
+  EXPECT_TRUE(parser.GetIntegerVals("bad", "numbers").empty());
+  expected +=
+      GetterLine("GetIntegerVals", 175, GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
+                   gsize length = 0;
+                   g_free(g_key_file_get_integer_list(keyFile, "bad", "numbers", &length, error));
+                 }));
+  EXPECT_TRUE(parser.GetDoubleVals("bad", "numbers").empty());
+  expected +=
+      GetterLine("GetDoubleVals", 200, GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
+                   gsize length = 0;
+                   g_free(g_key_file_get_double_list(keyFile, "bad", "numbers", &length, error));
+                 }));
+  EXPECT_TRUE(parser.GetBooleanVals("device", "aliases").empty());
+  expected += GetterLine(
+      "GetBooleanVals", 126, GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
+        gsize length = 0;
+        g_free(g_key_file_get_boolean_list(keyFile, "device", "aliases", &length, error));
+      }));
+  EXPECT_TRUE(parser.GetStringVals("device", "missing").empty());
+  expected += GetterLine(
+      "GetStringVals", 151, GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
+        gsize length = 0;
+        g_strfreev(g_key_file_get_string_list(keyFile, "device", "missing", &length, error));
+      }));
+  EXPECT_EQ(LoggedText(), expected + "marker\n");
+}
+
+// ---------------------------------------------------------------------------
+// SetValuesByString and GetRoot
+
+TEST(ConfigParserTest, SetValuesByStringChangesTheCopyAndLogsNotImplement) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  const std::string path = dir.path() + "client.conf";
+  WriteFile(path, ReadFile(kSample));
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(path, ""), 0);
+  EXPECT_EQ(parser.SetValuesByString("g", "k", "v"), 0);
+  EXPECT_EQ(parser.GetStringVal("g", "k"), "v");
+  EXPECT_EQ(parser.SetValuesByString("device", "name", "camera"), 0);
+  EXPECT_EQ(parser.GetStringVal("device", "name"), "camera");
+  EXPECT_EQ(ReadFile(path), ReadFile(kSample));
+  const std::string line =
+      "[][/config_parser.cpp zel::ConfigParser::SetValuesByString 224] Error:not implement\n";
+  EXPECT_EQ(LoggedText(), line + line + "marker\n");
+}
+
+TEST(ConfigParserTest, SetValuesByStringRefusesEmptyArguments) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  EXPECT_EQ(parser.SetValuesByString("device", "name", ""), -1);
+  EXPECT_EQ(parser.SetValuesByString("device", "", "v"), -1);
+  EXPECT_EQ(parser.SetValuesByString("", "name", "v"), -1);
+  EXPECT_EQ(parser.GetStringVal("device", "name"), "usb disk");
+  EXPECT_EQ(LoggedText(), "marker\n");
+}
+
+TEST(ConfigParserTest, GetRootIsAlwaysEmpty) {
+  zel_set_log_level(-1);
+  ConfigParser parser;
+  EXPECT_EQ(parser.GetRoot(), "");
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  EXPECT_EQ(parser.GetRoot(), "");
+}
+
+TEST(ConfigParserTest, LevelMinusOneSilencesEveryLine) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  zel_set_log_level(-1);
+  ConfigParser parser;
+  EXPECT_EQ(parser.Init("", ""), -1);
+  EXPECT_EQ(parser.Init(dir.path() + "missing.conf", ""), -1);
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  double value = 1.0;
+  EXPECT_EQ(parser.GetDoubleVal("bad", "number", &value), 0);
+  EXPECT_TRUE(parser.GetIntegerVals("bad", "numbers").empty());
+  EXPECT_TRUE(parser.GetDoubleVals("bad", "numbers").empty());
+  EXPECT_TRUE(parser.GetBooleanVals("device", "aliases").empty());
+  EXPECT_TRUE(parser.GetStringVals("device", "missing").empty());
+  EXPECT_EQ(parser.SetValuesByString("g", "k", "v"), 0);
+  EXPECT_EQ(LoggedText(), "marker\n");
+}
+
+TEST(ConfigParserTest, LevelZeroStillLogsErrors) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  zel_set_log_level(0);
+  ConfigParser parser;
+  EXPECT_EQ(parser.Init("", ""), -1);
+  EXPECT_EQ(LoggedText(),
+            "[][/config_parser.cpp zel::ConfigParser::Init 13] Error:file[] err\nmarker\n");
+}
+
+// ---------------------------------------------------------------------------
+// Threads
+
+TEST(ConfigParserTest, EightThreadsShareOneParser) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(kSample, ""), 0);
+  constexpr int kThreads = 8;
+  constexpr int kRounds = 200;
+  std::atomic<int> failures{0};
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      // Start together, so that the calls overlap.
+      ready.fetch_add(1);
+      while (ready.load() < kThreads) std::this_thread::yield();
+      for (int r = 0; r < kRounds; ++r) {
+        int id = 0;
+        double ratio = 0.0;
+        double bad = 1.0;
+        if (parser.GetIntegerVal("device", "id", &id) != 0 || id != 42) ++failures;
+        if (parser.GetDoubleVal("device", "ratio", &ratio) != 0 || ratio != 0.75) ++failures;
+        if (parser.GetDoubleVal("bad", "number", &bad) != 0 || bad != 0.0) ++failures;
+        if (parser.GetStringVal("device", "name") != "usb disk") ++failures;
+        if (!parser.GetBooleanVal("device", "enabled")) ++failures;
+        if (parser.GetStringVals("device", "aliases").size() != 3) ++failures;
+        if (parser.GetIntegerVals("device", "ports") != std::vector<int>{1, 2, 3}) ++failures;
+        if (parser.GetDoubleVals("device", "limits").size() != 3) ++failures;
+        if (parser.GetBooleanVals("device", "flags").size() != 3) ++failures;
+        const std::string own = "thread" + std::to_string(t);
+        if (parser.SetValuesByString("own", own, std::to_string(r)) != 0) ++failures;
+        if (parser.GetStringVal("own", own) != std::to_string(r)) ++failures;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(failures.load(), 0);
+  // The calls went through the watch above, and never two at once.
+  EXPECT_GE(gKeyFileCalls.load(), kThreads * kRounds * 11L);
+  EXPECT_FALSE(gOverlap.load());
+  // Every error line was written whole.
+  const std::string text = LoggedText();
+  EXPECT_EQ(zel_test::CountOccurrences(text, "zel::ConfigParser::GetDoubleVal 105] Error:"),
+            kThreads * kRounds);
+  EXPECT_EQ(zel_test::CountOccurrences(text, "SetValuesByString 224] Error:not implement\n"),
+            kThreads * kRounds);
+}
+
+}  // namespace
