@@ -1,7 +1,8 @@
 // Demonstration of zel_utils: a process-wide asynchronous log written from
 // several threads into a per-day directory, with a backend that receives the
 // forwarded lines; a worker running closures; one-shot and periodic timers;
-// an INI file and a key file read and changed; the string helpers.
+// an INI file and a key file read and changed; the string helpers; device
+// and error events delivered through the tracing client.
 //
 // Usage: zel_demo [directory]
 // Everything is written under `directory` (by default a fresh directory
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "examples/demo_parts.h"
+#include "examples/demo_tracker.h"
 #include "utils/logger.h"
 #include "utils/process_path.h"
 #include "utils/timer.h"
@@ -188,6 +190,7 @@ int main(int argc, char** argv) {
   DemoWorker();
   DemoTimer();
   DemoConfiguration(work);
+  DemoTracker(work);
 
   zel_log_flush();
   std::printf("\n== done\n");

@@ -57,7 +57,7 @@ void demoKeyFile(const std::string& workDir) {
             "ports=1,4,7\n"
             "gains=0.5,1.25\n"
             "enabled=true,false,true\n");
-  std::printf("\n== Key file %s\n", path.c_str());
+  std::printf("\n-- key file %s\n", path.c_str());
   printIndented(readText(path));
 
   zel::ConfigParser parser;
@@ -106,7 +106,7 @@ void demoIniFile(const std::string& workDir) {
             "port=80\n"
             "[log]\n"
             "level=3\n");
-  std::printf("\n== INI file %s\n", path.c_str());
+  std::printf("\n-- INI file %s\n", path.c_str());
   printIndented(readText(path));
 
   char* host = GetKeyStringFromFile(path.c_str(), "net", "host");
@@ -134,7 +134,7 @@ void demoIniFile(const std::string& workDir) {
 }
 
 void demoStrings() {
-  std::printf("\n== String helpers\n");
+  std::printf("\n-- string helpers\n");
   for (const char* text : {"([]{})", "([)]", "f(a[b]"}) {
     std::printf("  check_brackets(\"%s\") = %s\n", text, check_brackets(text) ? "true" : "false");
   }

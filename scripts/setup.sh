@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config make
   googletest libgtest-dev
-  libglib2.0-dev libjsoncpp-dev
+  libglib2.0-dev libjsoncpp-dev libcurl4-openssl-dev
   faketime clang-format
   clang libclang-rt-14-dev
 )
