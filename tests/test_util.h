@@ -14,11 +14,14 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "utils/logger.h"
 
 namespace zel_test {
 
@@ -224,6 +227,34 @@ inline std::string ReadLiveLog(const std::string& dir) {
 inline std::string StripLogPrefixes(const std::string& text) {
   static const std::regex prefix(R"(\[\d+-\d+ \d\d:\d\d:\d\d\.\d\d\d\]\[tid:\d+\] )");
   return std::regex_replace(text, prefix, "");
+}
+
+// A log backend that keeps every line handed to it. Register it with
+// zel::Logger::RegisterBackend() and keep it alive until the process ends.
+class LineRecorder : public zel::LogBackend {
+ public:
+  void Log(const std::string& line) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back(line);
+  }
+  std::vector<std::string> lines() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+// Logs a marker line, waits until everything is written and returns the
+// text of the live log file, prefixes removed. The marker proves that the
+// log works, so a text of the marker alone means that nothing else was
+// logged.
+inline std::string LoggedText() {
+  log_print(0, 0, "marker\n");
+  zel_log_flush();
+  return StripLogPrefixes(ReadLiveLog(zel::Logger::GetLogPath()));
 }
 
 }  // namespace zel_test

@@ -115,7 +115,6 @@ namespace {
 using zel::ZelClientTrackDevice;
 using zel::ZelClientTracker;
 using zel::ZelClientTrackerPeer;
-using zel_test::ReadLiveLog;
 using zel_test::StripLogPrefixes;
 using zel_test::TempDir;
 
@@ -133,22 +132,7 @@ static_assert(std::is_same<decltype(ZelClientTrackDevice::cids), std::vector<uin
 static_assert(std::is_same<decltype(ZelClientTrackDevice::status), uint16_t>::value, "status");
 static_assert(std::is_same<decltype(ZelClientTrackDevice::vmid), uint32_t>::value, "vmid");
 
-// Keeps the lines handed to the log backends.
-class RecordingBackend : public zel::LogBackend {
- public:
-  void Log(const std::string& line) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(line);
-  }
-  std::vector<std::string> lines() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
+using RecordingBackend = zel_test::LineRecorder;
 
 // `text` with the line numbers of the tracker's log lines replaced by "N".
 std::string WithoutLineNumbers(const std::string& text) {
@@ -213,11 +197,7 @@ class ZelClientTrackerTest : public ::testing::Test {
   // Logs a marker, waits until everything is written and returns the log's
   // text with prefixes removed and the tracker's line numbers as "N". A text
   // of the marker alone means that nothing else was logged.
-  std::string LoggedText() {
-    log_print(0, 0, "marker\n");
-    zel_log_flush();
-    return WithoutLineNumbers(StripLogPrefixes(ReadLiveLog(zel::Logger::GetLogPath())));
-  }
+  std::string LoggedText() { return WithoutLineNumbers(zel_test::LoggedText()); }
 
   // The lines handed to the backend so far (the marker is not forwarded).
   std::vector<std::string> Forwarded() {

@@ -11,35 +11,12 @@
 
 namespace {
 
-using zel_test::ReadLiveLog;
 using zel_test::StripLogPrefixes;
 using zel_test::TempDir;
 
-// Records the lines forwarded to the log backends.
-class RecordingBackend : public zel::LogBackend {
- public:
-  void Log(const std::string& line) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(line);
-  }
-  std::vector<std::string> lines() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
+using RecordingBackend = zel_test::LineRecorder;
 
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
-// Logs a marker line, waits until everything is written and returns the
-// log's text, prefixes removed. The marker proves that the log works, so a
-// text of the marker alone means that nothing else was logged.
-std::string LoggedText() {
-  log_print(0, 0, "marker\n");
-  zel_log_flush();
-  return StripLogPrefixes(ReadLiveLog(zel::Logger::GetLogPath()));
-}
+using zel_test::LoggedText;
 
 // ---------------------------------------------------------------------------
 // check_brackets
