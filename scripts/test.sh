@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Sets up a fresh machine, then runs each fuzz target for a minute and builds
-# and runs every test: in Release, under AddressSanitizer +
-# UndefinedBehaviorSanitizer, and under ThreadSanitizer. Give preset names
-# (fuzz, release, debug, asan, tsan) to run only those.
+# Sets up a fresh machine, then checks formatting, runs each fuzz target for
+# a minute, and builds and runs every test: in Release, under AddressSanitizer
+# + UndefinedBehaviorSanitizer and under ThreadSanitizer, plus the stages of
+# their own (install, benchmarks, stress, Windows). Give stage names to run
+# only those: fuzz, install, bench, stress, windows, or a test preset
+# (release, debug, asan, tsan).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,11 +18,11 @@ if grep -n '_WIN32' utils/*.cpp utils/*.h | grep -v -e 'utils/platform_' -e 'uti
 fi
 
 # House formatting.
-clang-format --dry-run --Werror utils/*.h utils/*.cpp tracer/*.h tracer/*.cpp tests/*.h \
-  tests/*.cpp examples/*.cpp examples/*.h fuzz/*.h fuzz/*.cpp
+find utils tracer tests examples fuzz bench \( -name '*.h' -o -name '*.cpp' \) -print0 2>/dev/null |
+  xargs -0 clang-format --dry-run --Werror
 
 presets=("$@")
-[ ${#presets[@]} -eq 0 ] && presets=(fuzz release asan tsan)
+[ ${#presets[@]} -eq 0 ] && presets=(fuzz install bench stress release asan tsan windows)
 
 # Fuzzing (preset name "fuzz"), before the test presets so that the run ends
 # with ctest's summary: each libFuzzer target runs for FUZZ_SECONDS (default
@@ -34,7 +36,9 @@ run_fuzz() {
   cmake --preset fuzz >/dev/null
   cmake --build --preset fuzz
   mkdir -p build/fuzz/artifacts
-  for target in zel_string config_file config_parser; do
+  for dir in fuzz/corpus/*/; do
+    local target
+    target="$(basename "$dir")"
     echo "== fuzz $target (${seconds} s)"
     cp -r "fuzz/corpus/$target" "$work/$target"
     if ! "build/fuzz/fuzz/${target}_fuzz" -max_total_time="$seconds" -detect_leaks=1 \
@@ -51,18 +55,19 @@ run_fuzz() {
   rm -rf "$work"
 }
 
-test_presets=()
-for preset in "${presets[@]}"; do
-  if [ "$preset" = fuzz ]; then
-    run_fuzz
-  else
-    test_presets+=("$preset")
-  fi
-done
-
-for preset in "${test_presets[@]}"; do
-  echo "== $preset"
-  cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset"
-  ctest --preset "$preset"
+# Each stage in the order given; the default order ends with a ctest summary.
+for stage in "${presets[@]}"; do
+  case "$stage" in
+    fuzz) run_fuzz ;;
+    install | bench | stress | windows)
+      echo "== $stage"
+      bash "scripts/ci-$stage.sh"
+      ;;
+    *)
+      echo "== $stage"
+      cmake --preset "$stage" >/dev/null
+      cmake --build --preset "$stage"
+      ctest --preset "$stage"
+      ;;
+  esac
 done
