@@ -1,15 +1,17 @@
 // Demonstration of zel_utils: a process-wide asynchronous log written from
 // several threads into a per-day directory, with a backend that receives the
-// forwarded lines; a worker running closures; one-shot and periodic timers;
-// an INI file and a key file read and changed; the string helpers; device
-// and error events delivered through the tracing client.
+// forwarded lines, and its files rotated under a small size limit; a worker running closures;
+// one-shot and periodic timers; an INI file and a key file read and changed; the string helpers;
+// device and error events delivered through the tracing client.
 //
 // Usage: zel_demo [directory]
 // Everything is written under `directory` (by default a fresh directory
 // under the system's temporary directory), whose name is printed.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -133,6 +135,44 @@ void DemoTimer() {
   for (const std::string& e : events) std::printf("   %s\n", e.c_str());
 }
 
+// A small size limit makes the live file rotate: each time it has grown
+// past the limit it is renamed with the next index and a new live file is
+// started; only the newest files up to the kept count stay.
+void DemoRotation(const std::string& dir) {
+  constexpr int kMaxSize = 4096;
+  constexpr int kMaxCount = 3;
+  constexpr int kLines = 160;
+  std::printf("\n-- rotation: %d lines with a size limit of %d bytes, %d files kept\n", kLines,
+              kMaxSize, kMaxCount);
+  zel::Logger::GetInstance()->SetLogFileInfo(kMaxSize, kMaxCount);
+  for (int i = 0; i < kLines; ++i) {
+    log_print(3, 0, "[%s][%s %s %d] Debug:device %s attached vid=0x%04x pid=0x%04x (%d)\n", "",
+              "/demo.cpp", "DemoRotation", __LINE__, "disk", 0x1234, 0x0001, i);
+  }
+  zel_log_flush();
+  zel::Logger::GetInstance()->SetLogFileInfo(5 * 1024 * 1024, 10);  // the defaults again
+
+  // Rotated files by index, then the live file.
+  auto rank = [](const std::filesystem::path& p) {
+    const std::string ext = p.extension().string();
+    return ext == ".txt" ? 1000 : std::atoi(ext.c_str() + 1);
+  };
+  std::vector<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) files.push_back(entry.path());
+  std::sort(files.begin(), files.end(),
+            [&rank](const auto& a, const auto& b) { return rank(a) < rank(b); });
+  std::printf("   %s now holds, rotated files by index, then the live file:\n", dir.c_str());
+  for (const auto& path : files) {
+    const std::vector<std::string> lines = Tail(path.string(), 1);
+    std::printf("     %-34s %6ju bytes, last line ends \"...%s\"\n",
+                path.filename().string().c_str(),
+                static_cast<std::uintmax_t>(std::filesystem::file_size(path)),
+                lines.empty() ? "" : lines.back().substr(lines.back().size() - 12).c_str());
+  }
+  std::printf("   (.txt is the live file; each rotation renames it to the next index\n");
+  std::printf("   and deletes the file that falls out of the kept count)\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -187,6 +227,7 @@ int main(int argc, char** argv) {
   std::printf("   live file: %s\n   its last lines:\n", live.c_str());
   for (const std::string& line : Tail(live, 5)) std::printf("     %s\n", line.c_str());
 
+  DemoRotation(dir);
   DemoWorker();
   DemoTimer();
   DemoConfiguration(work);
