@@ -1,0 +1,453 @@
+// The log and the configuration files under faults from outside: the log
+// directory removed or made read-only, the live file removed, renamed or
+// replaced by a directory, a rotation target taken by a directory, writes
+// failing (file size limit, full file system), and a configuration file read
+// while other processes replace it. Each test shows that logging goes on and
+// that only the lines the failure itself hits are lost.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "tests/test_util.h"
+#include "tracer/tracer_client.h"
+#include "utils/config_file.h"
+#include "utils/logger.h"
+
+namespace {
+
+using zel_test::CountOccurrences;
+using zel_test::FileExists;
+using zel_test::IsDirectory;
+using zel_test::ListDir;
+using zel_test::ReadFile;
+using zel_test::ReadLiveLog;
+using zel_test::StdoutCapture;
+using zel_test::TempDir;
+using zel_test::WaitFor;
+
+// Starts the log in `base` with one line and returns the log directory.
+std::string StartLog(const std::string& base) {
+  zel_set_log_level(-1);
+  zel_set_log_path(base.c_str());
+  log_print(0, 0, "first\n");
+  zel_log_flush();
+  return zel::Logger::GetLogPath();
+}
+
+// Every file of the log directory `dir`, concatenated.
+std::string AllLogText(const std::string& dir) {
+  std::string text;
+  for (const std::string& name : ListDir(dir)) {
+    if (!IsDirectory(dir + name)) text += ReadFile(dir + name);
+  }
+  return text;
+}
+
+// The path of the live file in `dir`, or "" when there is none.
+std::string LivePath(const std::string& dir) {
+  for (const std::string& name : ListDir(dir)) {
+    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) return dir + name;
+  }
+  return "";
+}
+
+TEST(FaultTest, RemovedDirectoryIsMadeAgain) {
+  TempDir base;
+  const std::string dir = StartLog(base.path());
+  StdoutCapture out;
+  TempDir::RemoveTree(dir);
+  ASSERT_FALSE(FileExists(dir));
+  log_print(0, 0, "after removal\n");
+  log_print(0, 0, "second after removal\n");
+  zel_log_flush();
+  EXPECT_TRUE(IsDirectory(dir));
+  const std::string text = ReadLiveLog(dir);
+  EXPECT_EQ(CountOccurrences(text, "] after removal\n"), 1);
+  EXPECT_EQ(CountOccurrences(text, "] second after removal\n"), 1);
+  // The vanished live file made the writer rotate; its rename failed.
+  EXPECT_NE(out.Stop().find("zel::Logger::getFile 516,rename error\n"), std::string::npos);
+}
+
+TEST(FaultTest, ReadOnlyDirectoryLosesLinesUntilWritableAgain) {
+  if (geteuid() == 0) GTEST_SKIP() << "running as root: permissions do not stop root's writes";
+  TempDir base;
+  const std::string dir = StartLog(base.path());
+  const std::string live = LivePath(dir);
+  ASSERT_FALSE(live.empty());
+  StdoutCapture out;
+  // Read-only and the live file gone: no new file can be made.
+  ASSERT_EQ(std::remove(live.c_str()), 0);
+  ASSERT_EQ(chmod(dir.c_str(), 0555), 0);
+  log_print(0, 0, "while read-only\n");
+  zel_log_flush();
+  ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
+  log_print(0, 0, "writable again\n");
+  zel_log_flush();
+  const std::string text = AllLogText(dir);
+  EXPECT_EQ(CountOccurrences(text, "] while read-only\n"), 0);
+  EXPECT_EQ(CountOccurrences(text, "] writable again\n"), 1);
+  EXPECT_NE(out.Stop().find("zel::Logger::writeLog 296: fp is null \n"), std::string::npos);
+}
+
+TEST(FaultTest, RemovedLiveFileIsStartedAgain) {
+  TempDir base;
+  const std::string dir = StartLog(base.path());
+  const std::string live = LivePath(dir);
+  ASSERT_EQ(std::remove(live.c_str()), 0);
+  log_print(0, 0, "after the file went\n");
+  zel_log_flush();
+  EXPECT_EQ(LivePath(dir), live);
+  EXPECT_EQ(CountOccurrences(ReadFile(live), "] after the file went\n"), 1);
+}
+
+TEST(FaultTest, RenamedLiveFileKeepsItsLinesAndANewOneStarts) {
+  TempDir base;
+  const std::string dir = StartLog(base.path());
+  const std::string live = LivePath(dir);
+  const std::string moved = dir + "moved-away";
+  ASSERT_EQ(std::rename(live.c_str(), moved.c_str()), 0);
+  log_print(0, 0, "after the rename\n");
+  zel_log_flush();
+  EXPECT_EQ(CountOccurrences(ReadFile(moved), "] first\n"), 1);
+  EXPECT_EQ(CountOccurrences(ReadFile(live), "] after the rename\n"), 1);
+  EXPECT_EQ(CountOccurrences(ReadFile(moved), "] after the rename\n"), 0);
+}
+
+TEST(FaultTest, LiveFileReplacedByADirectory) {
+  TempDir base;
+  const std::string dir = StartLog(base.path());
+  const std::string live = LivePath(dir);
+  ASSERT_EQ(std::remove(live.c_str()), 0);
+  ASSERT_EQ(mkdir(live.c_str(), 0755), 0);
+  log_print(0, 0, "after the directory\n");
+  log_print(0, 0, "and one more\n");
+  zel_log_flush();
+  // Not a regular file: the writer rotates, which renames the directory to
+  // the first rotated name, and opens a new live file.
+  EXPECT_TRUE(IsDirectory(live.substr(0, live.size() - 3) + "0"));
+  const std::string text = ReadFile(live);
+  EXPECT_EQ(CountOccurrences(text, "] after the directory\n"), 1);
+  EXPECT_EQ(CountOccurrences(text, "] and one more\n"), 1);
+}
+
+TEST(FaultTest, RotationTargetTakenByADirectoryLosesNoLine) {
+  TempDir base;
+  zel_set_log_level(-1);
+  zel_set_log_path(base.path().c_str());
+  zel::Logger::GetInstance()->SetLogFileInfo(100, 10);
+  const std::string dir = StartLog(base.path());
+  const std::string live = LivePath(dir);
+  const std::string stem = live.substr(0, live.size() - 3);
+  ASSERT_EQ(mkdir((stem + "0").c_str(), 0755), 0);
+  StdoutCapture out;
+  std::vector<std::string> lines;
+  for (int i = 0; i < 20; ++i) {
+    lines.push_back("line " + std::to_string(i) + " " + std::string(40, 'x') + "\n");
+    log_print(0, 0, "%s", lines.back().c_str());
+  }
+  zel_log_flush();
+  const std::string stdoutText = out.Stop();
+  // The first rotation hits the directory: "rename error", the counter steps
+  // on, and the over-size file is reopened and rotated to the next index.
+  EXPECT_NE(stdoutText.find("zel::Logger::getFile 516,rename error\n"), std::string::npos);
+  EXPECT_TRUE(IsDirectory(stem + "0"));
+  EXPECT_TRUE(FileExists(stem + "1"));
+  const std::string text = AllLogText(dir);
+  for (const std::string& line : lines) EXPECT_EQ(CountOccurrences(text, "] " + line), 1) << line;
+}
+
+TEST(FaultTest, FileSizeLimitLosesOnlyTheFailedLines) {
+  TempDir base;
+  const std::string dir = StartLog(base.path());
+  zel::Logger::GetInstance()->SetLogFileInfo(1 << 20, 10);
+  struct rlimit saved;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  signal(SIGXFSZ, SIG_IGN);
+  StdoutCapture out;
+  const off_t before = static_cast<off_t>(ReadFile(LivePath(dir)).size());
+  struct rlimit small = saved;
+  small.rlim_cur = static_cast<rlim_t>(before + 200);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  log_print(0, 0, "fits %s\n", std::string(50, 'a').c_str());
+  log_print(0, 0, "too big %s\n", std::string(300, 'b').c_str());
+  log_print(0, 0, "too big again %s\n", std::string(300, 'c').c_str());
+  zel_log_flush();
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &saved), 0);
+  log_print(0, 0, "after the limit\n");
+  zel_log_flush();
+  const std::string stdoutText = out.Stop();
+  const std::string text = ReadFile(LivePath(dir));
+  EXPECT_EQ(CountOccurrences(text, "] fits "), 1);
+  EXPECT_EQ(CountOccurrences(text, "] after the limit\n"), 1);
+  // The first line past the limit is cut at it (the kernel writes what
+  // fits), the next one fails whole; both are reported and lost, and the
+  // writer goes on once the limit is lifted.
+  EXPECT_EQ(CountOccurrences(text, "] too big " + std::string(300, 'b') + "\n"), 0);
+  EXPECT_EQ(CountOccurrences(text, "] too big again "), 0);
+  // What fits of the cut line stays in the file, without its newline: the
+  // line after the limit follows it directly.
+  const std::size_t limit = static_cast<std::size_t>(before) + 200;
+  ASSERT_GT(text.size(), limit);
+  EXPECT_EQ(text.compare(limit, 1, "["), 0);
+  EXPECT_EQ(text.compare(limit - 3, 3, "bbb"), 0);
+  EXPECT_GE(CountOccurrences(stdoutText, "zel log write error,ret[-1] \n"), 1);
+}
+
+TEST(FaultTest, FullFileSystemLosesLinesUntilThereIsRoom) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a small tmpfs";
+  TempDir base;
+  if (mount("tmpfs", base.path().c_str(), "tmpfs", 0, "size=64k") != 0) {
+    GTEST_SKIP() << "cannot mount a tmpfs here (" << std::strerror(errno) << ")";
+  }
+  struct Unmount {
+    std::string path;
+    ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+  } unmount{base.path()};
+  const std::string dir = StartLog(base.path());
+  zel::Logger::GetInstance()->SetLogFileInfo(1 << 20, 10);
+  // Fill the file system with a file of our own.
+  const std::string filler = base.path() + "filler";
+  {
+    FILE* f = std::fopen(filler.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    const std::string block(4096, 'f');
+    while (std::fwrite(block.data(), 1, block.size(), f) == block.size() && std::fflush(f) == 0) {
+    }
+    std::fclose(f);
+  }
+  StdoutCapture out;
+  for (int i = 0; i < 20; ++i) log_print(0, 0, "full %d %s\n", i, std::string(400, 'z').c_str());
+  zel_log_flush();
+  EXPECT_NE(out.Peek().find("zel log write error,ret["), std::string::npos);
+  ASSERT_EQ(std::remove(filler.c_str()), 0);
+  log_print(0, 0, "room again\n");
+  zel_log_flush();
+  EXPECT_EQ(CountOccurrences(ReadFile(LivePath(dir)), "] room again\n"), 1);
+}
+
+// A reader loops over GetKeyStringFromFile while child processes, one after
+// another, replace the file with PutKeyStringToFile: every read sees a whole
+// old or whole new file, so the value is always one that was written.
+TEST(FaultTest, ConfigReadWhileOtherProcessesWriteSeesWholeFiles) {
+  TempDir dir;
+  const std::string path = dir.path() + "client.ini";
+  // Long sections in front make each replacement take a while.
+  std::string content;
+  for (int s = 0; s < 200; ++s) {
+    content += "[pad" + std::to_string(s) + "]\n";
+    for (int k = 0; k < 5; ++k)
+      content += "k" + std::to_string(k) + "=" + std::string(60, 'p') + "\n";
+  }
+  content += "[net]\nport=v0000\n";
+  zel_test::WriteFile(path, content);
+  zel_set_log_level(-1);
+
+  constexpr int kWriters = 4;
+  constexpr int kWritesEach = 50;
+  const pid_t chain = fork();
+  ASSERT_GE(chain, 0);
+  if (chain == 0) {
+    // The writers run one after another, each in a process of its own.
+    for (int w = 0; w < kWriters; ++w) {
+      const pid_t writer = fork();
+      if (writer == 0) {
+        for (int i = 0; i < kWritesEach; ++i) {
+          char value[16];
+          std::snprintf(value, sizeof(value), "v%04d", w * kWritesEach + i + 1);
+          if (PutKeyStringToFile(path.c_str(), "net", "port", value) != 0) _exit(3);
+        }
+        _exit(0);
+      }
+      int status = 0;
+      if (writer < 0 || waitpid(writer, &status, 0) != writer || !WIFEXITED(status) ||
+          WEXITSTATUS(status) != 0) {
+        _exit(4);
+      }
+    }
+    _exit(0);
+  }
+  int reads = 0;
+  int status = 0;
+  pid_t done = 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  while ((done = waitpid(chain, &status, WNOHANG)) == 0 &&
+         std::chrono::steady_clock::now() < deadline) {
+    char* value = GetKeyStringFromFile(path.c_str(), "net", "port");
+    ASSERT_NE(value, nullptr);
+    const std::string text = value;
+    std::free(value);
+    ASSERT_EQ(text.size(), 5u) << "torn read: \"" << text << "\"";
+    ASSERT_EQ(text[0], 'v');
+    ++reads;
+  }
+  if (done == 0) kill(chain, SIGKILL), waitpid(chain, &status, 0);
+  ASSERT_EQ(done, chain) << "the writers did not finish within 120 s";
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a writer failed";
+  EXPECT_GT(reads, 0);
+  char* last = GetKeyStringFromFile(path.c_str(), "net", "port");
+  EXPECT_STREQ(last, "v0200");
+  std::free(last);
+}
+
+// ---------------------------------------------------------------------------
+// The tracing service killed and restarted while documents are posted.
+
+// A minimal tracing service for a process of its own: listens on 127.0.0.1
+// at `port`, reads HTTP requests one connection at a time (keep-alive
+// honoured), appends each body and a newline to `record` and answers 200.
+// Runs until it is killed.
+[[noreturn]] void RunTraceService(uint16_t port, const std::string& record) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  const int one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(port);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd, 16) != 0) {
+    _exit(5);
+  }
+  const int out = open(record.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  for (;;) {
+    const int conn = accept(fd, nullptr, nullptr);
+    if (conn < 0) continue;
+    std::string buffer;
+    char chunk[4096];
+    for (;;) {
+      const std::size_t headerEnd = buffer.find("\r\n\r\n");
+      if (headerEnd != std::string::npos) {
+        std::size_t length = 0;
+        const std::size_t at = buffer.find("Content-Length:");
+        if (at != std::string::npos && at < headerEnd) {
+          length = std::strtoul(buffer.c_str() + at + 15, nullptr, 10);
+        }
+        if (buffer.size() >= headerEnd + 4 + length) {
+          const std::string body = buffer.substr(headerEnd + 4, length) + "\n";
+          if (write(out, body.data(), body.size()) < 0) _exit(6);
+          buffer.erase(0, headerEnd + 4 + length);
+          static const char kAnswer[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+          if (send(conn, kAnswer, sizeof(kAnswer) - 1, MSG_NOSIGNAL) < 0) break;
+          continue;
+        }
+      }
+      const ssize_t n = recv(conn, chunk, sizeof(chunk), 0);
+      if (n <= 0) break;
+      buffer.append(chunk, static_cast<std::size_t>(n));
+    }
+    close(conn);
+  }
+}
+
+// A free port on 127.0.0.1 (bound and released at once).
+uint16_t FreePort() {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof(addr);
+  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  close(fd);
+  return ntohs(addr.sin_port);
+}
+
+// The numbers of the documents "doc-<n>" recorded so far, in order.
+std::vector<int> RecordedDocuments(const std::string& record) {
+  std::vector<int> numbers;
+  for (const std::string& line : zel_test::SplitLines(ReadFile(record))) {
+    if (line.compare(0, 4, "doc-") == 0) numbers.push_back(std::atoi(line.c_str() + 4));
+  }
+  return numbers;
+}
+
+// Waits until `record` holds at least `count` documents (when `count` >= 0)
+// or holds the document number `last`.
+bool WaitForRecorded(const std::string& record, int count, std::chrono::seconds timeout,
+                     int last = -1) {
+  return WaitFor(
+      [&] {
+        const std::vector<int> numbers = RecordedDocuments(record);
+        if (count >= 0) return static_cast<int>(numbers.size()) >= count;
+        return std::find(numbers.begin(), numbers.end(), last) != numbers.end();
+      },
+      timeout);
+}
+
+TEST(FaultTest, TraceServiceKilledAndRestartedLosesNoDocument) {
+  TempDir dir;
+  const std::string record = dir.path() + "received";
+  const uint16_t port = FreePort();
+  ASSERT_NE(port, 0);
+  const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/trace";
+  setenv("ZEL_TRACE_ENDPOINT", url.c_str(), 1);
+  setenv("ZEL_TRACE_RETRY_MS", "20", 1);
+  setenv("ZEL_TRACE_RETRY_MAX_MS", "200", 1);
+  setenv("ZEL_TRACE_CONNECT_TIMEOUT_MS", "1000", 1);
+  setenv("ZEL_TRACE_TIMEOUT_MS", "2000", 1);
+  setenv("ZEL_TRACE_DEREGISTER_MS", "20000", 1);
+
+  auto startService = [&] {
+    const pid_t pid = fork();
+    if (pid == 0) RunTraceService(port, record);
+    return pid;
+  };
+  // Fork before the client's thread exists; the service is single-threaded.
+  pid_t service = startService();
+  ASSERT_GT(service, 0);
+  TracerClient* client = TracerClient::registerClient("faultTest");
+  ASSERT_NE(client, nullptr);
+
+  constexpr int kDocuments = 300;
+  constexpr int kRestarts = 3;
+  int posted = 0;
+  for (int restart = 0; restart < kRestarts; ++restart) {
+    // Post while the service runs, until it has taken some documents.
+    const int target = (restart + 1) * kDocuments / (kRestarts + 1);
+    for (; posted < target; ++posted) {
+      ASSERT_TRUE(client->postTrace("doc-" + std::to_string(posted)));
+    }
+    ASSERT_TRUE(WaitForRecorded(record, target / 2, std::chrono::seconds(30)));
+    // Kill it in the middle of the traffic and post while it is down.
+    kill(service, SIGKILL);
+    waitpid(service, nullptr, 0);
+    for (int i = 0; i < 20; ++i, ++posted) {
+      ASSERT_TRUE(client->postTrace("doc-" + std::to_string(posted)));
+    }
+    service = startService();
+    ASSERT_GT(service, 0);
+  }
+  for (; posted < kDocuments; ++posted) {
+    ASSERT_TRUE(client->postTrace("doc-" + std::to_string(posted)));
+  }
+  // Everything arrives once the service is back: in posting order, each at
+  // least once (a document whose answer was lost in a kill comes again).
+  const bool all = WaitForRecorded(record, -1, std::chrono::seconds(60), kDocuments - 1);
+  client->deregister();
+  kill(service, SIGKILL);
+  waitpid(service, nullptr, 0);
+  ASSERT_TRUE(all) << "not every document arrived within 60 s";
+  int expected = 0;
+  for (int n : RecordedDocuments(record)) {
+    if (n == expected) {
+      ++expected;
+    } else {
+      EXPECT_TRUE(n == expected - 1)
+          << "document " << n << " where " << expected << " was expected";
+    }
+  }
+  EXPECT_EQ(expected, kDocuments);
+}
+
+}  // namespace
