@@ -1,7 +1,6 @@
 #include "utils/looper.h"
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -50,7 +49,7 @@ int64_t NowMs() {
 }
 
 // The kernel id of the calling thread in decimal, as log lines print it.
-std::string OsThreadId() { return std::to_string(static_cast<long long>(syscall(SYS_gettid))); }
+std::string OsThreadId() { return std::to_string(zel_test::OsThreadId()); }
 
 // A one-shot event that one thread sets and others wait for.
 class Signal {

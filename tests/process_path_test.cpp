@@ -1,7 +1,11 @@
 #include "utils/process_path.h"
 
 #include <gtest/gtest.h>
+#if defined(ZEL_TEST_ON_WINDOWS)
+#include <windows.h>
+#else
 #include <unistd.h>
+#endif
 
 #include <string>
 
@@ -58,25 +62,39 @@ TEST(ProcessPathTest, LongPathKeepsItsWholeDirectory) {
   EXPECT_EQ(cutFileName(seen.c_str(), '\\'), seen.substr(seen.rfind('\\') + 1));
 }
 
+// The full path of this test executable as the system reports it, and the
+// separator it is cut at.
+#if defined(ZEL_TEST_ON_WINDOWS)
+std::string SelfPath() {
+  char buf[4096] = {0};
+  EXPECT_GT(GetModuleFileNameA(nullptr, buf, sizeof(buf) - 1), 0u);
+  return buf;
+}
+constexpr char kSeparator = '\\';
+constexpr char kSelfName[] = "process_path_test.exe";
+#else
 std::string SelfPath() {
   char buf[4096] = {0};
   EXPECT_GT(readlink("/proc/self/exe", buf, sizeof(buf) - 1), 0);
   return buf;
 }
+constexpr char kSeparator = '/';
+constexpr char kSelfName[] = "process_path_test";
+#endif
 
 TEST(ProcessPathTest, ProcessDirIsTheDirectoryOfThisExecutable) {
   const std::string self = SelfPath();
-  EXPECT_EQ(get_process_dir(), self.substr(0, self.rfind('/') + 1));
+  EXPECT_EQ(get_process_dir(), self.substr(0, self.rfind(kSeparator) + 1));
 }
 
 TEST(ProcessPathTest, SelfDirIsTheDirectoryOfThisExecutable) {
   const std::string self = SelfPath();
   ASSERT_LT(self.size(), 260u);
-  EXPECT_EQ(get_self_dir(), self.substr(0, self.rfind('/') + 1));
+  EXPECT_EQ(get_self_dir(), self.substr(0, self.rfind(kSeparator) + 1));
 }
 
 TEST(ProcessPathTest, ProcessNameIsTheFileNameOfThisExecutable) {
-  EXPECT_EQ(get_process_name(), "process_path_test");
+  EXPECT_EQ(get_process_name(), kSelfName);
 }
 
 }  // namespace

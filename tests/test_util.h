@@ -7,11 +7,20 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#if defined(ZEL_TEST_ON_WINDOWS)
+#include <direct.h>
+#include <io.h>
+#include <windows.h>
+#else
+#include <sys/syscall.h>
+#endif
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -23,7 +32,52 @@
 
 #include "utils/logger.h"
 
+#if defined(ZEL_TEST_ON_WINDOWS)
+// The few POSIX calls the tests use that the Windows runtime lacks, built on
+// its own equivalents. Windows has no symbolic links to look through, and its
+// environment knows no variable set to the empty text.
+inline char* mkdtemp(char* tmpl) {
+  if (_mktemp_s(tmpl, std::strlen(tmpl) + 1) != 0) return nullptr;
+  return _mkdir(tmpl) == 0 ? tmpl : nullptr;
+}
+inline int lstat(const char* path, struct stat* st) { return stat(path, st); }
+inline int mkdir(const char* path, int /*mode*/) { return _mkdir(path); }
+inline std::tm* localtime_r(const std::time_t* t, std::tm* out) {
+  return localtime_s(out, t) == 0 ? out : nullptr;
+}
+inline int setenv(const char* name, const char* value, int overwrite) {
+  if (overwrite == 0 && std::getenv(name) != nullptr) return 0;
+  return _putenv_s(name, value) == 0 ? 0 : -1;
+}
+inline int unsetenv(const char* name) { return _putenv_s(name, "") == 0 ? 0 : -1; }
+#endif
+
 namespace zel_test {
+
+// The operating-system id of the calling thread, as the log prefix shows it.
+inline long long OsThreadId() {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  return static_cast<long long>(GetCurrentThreadId());
+#else
+  return static_cast<long long>(syscall(SYS_gettid));
+#endif
+}
+
+// The directory for temporary files: $TMPDIR, else (on Windows) %TEMP%,
+// else /tmp. On Windows its '\' separators are given as '/', which Windows
+// accepts as well: the log directory rules print every separator of a path
+// they create as '/', and the expected texts are built from this path.
+inline std::string TempBase() {
+  const char* base = std::getenv("TMPDIR");
+#if defined(ZEL_TEST_ON_WINDOWS)
+  if (base == nullptr || *base == '\0') base = std::getenv("TEMP");
+  std::string path = base != nullptr && *base != '\0' ? base : "C:/Windows/Temp";
+  std::replace(path.begin(), path.end(), '\\', '/');
+  return path;
+#else
+  return base != nullptr && *base != '\0' ? base : "/tmp";
+#endif
+}
 
 // The names in directory `path` (without "." and ".."), sorted.
 inline std::vector<std::string> ListDir(const std::string& path) {
@@ -44,9 +98,7 @@ inline std::vector<std::string> ListDir(const std::string& path) {
 class TempDir {
  public:
   TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string tmpl =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/zel_test_XXXXXX";
+    std::string tmpl = TempBase() + "/zel_test_XXXXXX";
     std::vector<char> buf(tmpl.begin(), tmpl.end());
     buf.push_back('\0');
     if (mkdtemp(buf.data()) != nullptr) path_ = std::string(buf.data()) + "/";
@@ -99,8 +151,15 @@ inline bool IsDirectory(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// The text of the file `path`. On Windows the file is read in text mode, as
+// the library writes its files (fopen "a"/"w"): the "\r\n" line ends on disk
+// read back as "\n", so the same expected texts hold on every platform.
 inline std::string ReadFile(const std::string& path) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  std::ifstream in(path);
+#else
   std::ifstream in(path, std::ios::binary);
+#endif
   std::ostringstream out;
   out << in.rdbuf();
   return out.str();
@@ -134,6 +193,15 @@ inline int CountOccurrences(const std::string& haystack, const std::string& need
   return count;
 }
 
+// The captures take the bytes exactly as the program wrote them: on
+// Windows the capture file is opened in binary mode, so that the stream
+// redirected into it does not turn "\n" into "\r\n".
+#if defined(ZEL_TEST_ON_WINDOWS)
+constexpr int kCaptureBinary = O_BINARY;
+#else
+constexpr int kCaptureBinary = 0;
+#endif
+
 // Sends everything written to standard output (file descriptor 1, by any
 // thread) into a temporary file until Stop() or destruction.
 class StdoutCapture {
@@ -142,7 +210,7 @@ class StdoutCapture {
     std::fflush(stdout);
     saved_ = dup(1);
     std::string tmpl = dir_.path() + "stdout";
-    const int fd = open(tmpl.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int fd = open(tmpl.c_str(), O_WRONLY | O_CREAT | O_TRUNC | kCaptureBinary, 0644);
     file_ = tmpl;
     dup2(fd, 1);
     close(fd);
@@ -184,7 +252,7 @@ class StderrCapture {
     std::fflush(stderr);
     saved_ = dup(2);
     file_ = dir_.path() + "stderr";
-    const int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | kCaptureBinary, 0644);
     dup2(fd, 2);
     close(fd);
   }

@@ -1,11 +1,16 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <stdlib.h>
+#if defined(ZEL_TEST_ON_WINDOWS)
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -32,6 +37,29 @@ using zel_test::SplitLines;
 using zel_test::TempDir;
 using zel_test::WaitFor;
 
+// The few socket calls whose types differ between Winsock and POSIX.
+#if defined(ZEL_TEST_ON_WINDOWS)
+using Socket = SOCKET;
+using PollFd = WSAPOLLFD;
+const Socket kNoSocket = INVALID_SOCKET;
+constexpr int kSendFlags = 0;
+int PollOne(PollFd* p, int timeoutMs) { return WSAPoll(p, 1, timeoutMs); }
+void CloseSocket(Socket s) { closesocket(s); }
+// Winsock works only between WSAStartup and WSACleanup; the test server may
+// open its socket before the tracing client has started Winsock itself.
+const bool kWinsockStarted = [] {
+  WSADATA data;
+  return WSAStartup(MAKEWORD(2, 2), &data) == 0;
+}();
+#else
+using Socket = int;
+using PollFd = pollfd;
+const Socket kNoSocket = -1;
+constexpr int kSendFlags = MSG_NOSIGNAL;
+int PollOne(PollFd* p, int timeoutMs) { return poll(p, 1, timeoutMs); }
+void CloseSocket(Socket s) { close(s); }
+#endif
+
 // ---------------------------------------------------------------------------
 // A small HTTP/1.1 server on 127.0.0.1, on a port of its own choosing, that
 // records what it is sent. Its behaviour can be switched while it runs:
@@ -57,9 +85,9 @@ class TestHttpServer {
 
   explicit TestHttpServer(Mode mode) : mode_(mode) {
     fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_GE(fd_, 0);
+    EXPECT_NE(fd_, kNoSocket);
     const int one = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&one), sizeof(one));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -80,7 +108,7 @@ class TestHttpServer {
       threads.swap(connectionThreads_);
     }
     for (std::thread& t : threads) t.join();
-    close(fd_);
+    CloseSocket(fd_);
   }
 
   TestHttpServer(const TestHttpServer&) = delete;
@@ -135,14 +163,14 @@ class TestHttpServer {
 
   void acceptLoop() {
     while (!stop_) {
-      pollfd p{fd_, POLLIN, 0};
-      if (poll(&p, 1, 20) <= 0) continue;
-      const int conn = accept(fd_, nullptr, nullptr);
-      if (conn < 0) continue;
+      PollFd p{fd_, POLLIN, 0};
+      if (PollOne(&p, 20) <= 0) continue;
+      const Socket conn = accept(fd_, nullptr, nullptr);
+      if (conn == kNoSocket) continue;
       std::lock_guard<std::mutex> lock(mutex_);
       ++connections_;
       if (mode_ == Mode::kClose) {
-        close(conn);
+        CloseSocket(conn);
         continue;
       }
       connectionThreads_.emplace_back(&TestHttpServer::serve, this, conn);
@@ -151,13 +179,14 @@ class TestHttpServer {
 
   // Reads into `buffer` until it holds `size` bytes; false when the peer
   // closed or the server stops first.
-  bool readAtLeast(int conn, std::string& buffer, std::size_t size) {
-    char chunk[65536];
+  bool readAtLeast(Socket conn, std::string& buffer, std::size_t size) {
+    constexpr int kChunkSize = 65536;
+    char chunk[kChunkSize];
     while (buffer.size() < size) {
-      pollfd p{conn, POLLIN, 0};
+      PollFd p{conn, POLLIN, 0};
       if (stop_) return false;
-      if (poll(&p, 1, 20) <= 0) continue;
-      const ssize_t n = recv(conn, chunk, sizeof(chunk), 0);
+      if (PollOne(&p, 20) <= 0) continue;
+      const auto n = recv(conn, chunk, kChunkSize, 0);
       if (n <= 0) return false;
       buffer.append(chunk, static_cast<std::size_t>(n));
     }
@@ -165,13 +194,13 @@ class TestHttpServer {
   }
 
   // Serves one connection: request after request until the peer closes.
-  void serve(int conn) {
+  void serve(Socket conn) {
     std::string buffer;
     for (;;) {
       std::size_t end;
       while ((end = buffer.find("\r\n\r\n")) == std::string::npos) {
         if (!readAtLeast(conn, buffer, buffer.size() + 1)) {
-          close(conn);
+          CloseSocket(conn);
           return;
         }
       }
@@ -180,7 +209,7 @@ class TestHttpServer {
       const std::size_t length = static_cast<std::size_t>(std::stoul(
           request.headers["content-length"].empty() ? "0" : request.headers["content-length"]));
       if (!readAtLeast(conn, buffer, length)) {
-        close(conn);
+        CloseSocket(conn);
         return;
       }
       request.body = buffer.substr(0, length);
@@ -195,7 +224,7 @@ class TestHttpServer {
         std::string ignored;
         while (readAtLeast(conn, ignored, ignored.size() + 1)) {
         }
-        close(conn);
+        CloseSocket(conn);
         return;
       }
       request.status = 200;
@@ -207,7 +236,7 @@ class TestHttpServer {
       const std::string answer =
           "HTTP/1.1 " + std::to_string(request.status) + " Status\r\nContent-Length: 0\r\n\r\n";
       lock.unlock();
-      send(conn, answer.data(), answer.size(), MSG_NOSIGNAL);
+      send(conn, answer.data(), static_cast<int>(answer.size()), kSendFlags);
     }
   }
 
@@ -234,7 +263,7 @@ class TestHttpServer {
     return request;
   }
 
-  int fd_ = -1;
+  Socket fd_ = kNoSocket;
   uint16_t port_ = 0;
   std::atomic<bool> stop_{false};
   std::thread acceptThread_;

@@ -67,12 +67,12 @@ void executablePath(char* buf, std::size_t size) {
 }
 
 bool getEnv(const char* name, std::string* value) {
-  // _dupenv_s rather than getenv, which the Windows runtime marks unsafe.
-  char* text = nullptr;
-  std::size_t length = 0;
-  if (_dupenv_s(&text, &length, name) != 0 || text == nullptr) return false;
+  // getenv: msvcrt.dll, the runtime MinGW-w64 links against, has no
+  // _dupenv_s. The value is copied at once, before anything can change the
+  // environment.
+  const char* text = std::getenv(name);
+  if (text == nullptr) return false;
   *value = text;
-  std::free(text);
   return true;
 }
 
