@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <deque>
 #include <limits>
+#include <map>
 #include <sstream>
+#include <vector>
 
 #include "utils/logger.h"
 #include "utils/platform.h"
@@ -54,6 +57,125 @@ int64_t dueTime(int64_t now, int64_t delay) {
 
 }  // namespace
 
+// The pending messages, in the order a stable sort by due time gives them:
+// by due time, equal due times in posting order. Every message gets a
+// posting number; the order is that of (due time, posting number).
+//
+// The queue is kept in three sorted parts whose fronts are merged by that
+// order:
+// - `now_`: messages posted due at once (lines of the log, tasks), appended
+//   in O(1) as long as the clock does not step back;
+// - `later_`: delayed messages due no earlier than the last one in it,
+//   appended in O(1);
+// - `early_`: any other message, a map by (due time, posting number), in
+//   O(log n).
+// So a message due now is queued in O(1) however many delayed messages are
+// pending, and the deques need no allocation per message.
+class Looper::Queue {
+ public:
+  Queue() = default;
+  Queue(const Queue&) = delete;
+  Queue& operator=(const Queue&) = delete;
+  // Destroys the messages left, front first.
+  ~Queue() {
+    while (!empty()) pop();
+  }
+
+  bool empty() const { return now_.empty() && later_.empty() && early_.empty(); }
+
+  // Queues `msg`, due at its when_; `dueNow` when it was posted without a
+  // delay.
+  void push(std::unique_ptr<Message> msg, bool dueNow) {
+    const int64_t when = msg->when_;
+    const uint64_t seq = nextSeq_++;
+    if (dueNow && (now_.empty() || now_.back().msg->when_ <= when)) {
+      now_.push_back(Entry{seq, std::move(msg)});
+    } else if (later_.empty() || later_.back().msg->when_ <= when) {
+      later_.push_back(Entry{seq, std::move(msg)});
+    } else {
+      early_.emplace(Key{when, seq}, std::move(msg));
+    }
+  }
+
+  // Due time of the front message. Requires !empty().
+  int64_t frontWhen() const { return frontKey().when; }
+
+  // Removes and returns the front message. Requires !empty().
+  std::unique_ptr<Message> pop() {
+    std::unique_ptr<Message> msg;
+    switch (frontPart()) {
+      case Part::kNow:
+        msg = std::move(now_.front().msg);
+        now_.pop_front();
+        break;
+      case Part::kLater:
+        msg = std::move(later_.front().msg);
+        later_.pop_front();
+        break;
+      case Part::kEarly: {
+        auto it = early_.begin();
+        msg = std::move(it->second);
+        early_.erase(it);
+        break;
+      }
+    }
+    return msg;
+  }
+
+ private:
+  struct Key {
+    int64_t when;
+    uint64_t seq;
+    bool operator<(const Key& other) const {
+      return when != other.when ? when < other.when : seq < other.seq;
+    }
+  };
+  // The due time is read from the message itself, which keeps the entries
+  // of the deques at two words.
+  struct Entry {
+    uint64_t seq;
+    std::unique_ptr<Message> msg;
+  };
+  enum class Part { kNow, kLater, kEarly };
+
+  static Key keyOf(const Entry& entry) { return Key{entry.msg->when_, entry.seq}; }
+
+  // The part that holds the front message. Requires !empty().
+  Part frontPart() const {
+    Part part = Part::kEarly;
+    Key best{0, 0};
+    bool found = false;
+    if (!early_.empty()) {
+      best = early_.begin()->first;
+      found = true;
+    }
+    if (!later_.empty() && (!found || keyOf(later_.front()) < best)) {
+      best = keyOf(later_.front());
+      part = Part::kLater;
+      found = true;
+    }
+    if (!now_.empty() && (!found || keyOf(now_.front()) < best)) part = Part::kNow;
+    return part;
+  }
+
+  Key frontKey() const {
+    switch (frontPart()) {
+      case Part::kNow:
+        return keyOf(now_.front());
+      case Part::kLater:
+        return keyOf(later_.front());
+      case Part::kEarly:
+        break;
+    }
+    return early_.begin()->first;
+  }
+
+  std::deque<Entry> now_;
+  std::deque<Entry> later_;
+  std::map<Key, std::unique_ptr<Message>> early_;
+  uint64_t nextSeq_ = 0;
+};
+
 void Message::Run() {}
 
 Message::~Message() = default;
@@ -64,8 +186,7 @@ void InerTaskMessage::Run() { task_.func(task_.arg); }
 
 InerTaskMessage::~InerTaskMessage() = default;
 
-Looper::Looper()
-    : queue_(std::make_unique<std::list<std::unique_ptr<Message>>>()), stopped_(true) {}
+Looper::Looper() : queue_(std::make_unique<Queue>()), stopped_(true) {}
 
 Looper::~Looper() {
   if (!stopped_.load()) Stop();
@@ -149,7 +270,7 @@ int Looper::post(std::unique_ptr<Message> msg, int64_t delay) {
   if (caller == thread_id_) {
     // The loop thread queues without looking at stopped_ and without a
     // notification: the loop sees the message on its next pass.
-    insertSorted(std::move(msg));
+    queue_->push(std::move(msg), delay <= 0);
     return 0;
   }
   if (stopped_.load()) {
@@ -157,23 +278,11 @@ int Looper::post(std::unique_ptr<Message> msg, int64_t delay) {
     msg.reset();
     return -1;
   }
-  insertSorted(std::move(msg));
+  queue_->push(std::move(msg), delay <= 0);
   // Notified under the lock: once a later Stop() has taken the lock, no
   // post touches the condition variable anymore, so the looper may go.
   cond_.notify_one();
   return 0;
-}
-
-void Looper::insertSorted(std::unique_ptr<Message> msg) {
-  // Scanning from the back makes the usual post (due after everything that
-  // is queued) O(1), and puts equal due times in posting order.
-  auto pos = queue_->end();
-  while (pos != queue_->begin()) {
-    auto prev = std::prev(pos);
-    if ((*prev)->when_ <= msg->when_) break;
-    pos = prev;
-  }
-  queue_->insert(pos, std::move(msg));
 }
 
 void Looper::process() {
@@ -183,8 +292,10 @@ void Looper::process() {
   }
   tLeaveLoop = false;
   const auto maxWait = std::chrono::milliseconds(kMaxWaitMs);
+  // The messages of one pass, in queue order; kept between passes so that
+  // its storage is reused.
+  std::vector<std::unique_ptr<Message>> ready;
   while (!stopped_.load() && !tLeaveLoop) {
-    std::list<std::unique_ptr<Message>> ready;
     {
       std::unique_lock<std::mutex> lock(mutex_);
       if (queue_->empty()) {
@@ -193,25 +304,27 @@ void Looper::process() {
       if (queue_->empty()) continue;
       const int64_t now = platform::wallClockMs();
       while (!queue_->empty()) {
-        const int64_t when = queue_->front()->when_;
+        const int64_t when = queue_->frontWhen();
         if (when > now && when >= 0) break;
-        ready.splice(ready.end(), *queue_, queue_->begin());
+        ready.push_back(queue_->pop());
       }
       if (ready.empty()) {
         // Messages are pending but none is due: sleep until the first one
         // is, at most kMaxWaitMs. A post or a Stop() wakes the loop earlier.
         if (!stopped_.load()) {
-          const int64_t wait = std::min(queue_->front()->when_ - now, kMaxWaitMs);
+          const int64_t wait = std::min(queue_->frontWhen() - now, kMaxWaitMs);
           cond_.wait_for(lock, std::chrono::milliseconds(wait));
         }
         continue;
       }
     }
-    while (!ready.empty()) {
-      std::unique_ptr<Message> msg = std::move(ready.front());
-      ready.pop_front();
+    // Each message is destroyed right after it ran (or, once stopped,
+    // unrun), before the next one runs.
+    for (std::unique_ptr<Message>& msg : ready) {
       if (!stopped_.load() && !tLeaveLoop) msg->Run();
+      msg.reset();
     }
+    ready.clear();
   }
   if (zel_log_level() >= 4) {
     log_print(4, 0, "[%s][%s %s %d] looper exit\n\n", "", kFile, "zel::Looper::process",

@@ -165,18 +165,16 @@ class ZEL_API Looper {
   // Sets the due time of `msg` and queues it; the common part of the posts.
   int post(std::unique_ptr<Message> msg, int64_t delay);
 
-  // Inserts `msg` behind the last message whose due time is not later, the
-  // place a stable sort by due time would give it. Requires mutex_.
-  void insertSorted(std::unique_ptr<Message> msg);
-
   std::condition_variable cond_;
   std::mutex mutex_;
   std::unique_ptr<std::thread> thread_;  // guarded by mutex_
   // Text of the loop thread's std::thread::id, empty while no loop thread is
   // known. Guarded by mutex_.
   std::string thread_id_;
-  // Pending messages by ascending due time. Guarded by mutex_.
-  std::unique_ptr<std::list<std::unique_ptr<Message>>> queue_;
+  // Pending messages by ascending due time, equal due times in posting
+  // order (defined in looper.cpp). Guarded by mutex_.
+  class Queue;
+  std::unique_ptr<Queue> queue_;
   std::atomic<bool> stopped_;
 };
 
