@@ -4,7 +4,10 @@
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <limits>
+#include <new>
+#include <system_error>
 
 #include "utils/platform.h"
 #include "utils/process_path.h"
@@ -43,6 +46,11 @@ FILE* sLogFp = nullptr;
 char sLogFilePath[kPathSize];
 unsigned char sLogFileIndex = 0;
 char sStartTimeBuf[kPathSize];
+// The position of sLogFp as ftell() would give it, kept up to date by the
+// writes; -1 when it is not known (a new file, a failed write).
+int64_t sLogFileOffset = -1;
+// sLogFilePath as a filesystem path, made once per opened file.
+std::filesystem::path* sLogFileFsPath = nullptr;
 
 // The Logger as log_print() last found it.
 std::atomic<Logger*> sCachedLogger{nullptr};
@@ -65,22 +73,285 @@ const std::tm& localTimeOf(std::time_t second) {
   return cachedTm;
 }
 
-// The calling thread's operating-system id in decimal, computed once per
-// thread.
-const char* threadIdDecimal() {
-  thread_local char text[24] = {0};
-  if (text[0] == '\0') {
-    std::snprintf(text, sizeof(text), "%llu",
-                  static_cast<unsigned long long>(platform::currentThreadId()));
-  }
-  return text;
+// Writes `value` in decimal, at least `width` digits (zero-padded), at
+// `out`; returns the end. As printf's "%0*ld" for values from 0 on.
+char* writeDecimal(char* out, long value, int width) {
+  char digits[24];
+  int n = 0;
+  unsigned long v = static_cast<unsigned long>(value);
+  do {
+    digits[n++] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v != 0);
+  while (n < width) digits[n++] = '0';
+  while (n > 0) *out++ = digits[--n];
+  return out;
 }
 
-// Today's date directory "YYYYMMDD/" (local time) into `buf`.
-void todayDateDir(char* buf, std::size_t size) {
-  std::tm tm{};
-  platform::localTime(static_cast<std::time_t>(platform::wallClockMs() / 1000), &tm);
-  platform::formatDateDir(buf, size, tm);
+// The prefix "[M-D hh:mm:ss.mmm][tid:T] " of the calling thread, built from
+// pieces kept per thread: the thread id text is made once, the local-time
+// part once per second; only the milliseconds are written per line.
+// Produces exactly what platform::formatLogPrefix() produces.
+class PrefixCache {
+ public:
+  // Writes the prefix for `second` (seconds since 1970) and `ms` (0-999)
+  // into `buf` (at least kPrefixSize bytes), terminated; returns its length.
+  std::size_t write(char* buf, std::time_t second, long ms) {
+    if (tailLen_ == 0) {
+      std::snprintf(tid_, sizeof(tid_), "%llu",
+                    static_cast<unsigned long long>(platform::currentThreadId()));
+      const int n = std::snprintf(tail_, sizeof(tail_), "][tid:%s] ", tid_);
+      tailLen_ = static_cast<std::size_t>(n);
+    }
+    if (second != second_ || headLen_ == 0) {
+      const std::tm& tm = localTimeOf(second);
+      if (tm.tm_mon + 1 < 0 || tm.tm_mday < 0 || tm.tm_hour < 0 || tm.tm_min < 0 || tm.tm_sec < 0) {
+        // Not a time localtime gives; leave such a case to snprintf.
+        const int n = platform::formatLogPrefix(buf, kPrefixSize, tm, ms, tid_);
+        headLen_ = 0;
+        return n < 0 ? (buf[0] = '\0', 0) : std::strlen(buf);
+      }
+      char* out = head_;
+      *out++ = '[';
+      out = writeDecimal(out, tm.tm_mon + 1, 1);
+      *out++ = '-';
+      out = writeDecimal(out, tm.tm_mday, 1);
+      *out++ = ' ';
+      out = writeDecimal(out, tm.tm_hour, 2);
+      *out++ = ':';
+      out = writeDecimal(out, tm.tm_min, 2);
+      *out++ = ':';
+      out = writeDecimal(out, tm.tm_sec, 2);
+      *out++ = '.';
+      headLen_ = static_cast<std::size_t>(out - head_);
+      second_ = second;
+    }
+    std::memcpy(buf, head_, headLen_);
+    char* out = writeDecimal(buf + headLen_, ms, 3);
+    std::memcpy(out, tail_, tailLen_);
+    out += tailLen_;
+    *out = '\0';
+    return static_cast<std::size_t>(out - buf);
+  }
+
+ private:
+  std::time_t second_ = 0;
+  char head_[80] = {0};  // "[M-D hh:mm:ss."
+  std::size_t headLen_ = 0;
+  char tid_[24] = {0};   // the operating-system thread id in decimal
+  char tail_[48] = {0};  // "][tid:T] "
+  std::size_t tailLen_ = 0;
+};
+
+// A formatter for the conversions that log lines use, producing exactly what
+// vsnprintf produces for them: "%%", and %d %i %u %x %X %s %c with the flags
+// '-' and '0' (not '0' for %s and %c), a width in digits and the length
+// modifiers l, ll and z. Any other conversion, a precision or a '*' makes
+// formatSupported() false and the caller uses vsnprintf instead.
+class FastFormat {
+ public:
+  // True when every conversion of `format` is one formatTo() handles.
+  static bool formatSupported(const char* format) {
+    for (const char* p = format; *p != '\0'; ++p) {
+      if (*p != '%') continue;
+      Directive directive;
+      p = parseDirective(p + 1, &directive);
+      if (p == nullptr) return false;
+    }
+    return true;
+  }
+
+  // Formats as vsnprintf(out, size, format, args) would, for a format that
+  // formatSupported() accepted. `size` is at least 1.
+  static void formatTo(char* out, std::size_t size, const char* format, va_list args) {
+    Sink sink{out, out + size - 1};
+    for (const char* p = format; *p != '\0'; ++p) {
+      if (*p != '%') {
+        sink.put(*p);
+        continue;
+      }
+      Directive directive;
+      p = parseDirective(p + 1, &directive);
+      switch (directive.conv) {
+        case '%':
+          sink.put('%');
+          break;
+        case 'c': {
+          const char c = static_cast<char>(va_arg(args, int));
+          pad(&sink, directive, 1, false, [&sink, c] { sink.put(c); });
+          break;
+        }
+        case 's': {
+          const char* text = va_arg(args, const char*);
+          if (text == nullptr) text = "(null)";
+          const std::size_t len = std::strlen(text);
+          pad(&sink, directive, len, false, [&sink, text, len] { sink.put(text, len); });
+          break;
+        }
+        case 'd':
+        case 'i': {
+          long long v;
+          if (directive.length == 'l') {
+            v = va_arg(args, long);
+          } else if (directive.length == 'L') {
+            v = va_arg(args, long long);
+          } else if (directive.length == 'z') {
+            v = static_cast<long long>(va_arg(args, std::size_t));
+          } else {
+            v = va_arg(args, int);
+          }
+          const bool negative = v < 0;
+          const unsigned long long magnitude = negative ? 0ULL - static_cast<unsigned long long>(v)
+                                                        : static_cast<unsigned long long>(v);
+          putNumber(&sink, directive, magnitude, negative, 10, false);
+          break;
+        }
+        default: {  // u x X
+          unsigned long long v;
+          if (directive.length == 'l') {
+            v = va_arg(args, unsigned long);
+          } else if (directive.length == 'L') {
+            v = va_arg(args, unsigned long long);
+          } else if (directive.length == 'z') {
+            v = va_arg(args, std::size_t);
+          } else {
+            v = va_arg(args, unsigned int);
+          }
+          putNumber(&sink, directive, v, false, directive.conv == 'u' ? 10 : 16,
+                    directive.conv == 'X');
+          break;
+        }
+      }
+    }
+    *sink.pos = '\0';
+  }
+
+ private:
+  struct Directive {
+    bool left = false;
+    bool zero = false;
+    std::size_t width = 0;
+    char length = 0;  // 0, 'l', 'L' (ll) or 'z'
+    char conv = 0;
+  };
+
+  // Writes up to `end`, the place of the terminating NUL; the rest is cut.
+  struct Sink {
+    char* pos;
+    char* end;
+    void put(char c) {
+      if (pos < end) *pos++ = c;
+    }
+    void put(const char* text, std::size_t len) {
+      const auto room = static_cast<std::size_t>(end - pos);
+      if (len > room) len = room;
+      std::memcpy(pos, text, len);
+      pos += len;
+    }
+    void fill(char c, std::size_t n) {
+      for (std::size_t i = 0; i < n; ++i) put(c);
+    }
+  };
+
+  // Parses the conversion after a '%'; returns its last character, or null
+  // when it is not supported.
+  static const char* parseDirective(const char* p, Directive* directive) {
+    if (*p == '%') {
+      directive->conv = '%';
+      return p;
+    }
+    for (;; ++p) {
+      if (*p == '-') {
+        directive->left = true;
+      } else if (*p == '0') {
+        directive->zero = true;
+      } else {
+        break;
+      }
+    }
+    while (*p >= '0' && *p <= '9') {
+      directive->width = directive->width * 10 + static_cast<std::size_t>(*p - '0');
+      if (directive->width > 4096) return nullptr;
+      ++p;
+    }
+    if (*p == 'l') {
+      ++p;
+      directive->length = 'l';
+      if (*p == 'l') {
+        ++p;
+        directive->length = 'L';
+      }
+    } else if (*p == 'z') {
+      ++p;
+      directive->length = 'z';
+    }
+    switch (*p) {
+      case 'd':
+      case 'i':
+      case 'u':
+      case 'x':
+      case 'X':
+        break;
+      case 's':
+      case 'c':
+        if (directive->zero || directive->length != 0) return nullptr;
+        break;
+      default:
+        return nullptr;
+    }
+    directive->conv = *p;
+    return p;
+  }
+
+  // Writes `len` characters through `body`, padded with blanks to the width.
+  template <typename Body>
+  static void pad(Sink* sink, const Directive& directive, std::size_t len, bool, Body body) {
+    const std::size_t fill = directive.width > len ? directive.width - len : 0;
+    if (!directive.left) sink->fill(' ', fill);
+    body();
+    if (directive.left) sink->fill(' ', fill);
+  }
+
+  static void putNumber(Sink* sink, const Directive& directive, unsigned long long v, bool negative,
+                        unsigned base, bool upper) {
+    char digits[24];
+    std::size_t n = 0;
+    const char* symbols = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+    do {
+      digits[n++] = symbols[v % base];
+      v /= base;
+    } while (v != 0);
+    const std::size_t len = n + (negative ? 1 : 0);
+    const std::size_t fill = directive.width > len ? directive.width - len : 0;
+    if (directive.left) {
+      if (negative) sink->put('-');
+      while (n > 0) sink->put(digits[--n]);
+      sink->fill(' ', fill);
+    } else if (directive.zero) {
+      if (negative) sink->put('-');
+      sink->fill('0', fill);
+      while (n > 0) sink->put(digits[--n]);
+    } else {
+      sink->fill(' ', fill);
+      if (negative) sink->put('-');
+      while (n > 0) sink->put(digits[--n]);
+    }
+  }
+};
+
+// Today's date directory "YYYYMMDD/" (local time), converted at most once
+// per second of the wall clock. For the writer thread, which asks per line.
+const char* todayDateDirCached() {
+  thread_local std::time_t cachedSecond = std::numeric_limits<std::time_t>::min();
+  thread_local char text[kPathSize];
+  const auto second = static_cast<std::time_t>(platform::wallClockMs() / 1000);
+  if (second != cachedSecond) {
+    std::tm tm{};
+    platform::localTime(second, &tm);
+    platform::formatDateDir(text, sizeof(text), tm);
+    cachedSecond = second;
+  }
+  return text;
 }
 
 // Writes into `buf` (kPathSize bytes, zero-filled by the caller) the first
@@ -183,10 +454,43 @@ int Logger::init() {
 
 void Logger::Log(const std::string& line) { Log(line, 3, false); }
 
+// A line in one allocation: the message, then the text and a terminating
+// NUL. Its Run() hands the line to the write handler's work, writeLine().
+class Logger::LineMessage final : public Message {
+ public:
+  static std::unique_ptr<Message> make(Logger* logger, const char* text, std::size_t size,
+                                       int level, bool forward) {
+    void* memory = ::operator new(sizeof(LineMessage) + size + 1);
+    auto* msg = new (memory) LineMessage(logger, size, level, forward);
+    char* copy = msg->text();
+    std::memcpy(copy, text, size);
+    copy[size] = '\0';
+    return std::unique_ptr<Message>(msg);
+  }
+
+  void Run() override { logger_->writeLine(text(), size_, forward_); }
+
+  // Frees what make() allocated, whatever the size of the text.
+  static void operator delete(void* memory) { ::operator delete(memory); }
+
+ private:
+  LineMessage(Logger* logger, std::size_t size, int level, bool forward)
+      : logger_(logger), size_(size), level_(static_cast<int32_t>(level)), forward_(forward) {}
+
+  char* text() { return reinterpret_cast<char*>(this + 1); }
+
+  Logger* logger_;
+  std::size_t size_;
+  int32_t level_;  // the caller's level; carried, not used by the writer
+  bool forward_;
+};
+
 void Logger::Log(const std::string& line, int level, bool forward) {
-  auto info = std::make_unique<LogInfo>(LogInfo{line, level, forward});
-  mWriter->looper->PostMessageAAA(
-      std::make_unique<HandlerMessage<LogInfo>>(std::move(info), mWriter->handler));
+  postLine(line.data(), line.size(), level, forward);
+}
+
+void Logger::postLine(const char* text, std::size_t size, int level, bool forward) {
+  mWriter->looper->PostMessageAAA(LineMessage::make(this, text, size, level, forward));
 }
 
 void Logger::RegisterBackend(LogBackend* backend) {
@@ -203,21 +507,37 @@ void Logger::Flush() {
 }
 
 void Logger::writeLog(LogInfo* info) {
+  writeLine(info->message.c_str(), info->message.size(), info->forward);
+}
+
+void Logger::writeLine(const char* text, std::size_t size, bool forward) {
   tOnWriterThread = true;
   FILE* fp = getLogFp();
   if (fp == nullptr) {
     console("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
     return;
   }
-  if (info->forward) {
+  if (forward) {
     std::shared_lock<std::shared_mutex> lock(mBackendLock);
-    for (LogBackend* backend : mBackends) backend->Log(info->message);
+    if (!mBackends.empty()) {
+      const std::string line(text, size);
+      for (LogBackend* backend : mBackends) backend->Log(line);
+    }
   }
-  const int ret = std::fprintf(fp, "%s", info->message.c_str());
+  // What fprintf(fp, "%s", text) does, without parsing a format: the text up
+  // to its first NUL in one write (the stream is unbuffered); the count, 0
+  // for an empty text, or -1 when the write failed.
+  const std::size_t length = std::strlen(text);
+  int ret = 0;
+  if (length > 0) {
+    ret = std::fwrite(text, 1, length, fp) == length ? static_cast<int>(length) : -1;
+  }
   if (ret > 0) {
+    if (fp == sLogFp && sLogFileOffset >= 0) sLogFileOffset += ret;
     if (mToFile) std::fflush(fp);
     return;
   }
+  if (fp == sLogFp) sLogFileOffset = -1;
   console("zel log write error,ret[%d] \n", ret);
   UpdateLogDir();
   if (mToFile) std::fflush(fp);
@@ -303,11 +623,24 @@ void Logger::UpdateLogDir() {
 
 FILE* Logger::getFile() {
   if (sLogFp != nullptr) {
-    const int32_t size = static_cast<int32_t>(std::ftell(sLogFp));
-    char today[kPathSize];
-    todayDateDir(today, sizeof(today));
+    // One file-status query answers both whether a regular file is still at
+    // the path and how large it is. The stream's position (ftell) is the
+    // size that counts; it is kept in sLogFileOffset as the lines are
+    // written. When the file at the path has that same size nobody else has
+    // written to it since, and the kept position is what ftell would say;
+    // otherwise (a write from outside, a replaced or truncated file) ftell
+    // is asked. A missing file rotates whatever the size.
+    std::error_code error;
+    const std::uintmax_t fileSize = std::filesystem::file_size(*sLogFileFsPath, error);
+    const bool regular = !error;
+    int64_t position = sLogFileOffset;
+    if (regular && (position < 0 || fileSize != static_cast<std::uintmax_t>(position))) {
+      position = std::ftell(sLogFp);
+      sLogFileOffset = position;
+    }
+    const auto size = static_cast<int32_t>(position);
     const bool rotate =
-        size > mMaxFileSize.load() || mCurDate != today || !platform::isRegularFile(sLogFilePath);
+        (regular && size > mMaxFileSize.load()) || mCurDate != todayDateDirCached() || !regular;
     if (!rotate) return sLogFp;
 
     // Rotate: log.txt -> log.<index>; the counter steps on even when the
@@ -330,6 +663,11 @@ FILE* Logger::getFile() {
   std::memset(sLogFilePath, 0, sizeof(sLogFilePath));
   buildLogFilePath(sLogFilePath, mLogDir, mDirLen, mProcessName, mStartTime, "txt");
   sLogFp = std::fopen(sLogFilePath, "a");
+  sLogFileOffset = -1;
+  // Never destroyed, like the stream: the writer thread may still use it
+  // while the process exits.
+  if (sLogFileFsPath == nullptr) sLogFileFsPath = new std::filesystem::path;
+  *sLogFileFsPath = sLogFilePath;
   // Unbuffered: each line goes to the file in one write, so that a failed
   // write shows in fprintf's result and a crash loses no written line.
   if (sLogFp != nullptr) std::setvbuf(sLogFp, nullptr, _IONBF, 0);
@@ -355,8 +693,9 @@ using zel::Logger;
 extern "C" {
 
 int log_print(int level, int flag, const char* format, ...) {
+  // Neither buffer is zero-filled: the prefix and the text are terminated
+  // where they end and nothing behind them is read.
   char line[zel::kLineSize];
-  char prefix[zel::kPrefixSize];
 
   const int64_t nowMs = zel::platform::wallClockMs();
   int64_t second = nowMs / 1000;
@@ -365,18 +704,19 @@ int log_print(int level, int flag, const char* format, ...) {
     ms += 1000;
     --second;
   }
-  const std::tm& tm = zel::localTimeOf(static_cast<std::time_t>(second));
-  if (zel::platform::formatLogPrefix(prefix, sizeof(prefix), tm, ms, zel::threadIdDecimal()) < 0) {
-    prefix[0] = '\0';
-  }
-  const std::size_t prefixLen = std::strlen(prefix);
-  std::memcpy(line, prefix, prefixLen);
-  line[prefixLen] = '\0';
+  thread_local zel::PrefixCache prefix;
+  const std::size_t prefixLen = prefix.write(line, static_cast<std::time_t>(second), ms);
 
   va_list args;
   va_start(args, format);
-  std::vsnprintf(line + prefixLen, zel::kLineSize - 1 - prefixLen, format, args);
+  const std::size_t room = zel::kLineSize - 1 - prefixLen;
+  if (zel::FastFormat::formatSupported(format)) {
+    zel::FastFormat::formatTo(line + prefixLen, room, format, args);
+  } else {
+    std::vsnprintf(line + prefixLen, room, format, args);
+  }
   va_end(args);
+  const std::size_t lineLen = prefixLen + std::strlen(line + prefixLen);
 
   Logger* logger = zel::sCachedLogger.load(std::memory_order_acquire);
   if (logger == nullptr) {
@@ -384,7 +724,7 @@ int log_print(int level, int flag, const char* format, ...) {
     zel::sCachedLogger.store(logger, std::memory_order_release);
     if (logger == nullptr) return 0;
   }
-  logger->Log(std::string(line), level, flag != 0);
+  logger->postLine(line, lineLen, level, flag != 0);
   return 0;
 }
 

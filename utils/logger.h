@@ -32,6 +32,7 @@
 #define ZEL_UTILS_LOGGER_H_
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -44,7 +45,11 @@
 #include "utils/export.h"
 #include "utils/looper.h"
 
-#if defined(__GNUC__)
+#if defined(__MINGW_PRINTF_FORMAT)
+// MinGW-w64: the C99 printf family that the library formats with, as its
+// runtime headers name it (GCC's plain "printf" means Microsoft's formats).
+#define ZEL_PRINTF_FORMAT(fmt, args) __attribute__((format(__MINGW_PRINTF_FORMAT, fmt, args)))
+#elif defined(__GNUC__)
 #define ZEL_PRINTF_FORMAT(fmt, args) __attribute__((format(printf, fmt, args)))
 #else
 #define ZEL_PRINTF_FORMAT(fmt, args)
@@ -177,8 +182,19 @@ class ZEL_API Logger : public LogBackend {
   // Chooses and creates the directory, then starts the writer. Returns 0.
   int init();
 
+  // One line on its way to the writer thread, its text stored with it
+  // (defined in logger.cpp; not exported).
+  class ZEL_LOCAL LineMessage;
+
+  // Queues the line `text` of `size` bytes for the writer thread; the common
+  // part of Log() and log_print().
+  void postLine(const char* text, std::size_t size, int level, bool forward);
+
   // Writes one line: the write handler, run on the writer thread.
   void writeLog(LogInfo* info);
+  // Writes the line `text` of `size` bytes (terminated after them); what
+  // writeLog() does, without a LogInfo.
+  void writeLine(const char* text, std::size_t size, bool forward);
 
   // Log-file operations; all run on the writer thread (or in init()).
   // Returns the effective directory, recomputing it when the day changed.
@@ -215,6 +231,8 @@ class ZEL_API Logger : public LogBackend {
 
   // Flushes the Logger only if it exists, without creating it.
   friend void ::zel_log_flush(void);
+  // Posts its line without a text object of its own.
+  friend int ::log_print(int level, int flag, const char* format, ...);
 };
 
 }  // namespace zel
