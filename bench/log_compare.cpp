@@ -1,0 +1,351 @@
+// Same-run comparison of the zel log path with spdlog's asynchronous logger.
+//
+// Both loggers write the same line: a prefix of month-day hh:mm:ss.mmm and
+// the thread id, then "[%s][%s %s %d] Debug:device %s attached vid=0x%04x
+// pid=0x%04x\n" with typical arguments (about 130 bytes in all), into a file
+// under a scratch directory, with a flush after every line. Every figure is
+// measured for both loggers in the same run, interleaved (the order swaps
+// with each repetition), and the medians over the repetitions are printed
+// with the ratio zel/spdlog:
+//
+//   caller  the caller's cost of one call, paced so that no queue fills
+//           (200 calls, then a 2 ms pause), 1 and 2 threads: p50, p90, p99
+//           and p99.9 of every call of a repetition
+//   e2e     lines per second from the first call until every line is
+//           written and flushed (spdlog: its thread pool joined and the file
+//           closed), 1 and 2 threads
+//   memory  peak resident memory of a process that logs a burst of 200,000
+//           lines as fast as it can and waits until they are written; each
+//           logger runs in its own child process
+//
+// Usage: zel_log_compare [--quick] [--reps N] [--data DIR]
+//   --quick  fewer calls per repetition (for CI: checks that it runs)
+//   --reps   repetitions, at least 5 (default 7)
+//   --data   also writes latency.dat and throughput.dat (gnuplot input)
+#include <spdlog/async.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/spdlog.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "utils/logger.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The arguments of the line, the same for both loggers.
+constexpr const char* kTag = "";
+constexpr const char* kFile = "/device_monitor.cpp";
+constexpr const char* kFunction = "zel::DeviceMonitor::OnAttach";
+constexpr int kLine = 214;
+constexpr const char* kDevice = "usb-3.1-hub";
+
+struct Options {
+  bool quick = false;
+  int reps = 7;
+  std::string data;
+};
+
+std::string gScratch;  // ends in '/'
+int gSpdlogRun = 0;    // numbers the spdlog files of this process
+
+// One side of the comparison.
+class Side {
+ public:
+  virtual ~Side() = default;
+  virtual const char* name() const = 0;
+  // Called once before the lines of a measurement.
+  virtual void open() = 0;
+  // Logs line `i` of the calling thread.
+  virtual void log(int i) = 0;
+  // Returns when every line logged so far is written and flushed (and, for
+  // spdlog, the file closed).
+  virtual void finish() = 0;
+};
+
+class ZelSide : public Side {
+ public:
+  const char* name() const override { return "zel"; }
+  void open() override {}
+  void log(int i) override {
+    log_print(3, 0, "[%s][%s %s %d] Debug:device %s attached vid=0x%04x pid=0x%04x\n", kTag, kFile,
+              kFunction, kLine, kDevice, 0x1d6b, i & 0xffff);
+  }
+  void finish() override { zel_log_flush(); }
+};
+
+class SpdlogSide : public Side {
+ public:
+  const char* name() const override { return "spdlog"; }
+  void open() override {
+    // A fresh pool and logger per measurement, so that finish() can wait for
+    // the pool's thread to drain the queue and then close the file.
+    pool_ = std::make_shared<spdlog::details::thread_pool>(8192, 1);
+    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(
+        gScratch + "spdlog." + std::to_string(getpid()) + "." + std::to_string(gSpdlogRun++) +
+        ".txt");
+    logger_ = std::make_shared<spdlog::async_logger>("compare", std::move(sink), pool_,
+                                                     spdlog::async_overflow_policy::block);
+    logger_->set_pattern("[%m-%d %H:%M:%S.%e][tid:%t] %v");
+    logger_->set_level(spdlog::level::debug);
+    logger_->flush_on(spdlog::level::debug);
+  }
+  void log(int i) override {
+    logger_->debug("[{}][{} {} {}] Debug:device {} attached vid=0x{:04x} pid=0x{:04x}", kTag, kFile,
+                   kFunction, kLine, kDevice, 0x1d6b, i & 0xffff);
+  }
+  void finish() override {
+    // The pool's destructor lets its thread take every queued line before
+    // it joins; the last logger reference then closes the file.
+    pool_.reset();
+    logger_.reset();
+  }
+
+ private:
+  std::shared_ptr<spdlog::details::thread_pool> pool_;
+  std::shared_ptr<spdlog::async_logger> logger_;
+};
+
+double Percentile(std::vector<double>& sorted, double p) {
+  if (sorted.empty()) return 0;
+  const auto idx = static_cast<std::size_t>(p / 100.0 * static_cast<double>(sorted.size() - 1));
+  return sorted[idx];
+}
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const std::size_t n = values.size();
+  if (n == 0) return 0;
+  return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+// Runs `body(thread index)` on `threads` threads at once.
+void RunThreads(int threads, const std::function<void(int)>& body) {
+  std::vector<std::thread> pool;
+  for (int t = 0; t < threads; ++t) pool.emplace_back(body, t);
+  for (std::thread& th : pool) th.join();
+}
+
+const double kPercentiles[] = {50, 90, 99, 99.9};
+constexpr int kNumPercentiles = 4;
+
+// Caller cost: `rounds` rounds of 200 timed calls and a 2 ms pause on each
+// thread. Returns the percentiles (ns) of all calls.
+std::vector<double> CallerCost(Side& side, int threads, int rounds) {
+  side.open();
+  std::vector<std::vector<double>> perThread(static_cast<std::size_t>(threads));
+  RunThreads(threads, [&](int t) {
+    std::vector<double>& out = perThread[static_cast<std::size_t>(t)];
+    out.reserve(static_cast<std::size_t>(rounds) * 200);
+    int i = 0;
+    for (int r = 0; r < rounds; ++r) {
+      for (int k = 0; k < 200; ++k) {
+        const auto start = Clock::now();
+        side.log(i++);
+        const auto end = Clock::now();
+        out.push_back(static_cast<double>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count()));
+      }
+      // The pacing of the workload: a pause between bursts.
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  side.finish();
+  std::vector<double> all;
+  for (const auto& v : perThread) all.insert(all.end(), v.begin(), v.end());
+  std::sort(all.begin(), all.end());
+  std::vector<double> result;
+  for (double p : kPercentiles) result.push_back(Percentile(all, p));
+  return result;
+}
+
+// End to end: `lines` lines split over `threads` threads, as fast as the
+// logger takes them, until finish() returned. Returns lines per second.
+double EndToEnd(Side& side, int threads, int lines) {
+  side.open();
+  const int perThread = lines / threads;
+  const auto start = Clock::now();
+  RunThreads(threads, [&](int) {
+    for (int i = 0; i < perThread; ++i) side.log(i);
+  });
+  side.finish();
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  return static_cast<double>(perThread * threads) / seconds;
+}
+
+// The peak resident memory of this process in KiB (VmHWM), or -1.
+long PeakKib() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.compare(0, 6, "VmHWM:") == 0) return std::atol(line.c_str() + 6);
+  }
+  return -1;
+}
+
+// The child of the memory measurement: logs the burst, waits until it is
+// written and prints its peak resident memory in KiB.
+int BurstChild(const std::string& which, int lines) {
+  ZelSide zel;
+  SpdlogSide spd;
+  Side& side = which == "zel" ? static_cast<Side&>(zel) : static_cast<Side&>(spd);
+  side.open();
+  for (int i = 0; i < lines; ++i) side.log(i);
+  side.finish();
+  std::printf("%ld\n", PeakKib());
+  return 0;
+}
+
+// Runs this program again as the burst child of `which`, in a process of its
+// own so that the peaks of the two loggers do not mix; returns the child's
+// peak resident memory in MiB, or -1.
+double PeakMemory(const char* self, const std::string& which, int lines) {
+  const std::string cmd = std::string("'") + self + "' --burst " + which + " " +
+                          std::to_string(lines) + " '" + gScratch + "'";
+  FILE* child = popen(cmd.c_str(), "r");
+  if (child == nullptr) return -1;
+  long kib = -1;
+  // The last line is the figure; the logger's own notices come before it.
+  char text[512] = {0};
+  while (std::fgets(text, sizeof(text), child) != nullptr) kib = std::atol(text);
+  if (pclose(child) != 0 || kib <= 0) return -1;
+  return static_cast<double>(kib) / 1024.0;
+}
+
+void RemoveScratch() {
+  const std::string cmd = "rm -rf '" + gScratch + "'";
+  if (std::system(cmd.c_str()) != 0)
+    std::fprintf(stderr, "could not remove %s\n", gScratch.c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 5 && std::strcmp(argv[1], "--burst") == 0) {
+    gScratch = argv[4];
+    zel_set_log_path((gScratch + "burst-" + argv[2] + "/").c_str());
+    return BurstChild(argv[2], std::atoi(argv[3]));
+  }
+  Options opt;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--quick") {
+      opt.quick = true;
+    } else if (arg == "--reps" && i + 1 < argc) {
+      opt.reps = std::max(5, std::atoi(argv[++i]));
+    } else if (arg == "--data" && i + 1 < argc) {
+      opt.data = argv[++i];
+    } else {
+      std::fprintf(stderr, "usage: %s [--quick] [--reps N] [--data DIR]\n", argv[0]);
+      return 2;
+    }
+  }
+  const char* base = std::getenv("TMPDIR");
+  std::string tmpl =
+      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/zel_compare_XXXXXX";
+  std::vector<char> buf(tmpl.begin(), tmpl.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr) {
+    std::perror("mkdtemp");
+    return 1;
+  }
+  gScratch = std::string(buf.data()) + "/";
+  zel_set_log_path((gScratch + "zel/").c_str());
+
+  const int rounds = opt.quick ? 10 : 50;
+  const int lines = opt.quick ? 20000 : 200000;
+  const int burst = 200000;
+  ZelSide zel;
+  SpdlogSide spd;
+  Side* sides[2] = {&zel, &spd};
+  // Both loggers start their threads and open their files before timing.
+  zel.log(0);
+  zel.finish();
+
+  std::printf("zel vs spdlog (async, flush after every line), %d repetitions, medians\n", opt.reps);
+  // [threads - 1][side][percentile] -> values of the repetitions
+  std::vector<double> caller[2][2][kNumPercentiles];
+  std::vector<double> e2e[2][2];
+  for (int rep = 0; rep < opt.reps; ++rep) {
+    for (int threads = 1; threads <= 2; ++threads) {
+      for (int k = 0; k < 2; ++k) {
+        const int s = (k + rep) % 2;
+        const std::vector<double> p = CallerCost(*sides[s], threads, rounds);
+        for (int q = 0; q < kNumPercentiles; ++q) caller[threads - 1][s][q].push_back(p[q]);
+      }
+      for (int k = 0; k < 2; ++k) {
+        const int s = (k + rep) % 2;
+        e2e[threads - 1][s].push_back(EndToEnd(*sides[s], threads, lines));
+      }
+    }
+  }
+
+  std::printf("\ncaller cost per call (ns), 200 calls then 2 ms pause:\n");
+  std::printf("%-8s %-8s %10s %10s %10s %10s\n", "threads", "logger", "p50", "p90", "p99", "p99.9");
+  double med[2][2][kNumPercentiles];
+  for (int t = 0; t < 2; ++t) {
+    for (int s = 0; s < 2; ++s) {
+      for (int q = 0; q < kNumPercentiles; ++q) med[t][s][q] = Median(caller[t][s][q]);
+      std::printf("%-8d %-8s %10.0f %10.0f %10.0f %10.0f\n", t + 1, sides[s]->name(), med[t][s][0],
+                  med[t][s][1], med[t][s][2], med[t][s][3]);
+    }
+    std::printf("%-8d %-8s %10.2f %10.2f %10.2f %10.2f\n", t + 1, "ratio",
+                med[t][0][0] / med[t][1][0], med[t][0][1] / med[t][1][1],
+                med[t][0][2] / med[t][1][2], med[t][0][3] / med[t][1][3]);
+  }
+
+  std::printf("\nend to end, %d lines, flush after every line (lines/s):\n", lines);
+  std::printf("%-8s %12s %12s %8s\n", "threads", "zel", "spdlog", "ratio");
+  double rate[2][2];
+  for (int t = 0; t < 2; ++t) {
+    rate[t][0] = Median(e2e[t][0]);
+    rate[t][1] = Median(e2e[t][1]);
+    std::printf("%-8d %12.0f %12.0f %8.2f\n", t + 1, rate[t][0], rate[t][1],
+                rate[t][0] / rate[t][1]);
+  }
+
+  std::vector<double> mem[2];
+  const int memReps = opt.quick ? 1 : opt.reps;
+  for (int rep = 0; rep < memReps; ++rep) {
+    for (int k = 0; k < 2; ++k) {
+      const int s = (k + rep) % 2;
+      mem[s].push_back(PeakMemory(argv[0], sides[s]->name(), burst));
+    }
+  }
+  const double memZel = Median(mem[0]);
+  const double memSpd = Median(mem[1]);
+  std::printf("\npeak resident memory, burst of %d lines (MiB):\n", burst);
+  std::printf("%-8s %-8s %8s\n", "zel", "spdlog", "ratio");
+  std::printf("%-8.1f %-8.1f %8.2f\n", memZel, memSpd, memZel / memSpd);
+
+  if (!opt.data.empty()) {
+    std::ofstream lat(opt.data + "/latency.dat");
+    lat << "# percentile zel_1t spdlog_1t zel_2t spdlog_2t (ns)\n";
+    const char* labels[] = {"p50", "p90", "p99", "p99.9"};
+    for (int q = 0; q < kNumPercentiles; ++q) {
+      lat << labels[q] << " " << med[0][0][q] << " " << med[0][1][q] << " " << med[1][0][q] << " "
+          << med[1][1][q] << "\n";
+    }
+    std::ofstream thr(opt.data + "/throughput.dat");
+    thr << "# threads zel spdlog (lines/s)\n";
+    thr << "\"1 thread\" " << rate[0][0] << " " << rate[0][1] << "\n";
+    thr << "\"2 threads\" " << rate[1][0] << " " << rate[1][1] << "\n";
+    std::ofstream mf(opt.data + "/memory.dat");
+    mf << "# zel spdlog (MiB)\n" << memZel << " " << memSpd << "\n";
+  }
+  RemoveScratch();
+  return memZel < 0 || memSpd < 0 ? 1 : 0;
+}

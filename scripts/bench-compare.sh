@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Usage: bash scripts/bench-compare.sh [repetitions]
+# Builds the benchmarks (preset "bench"), runs the same-run comparison of the
+# zel log path with spdlog's asynchronous logger (default 7 repetitions,
+# medians) and draws docs/bench.png: the caller's cost per call at p50, p90,
+# p99 and p99.9 for both loggers (1 and 2 threads), and the end-to-end lines
+# per second. The printed table is kept in docs/bench.txt.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+reps="${1:-7}"
+
+bash scripts/need.sh libbenchmark-dev libspdlog-dev gnuplot-nox
+
+cmake --preset bench >/dev/null
+cmake --build --preset bench -- -j2
+
+data="$(mktemp -d)"
+trap 'rm -rf "$data"' EXIT
+build/bench/bench/zel_log_compare --reps "$reps" --data "$data" | grep -v '^zel::Logger' |
+  tee "$data/table.txt"
+
+mkdir -p docs
+cp "$data/table.txt" docs/bench.txt
+gnuplot <<GNUPLOT
+set terminal pngcairo size 1200,500 font "sans,10"
+set output "docs/bench.png"
+set multiplot layout 1,2 title "zel vs spdlog (async), flush after every line, medians of $reps repetitions"
+
+set title "Caller cost per call (200 calls, then 2 ms pause)"
+set ylabel "ns"
+set logscale y
+set grid ytics
+set style data histograms
+set style histogram clustered gap 1
+set style fill solid 0.8 border -1
+set key left top
+plot "$data/latency.dat" using 2:xtic(1) title "zel, 1 thread" lc rgb "#1f77b4", \
+     "" using 3 title "spdlog, 1 thread" lc rgb "#ff7f0e", \
+     "" using 4 title "zel, 2 threads" lc rgb "#6baed6", \
+     "" using 5 title "spdlog, 2 threads" lc rgb "#fdae6b"
+
+unset logscale y
+set title "End to end (until every line is written)"
+set ylabel "lines per second"
+set yrange [0:*]
+plot "$data/throughput.dat" using 2:xtic(1) title "zel" lc rgb "#1f77b4", \
+     "" using 3 title "spdlog" lc rgb "#ff7f0e"
+unset multiplot
+GNUPLOT
+echo "bench-compare: wrote docs/bench.png and docs/bench.txt"
