@@ -470,6 +470,9 @@ class Logger::LineMessage final : public Message {
 
   void Run() override { logger_->writeLine(text(), size_, forward_); }
 
+  // The caller's level, carried with the line as a LogInfo carries it.
+  int level() const { return level_; }
+
   // Frees what make() allocated, whatever the size of the text.
   static void operator delete(void* memory) { ::operator delete(memory); }
 
