@@ -147,23 +147,14 @@ class PrefixCache {
 // vsnprintf produces for them: "%%", and %d %i %u %x %X %s %c with the flags
 // '-' and '0' (not '0' for %s and %c), a width in digits and the length
 // modifiers l, ll and z. Any other conversion, a precision or a '*' makes
-// formatSupported() false and the caller uses vsnprintf instead.
+// formatTo() give up, and the caller formats the line with vsnprintf.
 class FastFormat {
  public:
-  // True when every conversion of `format` is one formatTo() handles.
-  static bool formatSupported(const char* format) {
-    for (const char* p = format; *p != '\0'; ++p) {
-      if (*p != '%') continue;
-      Directive directive;
-      p = parseDirective(p + 1, &directive);
-      if (p == nullptr) return false;
-    }
-    return true;
-  }
-
-  // Formats as vsnprintf(out, size, format, args) would, for a format that
-  // formatSupported() accepted. `size` is at least 1.
-  static void formatTo(char* out, std::size_t size, const char* format, va_list args) {
+  // Formats as vsnprintf(out, size, format, args) would and returns true;
+  // `size` is at least 1. Returns false at the first conversion it does not
+  // handle, before reading that conversion's argument, with `out` holding
+  // an unfinished text: the format is read once, in the same pass.
+  static bool formatTo(char* out, std::size_t size, const char* format, va_list args) {
     Sink sink{out, out + size - 1};
     for (const char* p = format; *p != '\0'; ++p) {
       if (*p != '%') {
@@ -172,6 +163,7 @@ class FastFormat {
       }
       Directive directive;
       p = parseDirective(p + 1, &directive);
+      if (p == nullptr) return false;
       switch (directive.conv) {
         case '%':
           sink.put('%');
@@ -224,6 +216,7 @@ class FastFormat {
       }
     }
     *sink.pos = '\0';
+    return true;
   }
 
  private:
@@ -712,12 +705,13 @@ int log_print(int level, int flag, const char* format, ...) {
 
   va_list args;
   va_start(args, format);
+  va_list fallback;  // the arguments from the start, for vsnprintf
+  va_copy(fallback, args);
   const std::size_t room = zel::kLineSize - 1 - prefixLen;
-  if (zel::FastFormat::formatSupported(format)) {
-    zel::FastFormat::formatTo(line + prefixLen, room, format, args);
-  } else {
-    std::vsnprintf(line + prefixLen, room, format, args);
+  if (!zel::FastFormat::formatTo(line + prefixLen, room, format, args)) {
+    std::vsnprintf(line + prefixLen, room, format, fallback);
   }
+  va_end(fallback);
   va_end(args);
   const std::size_t lineLen = prefixLen + std::strlen(line + prefixLen);
 
