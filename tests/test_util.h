@@ -202,28 +202,19 @@ constexpr int kCaptureBinary = O_BINARY;
 constexpr int kCaptureBinary = 0;
 #endif
 
-// Sends everything written to standard output (file descriptor 1, by any
-// thread) into a temporary file until Stop() or destruction.
-class StdoutCapture {
+// Sends everything written to one standard stream (its file descriptor, by
+// any thread) into a temporary file until Stop() or destruction.
+class StreamCapture {
  public:
-  StdoutCapture() {
-    std::fflush(stdout);
-    saved_ = dup(1);
-    std::string tmpl = dir_.path() + "stdout";
-    const int fd = open(tmpl.c_str(), O_WRONLY | O_CREAT | O_TRUNC | kCaptureBinary, 0644);
-    file_ = tmpl;
-    dup2(fd, 1);
-    close(fd);
-  }
-  ~StdoutCapture() { Stop(); }
-  StdoutCapture(const StdoutCapture&) = delete;
-  StdoutCapture& operator=(const StdoutCapture&) = delete;
+  StreamCapture(const StreamCapture&) = delete;
+  StreamCapture& operator=(const StreamCapture&) = delete;
+  ~StreamCapture() { Stop(); }
 
-  // Restores standard output and returns what was captured.
+  // Restores the stream and returns what was captured.
   std::string Stop() {
     if (saved_ >= 0) {
-      std::fflush(stdout);
-      dup2(saved_, 1);
+      std::fflush(stream_);
+      dup2(saved_, fd_);
       close(saved_);
       saved_ = -1;
       text_ = ReadFile(file_);
@@ -231,52 +222,42 @@ class StdoutCapture {
     return text_;
   }
 
-  // What has been captured so far (standard output is flushed first).
+  // What has been captured so far (the stream is flushed first).
   std::string Peek() const {
-    std::fflush(stdout);
+    std::fflush(stream_);
     return ReadFile(file_);
+  }
+
+ protected:
+  // Captures descriptor `fd`, which `stream` writes to, into a file `name`.
+  StreamCapture(int fd, std::FILE* stream, const char* name) : fd_(fd), stream_(stream) {
+    std::fflush(stream_);
+    saved_ = dup(fd_);
+    file_ = dir_.path() + name;
+    const int out = open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | kCaptureBinary, 0644);
+    dup2(out, fd_);
+    close(out);
   }
 
  private:
   TempDir dir_;
+  int fd_;
+  std::FILE* stream_;
   std::string file_;
   std::string text_;
   int saved_ = -1;
 };
 
-// Sends everything written to standard error (file descriptor 2, by any
-// thread) into a temporary file until Stop() or destruction.
-class StderrCapture {
+// Captures standard output (file descriptor 1).
+class StdoutCapture : public StreamCapture {
  public:
-  StderrCapture() {
-    std::fflush(stderr);
-    saved_ = dup(2);
-    file_ = dir_.path() + "stderr";
-    const int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | kCaptureBinary, 0644);
-    dup2(fd, 2);
-    close(fd);
-  }
-  ~StderrCapture() { Stop(); }
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
+  StdoutCapture() : StreamCapture(1, stdout, "stdout") {}
+};
 
-  // Restores standard error and returns what was captured.
-  std::string Stop() {
-    if (saved_ >= 0) {
-      std::fflush(stderr);
-      dup2(saved_, 2);
-      close(saved_);
-      saved_ = -1;
-      text_ = ReadFile(file_);
-    }
-    return text_;
-  }
-
- private:
-  TempDir dir_;
-  std::string file_;
-  std::string text_;
-  int saved_ = -1;
+// Captures standard error (file descriptor 2).
+class StderrCapture : public StreamCapture {
+ public:
+  StderrCapture() : StreamCapture(2, stderr, "stderr") {}
 };
 
 // The text of the live log file ("*.txt") in the log directory `dir`, or the
