@@ -14,6 +14,9 @@ if [ ${#missing[@]} -gt 0 ]; then
   sudo=""
   [ "$(id -u)" -ne 0 ] && sudo="sudo"
   export DEBIAN_FRONTEND=noninteractive
-  $sudo apt-get update -qq
-  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  # Several scripts may install at once (stages run side by side by hand):
+  # wait for the package lock instead of failing on it.
+  lock=(-o DPkg::Lock::Timeout=900)
+  $sudo apt-get "${lock[@]}" update -qq
+  $sudo apt-get "${lock[@]}" install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
