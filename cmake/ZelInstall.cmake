@@ -7,14 +7,34 @@ include(CMakePackageConfigHelpers)
 
 set(ZEL_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/zel)
 
-# Installed beside each other: libzel_utils finds libzel_tracer in its own
-# directory wherever the tree is put.
-set_target_properties(zel_utils PROPERTIES INSTALL_RPATH "$ORIGIN")
+# A tree installed into /usr is the Debian packages' layout: the libraries
+# sit in the system's library directory, and the packages get the files
+# Debian wants beside them (cmake/ZelDebian.cmake).
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(ZEL_SYSTEM_LAYOUT ON)
+else()
+  set(ZEL_SYSTEM_LAYOUT OFF)
+endif()
 
-install(TARGETS zel_utils zel_tracer
+# Installed beside each other elsewhere: libzel_utils finds libzel_tracer in
+# its own directory wherever the tree is put. The system's library directory
+# needs no search path of its own.
+if(NOT ZEL_SYSTEM_LAYOUT)
+  set_target_properties(zel_utils PROPERTIES INSTALL_RPATH "$ORIGIN")
+endif()
+
+# Each shared library is a runtime component of its own (one Debian package
+# per soname); the links without version, the static archives and the
+# import libraries go with the headers.
+install(TARGETS zel_utils
   EXPORT zelTargets
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT utils
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT utils NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+install(TARGETS zel_tracer
+  EXPORT zelTargets
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tracer
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT tracer NAMELINK_COMPONENT development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 
 # The public headers; utils/platform.h is the library's own.
@@ -42,8 +62,19 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/zelConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/zelConfig.cmake ${PROJECT_BINARY_DIR}/zelConfigVersion.cmake
   DESTINATION ${ZEL_INSTALL_CMAKEDIR} COMPONENT development)
 
-# pkg-config: paths relative to ${prefix} when the install directories are,
-# so that a moved tree still works with PKG_CONFIG_PATH.
+# pkg-config: relocatable. prefix is found from the directory the .pc file
+# is read from, and libdir and includedir are relative to it, so that the
+# file is right wherever the tree was installed (cmake --install --prefix,
+# DESTDIR) or moved to later. Absolute install directories stay absolute.
+set(ZEL_PC_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(IS_ABSOLUTE "${ZEL_PC_INSTALL_DIR}")
+  set(ZEL_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  # From <prefix>/<libdir>/pkgconfig back to <prefix>: one ".." per level.
+  file(RELATIVE_PATH ZEL_PC_UP "/zel-prefix/${ZEL_PC_INSTALL_DIR}" "/zel-prefix")
+  string(REGEX REPLACE "/$" "" ZEL_PC_UP "${ZEL_PC_UP}")
+  set(ZEL_PC_PREFIX "\${pcfiledir}/${ZEL_PC_UP}")
+endif()
 foreach(dir LIBDIR INCLUDEDIR)
   if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
     set(ZEL_PC_${dir} "${CMAKE_INSTALL_${dir}}")
@@ -51,30 +82,19 @@ foreach(dir LIBDIR INCLUDEDIR)
     set(ZEL_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
   endif()
 endforeach()
+# Shared libraries keep GLib, JsonCpp and libcurl to themselves; only a
+# static link needs them (pkg-config --static).
+if(ZEL_BUILD_SHARED)
+  set(ZEL_PC_REQUIRES_PRIVATE "")
+else()
+  set(ZEL_PC_REQUIRES_PRIVATE "Requires.private: glib-2.0 jsoncpp libcurl")
+endif()
 configure_file(cmake/zel.pc.in ${PROJECT_BINARY_DIR}/zel.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/zel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+install(FILES ${PROJECT_BINARY_DIR}/zel.pc DESTINATION ${ZEL_PC_INSTALL_DIR}
         COMPONENT development)
 
-# Debian packages: libzel0 with the shared libraries, libzel-dev with the
-# headers, the CMake package and the pkg-config file.
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME zel)
-set(CPACK_PACKAGE_VENDOR "zel developers")
-set(CPACK_PACKAGE_CONTACT "zel developers <zel@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
-    "Asynchronous rotating log, message loops, timers, configuration and event reporting")
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzel${PROJECT_VERSION_MAJOR})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
-    "libc6 (>= 2.34), libstdc++6 (>= 12), libgcc-s1, libglib2.0-0 (>= 2.74), libjsoncpp25 (>= 1.9.5), libcurl4 (>= 7.88)")
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzel-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "libzel${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libglib2.0-dev, libjsoncpp-dev, pkg-config")
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "zel utility libraries (runtime)")
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "zel utility libraries (headers, CMake package, pkg-config)")
-include(CPack)
+# The Debian packages are made by the top-level project only: a parent that
+# pulls zel in has its own CPack configuration.
+if(PROJECT_IS_TOP_LEVEL)
+  include(cmake/ZelDebian.cmake)
+endif()
