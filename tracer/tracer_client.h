@@ -75,6 +75,7 @@ namespace zel_tracer_detail {
 class Sink;  // the delivery to one target; defined by the library
 }  // namespace zel_tracer_detail
 
+// A client of the tracing service, delivering to one target, as the top of this file describes.
 class ZEL_TRACER_API TracerClient {
  public:
   // Returns a new client named `name` for the target in ZEL_TRACE_ENDPOINT

@@ -28,12 +28,23 @@
 
 #include "utils/export.h"
 
+#if defined(__clang__)
+// GLib's name for the struct starts with an underscore and a capital letter,
+// which clang reports (-Wreserved-identifier) in every user's build.
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wunknown-warning-option"
+#pragma clang diagnostic ignored "-Wreserved-identifier"
+#endif
 // GLib's key-file handle, declared here so that this header needs no GLib
 // header; the library itself uses GLib's own declaration.
 typedef struct _GKeyFile GKeyFile;
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
 
 namespace zel {
 
+// A parser of one key file, as the top of this file describes.
 class ZEL_API ConfigParser {
  public:
   // Makes a parser with no key file; call Init() before any getter.

@@ -120,6 +120,7 @@ struct LogInfo {
   bool forward;         // also hand the line to the registered backends
 };
 
+// The process-wide Logger, as the top of this file describes.
 class ZEL_API Logger : public LogBackend {
  public:
   // Returns the Logger, creating it on first use: it chooses and creates the

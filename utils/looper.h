@@ -64,6 +64,7 @@ class ZEL_API Message {
 template <typename T>
 class HandlerMessage : public Message {
  public:
+  // Takes ownership of `data`; `handler` is called with it by Run().
   HandlerMessage(std::unique_ptr<T> data, std::function<void(T*)> handler)
       : data_(std::move(data)), handler_(std::move(handler)) {}
 
@@ -83,21 +84,23 @@ struct Callback;
 // A plain two-word task: running it calls `func(arg)`. It owns nothing.
 template <>
 struct Callback<void (*)()> {
-  void* arg;
-  void (*func)(void*);
+  void* arg;            // handed to `func`; not owned
+  void (*func)(void*);  // the function to call; must not be null
 };
 
 // The message that PostTask and PostDelayTask wrap a Callback in. Run() calls
 // `task_.func(task_.arg)`.
 class ZEL_API InerTaskMessage : public Message {
  public:
+  // Keeps a copy of `task`.
   explicit InerTaskMessage(const Callback<void (*)()>& task);
   void Run() override;
   ~InerTaskMessage() override;
 
-  Callback<void (*)()> task_;
+  Callback<void (*)()> task_;  // the task Run() calls
 };
 
+// A message loop running on a thread of its own, as the top of this file describes.
 class ZEL_API Looper {
  public:
   // Creates a stopped Looper with an empty queue and no thread.

@@ -48,11 +48,13 @@ struct TimerEntry {
   int64_t due_ = 0;       // next firing, ms since g_timer_epoch
   int64_t interval_ = 0;  // period in ms, as given to Start()
   uint64_t id_ = 0;       // the id Start() returned
+  // Called with `id_` and `user_`, on the timer thread.
   std::function<void(uint64_t, void*)> callback_ = [](uint64_t, void*) {};
   bool repeat_ = false;   // periodic
   void* user_ = nullptr;  // handed back to the callback
 };
 
+// A set of timers served by one thread, as the top of this file describes.
 class ZEL_API Timer {
  public:
   // Starts the timer thread. Throws std::system_error when no thread can be

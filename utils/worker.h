@@ -29,6 +29,7 @@ namespace zel {
 // The message that carries one closure to the worker thread.
 class ZEL_API WorkerMessage : public Message {
  public:
+  // Keeps a copy of `func`.
   explicit WorkerMessage(const std::function<void()>& func);
 
   // Calls `func_`; an empty one throws std::bad_function_call, which ends
@@ -37,9 +38,10 @@ class ZEL_API WorkerMessage : public Message {
 
   ~WorkerMessage() override;
 
-  std::function<void()> func_;
+  std::function<void()> func_;  // the closure Run() calls
 };
 
+// A background thread that runs closures, as the top of this file describes.
 class ZEL_API Worker {
  public:
   // Creates a stopped worker (its Looper, without a thread).

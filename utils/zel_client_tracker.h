@@ -52,6 +52,8 @@ struct ZelClientTrackDevice {
   uint32_t vmid;               // sent as unsigned decimal text
 };
 
+// The event reporter the top of this file describes; one per process, from
+// GetInstance().
 class ZEL_API ZelClientTracker {
  public:
   // Returns the single tracker, creating it on the first call; it is never

@@ -50,7 +50,50 @@ function flush(doc,    i, line, indent, text) {
   n = 0
 }
 
-BEGIN { n = 0; seen_code = 0 }
+# A line that ends a run of declarations: blank, a comment, a closing brace,
+# an access specifier or a preprocessor line.
+function ends_run(line) {
+  return line ~ /^[ \t]*$/ || line ~ /^[ \t]*\/\// || line ~ /^[ \t]*}/ ||
+         line ~ /^[ \t]*(public|private|protected):/ || line ~ /^[ \t]*#/
+}
+
+# Prints a line of code, its trailing comment (after a member or an
+# enumerator, with no string on the line) turned into `///<`.
+function print_code(line,    pos) {
+  if (line ~ /^[^"\/]*[;,][ \t]+\/\/ / && line !~ /^[ \t]*}/) {
+    pos = index(line, "//")
+    print substr(line, 1, pos - 1) "///<" escape(substr(line, pos + 2))
+  } else {
+    print line
+  }
+}
+
+# Writes the declarations collected after a comment block. When the block
+# stands above several declarations (a copy constructor and its assignment,
+# a pair of members), they become one member group, and Doxygen gives each
+# the block's documentation (DISTRIBUTE_GROUP_DOC).
+function flush_run(    i, decls) {
+  decls = 0
+  for (i = 1; i <= r; i++) {
+    if (run[i] ~ /(;|})[ \t]*(\/\/.*)?$/) decls++
+  }
+  if (decls > 1) print "/// @{"
+  flush(1)
+  for (i = 1; i <= r; i++) print_code(run[i])
+  if (decls > 1) print "/// @}"
+  r = 0
+  collecting = 0
+}
+
+BEGIN { n = 0; r = 0; collecting = 0; seen_code = 0 }
+
+# The declarations under a documentation block are collected up to the end
+# of their run.
+collecting && !ends_run($0) {
+  run[++r] = $0
+  next
+}
+collecting { flush_run() }
 
 # A whole-line plain comment (not already `///` or `//!`).
 /^[ \t]*\/\/([^\/!]|$)/ {
@@ -64,18 +107,20 @@ BEGIN { n = 0; seen_code = 0 }
       # The header's top comment: the file's documentation.
       print "/// \\file"
       flush(1)
+    } else if (!ends_run($0) || $0 ~ /^[ \t]*#[ \t]*define/) {
+      collecting = 1
+      run[++r] = $0
+      seen_code = 1
+      next
     } else {
-      flush($0 !~ /^[ \t]*$/ && $0 !~ /^[ \t]*}/ && $0 !~ /^[ \t]*#(if|endif|else|elif|include)/)
+      flush(0)
     }
   }
   if ($0 !~ /^[ \t]*$/) seen_code = 1
-  # A trailing comment after a member or an enumerator (no string on the line).
-  if ($0 ~ /^[^"\/]*[;,][ \t]+\/\/ / && $0 !~ /^[ \t]*}/) {
-    pos = index($0, "//")
-    print substr($0, 1, pos - 1) "///<" escape(substr($0, pos + 2))
-    next
-  }
-  print
+  print_code($0)
 }
 
-END { flush(0) }
+END {
+  if (collecting) flush_run()
+  flush(0)
+}
