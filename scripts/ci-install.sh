@@ -90,7 +90,7 @@ for place in installed moved; do
 done
 
 # -- 2. Static libraries.
-echo "-- static libraries"
+echo "-- static libraries ($((SECONDS - start)) s)"
 static_build="$build-static"
 static_tree="$work/tree-static"
 cmake -S . -B "$static_build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_TESTS=OFF \
@@ -128,14 +128,14 @@ consume_subproject() {
   fi
   ninja -C "$dir" -t commands zel_consumer | grep 'consumer/main.cpp' | grep -q -e '-Weverything -Werror'
 }
-echo "-- subproject: add_subdirectory"
+echo "-- subproject: add_subdirectory ($((SECONDS - start)) s)"
 consume_subproject subdirectory -DZEL_CONSUMER_SOURCE_DIR="$PWD"
-echo "-- subproject: FetchContent from $PWD at $(git rev-parse --short HEAD)"
+echo "-- subproject: FetchContent from $PWD at $(git rev-parse --short HEAD) ($((SECONDS - start)) s)"
 consume_subproject fetchcontent -DZEL_CONSUMER_GIT_REPOSITORY="file://$PWD" \
   -DZEL_CONSUMER_GIT_TAG="$(git rev-parse HEAD)"
 
 # -- 4. Debian packages.
-echo "-- Debian packages"
+echo "-- Debian packages ($((SECONDS - start)) s)"
 cmake -S . -B "$build" -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
 cmake --build "$build"
 rm -f "$build"/*.deb
@@ -151,7 +151,7 @@ if [ "$lintian_ok" -ne 0 ]; then
   echo "install: lintian found errors in the Debian packages" >&2
   exit 1
 fi
-trap 'dpkg -r libzel-dev libzel-utils0 libzel-tracer0 >/dev/null 2>&1 || true' EXIT
+trap 'dpkg --purge libzel-dev libzel-utils0 libzel-tracer0 >/dev/null 2>&1 || true' EXIT
 export DEBIAN_FRONTEND=noninteractive
 apt-get install -y -qq --no-install-recommends "$PWD/$build"/libzel-utils0_*.deb \
   "$PWD/$build"/libzel-tracer0_*.deb "$PWD/$build"/libzel-dev_*.deb >/dev/null
@@ -161,6 +161,7 @@ consume deb-cmake -DCMAKE_DISABLE_FIND_PACKAGE_PkgConfig=ON
 consume deb-pkgconfig -DZEL_CONSUMER_USE_PKGCONFIG=ON
 
 # -- 5. API reference.
+echo "-- API reference ($((SECONDS - start)) s)"
 bash scripts/api-docs.sh "$build/docs"
 
 echo "install: every way in works ($((SECONDS - start)) s)"
