@@ -25,23 +25,38 @@ class AllocationFailure {
   AllocationFailure& operator=(const AllocationFailure&) = delete;
 };
 
+// Whether AllocationFailure takes effect: not when a memory checker (such
+// as valgrind) has put its own operators in place of the ones below.
+inline bool AllocationFailureWorks() {
+  AllocationFailure failure;
+  try {
+    ::operator delete(::operator new(1));
+  } catch (const std::bad_alloc&) {
+    return true;
+  }
+  return false;
+}
+
 }  // namespace zel_test
 
-// Exported, so that the library's calls reach them too; never inlined, so
-// that the compiler does not pair malloc and free across them.
-__attribute__((visibility("default"), noinline)) void* operator new(std::size_t size) {
+// Exported, so that the library's calls reach them too. Kept whole (no
+// inlining, no clones): a memory checker that swaps the exported operators
+// for its own must see every call go through them.
+#if defined(__clang__)
+#define ZEL_TEST_WHOLE_FUNCTION __attribute__((visibility("default"), noinline))
+#else
+#define ZEL_TEST_WHOLE_FUNCTION __attribute__((visibility("default"), noipa))
+#endif
+ZEL_TEST_WHOLE_FUNCTION void* operator new(std::size_t size) {
   if (zel_test::gFailAllocations.load()) throw std::bad_alloc();
   void* memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
 
-__attribute__((visibility("default"), noinline)) void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
+ZEL_TEST_WHOLE_FUNCTION void operator delete(void* memory) noexcept { std::free(memory); }
 
-__attribute__((visibility("default"), noinline)) void operator delete(void* memory,
-                                                                      std::size_t) noexcept {
+ZEL_TEST_WHOLE_FUNCTION void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 

@@ -108,6 +108,9 @@ namespace {
 // The test executable's path is longer than a string's inner buffer, so
 // each function needs memory for its result.
 TEST(ProcessPathTest, EachFunctionGivesTheEmptyTextWhenMemoryRunsOut) {
+  if (!zel_test::AllocationFailureWorks()) {
+    GTEST_SKIP() << "a memory checker replaced the operators that make allocations fail";
+  }
   ASSERT_GT(get_process_dir().size(), 15u);
   struct Call {
     const char* name;
