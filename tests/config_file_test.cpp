@@ -3,17 +3,30 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#if !defined(ZEL_TEST_ON_WINDOWS)
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#endif
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/test_util.h"
 #include "utils/platform.h"
+#if !defined(ZEL_TEST_ON_WINDOWS)
+#include "tests/failing_allocator.h"
+#endif
 
 namespace {
 
@@ -465,7 +478,7 @@ TEST(ConfigFileTest, WriterReturnsMinusOneInReadOnlyDirectory) {
   EXPECT_FALSE(FileExists(path + ".tmp"));
 }
 
-TEST(ConfigFileTest, WriterReturnsMinusOneAndLeavesTmpWhenRenameFails) {
+TEST(ConfigFileTest, WriterReturnsMinusOneAndRemovesTmpWhenRenameFails) {
   TempDir dir;
   const std::string path = dir.path() + "client.ini";
 #if defined(ZEL_TEST_ON_WINDOWS)
@@ -477,15 +490,15 @@ TEST(ConfigFileTest, WriterReturnsMinusOneAndLeavesTmpWhenRenameFails) {
   EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), -1);
   std::fclose(held);
   EXPECT_EQ(ReadFile(path), "[net]\nport=80\n");
-  EXPECT_EQ(ReadFile(path + ".tmp"), "[net]\nport=8080\n");
+  EXPECT_FALSE(FileExists(path + ".tmp"));
   return;
 #endif
-  // A directory opens for reading but cannot be replaced by a file.
+  // A directory opens for reading but can be neither read nor replaced by
+  // a file.
   ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
   EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), -1);
   EXPECT_TRUE(IsDirectory(path));
-  EXPECT_TRUE(FileExists(path + ".tmp"));
-  EXPECT_EQ(ReadFile(path + ".tmp"), "");
+  EXPECT_FALSE(FileExists(path + ".tmp"));
 }
 
 TEST(ConfigFileTest, WriterTruncatesAStaleTemporaryFile) {
@@ -591,3 +604,269 @@ TEST(ConfigFileTest, AppDataPathRuleGivesWindowsForm) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// The writer under faults, inherited descriptors, exhausted memory (POSIX).
+
+#if !defined(ZEL_TEST_ON_WINDOWS)
+
+namespace {
+
+// What the fsync() below saw, and how it answers.
+struct SyncWatch {
+  std::mutex mutex;
+  std::vector<std::string> paths;   // the synced files, in call order
+  std::vector<std::string> texts;   // their content when synced
+  std::vector<std::string> models;  // the content of `model` at that moment
+  std::string model;                // the file whose content is recorded
+  int failWith = 0;                 // errno to fail with; 0: sync
+};
+SyncWatch gSyncWatch;
+
+// The path that descriptor `fd` of this process names.
+std::string PathOfDescriptor(int fd) {
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  char target[4096];
+  const ssize_t n = readlink(link.c_str(), target, sizeof(target) - 1);
+  return n > 0 ? std::string(target, static_cast<std::size_t>(n)) : std::string();
+}
+
+}  // namespace
+
+// Replaces the C library's fsync for the whole test executable (the
+// library's calls reach it first): records each call, then syncs or fails.
+extern "C" __attribute__((visibility("default"))) int fsync(int fd) {
+  std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
+  const std::string path = PathOfDescriptor(fd);
+  gSyncWatch.paths.push_back(path);
+  gSyncWatch.texts.push_back(zel_test::ReadFile(path));
+  gSyncWatch.models.push_back(zel_test::ReadFile(gSyncWatch.model));
+  if (gSyncWatch.failWith != 0) {
+    errno = gSyncWatch.failWith;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+namespace {
+
+// A configuration file of 7,014 bytes whose only key line is the last one.
+std::string LargeConfig() {
+  constexpr std::size_t kSize = 7014;
+  const std::string last = "port=80\n";
+  std::string text = "[net]\n";
+  const std::string comment = "# " + std::string(61, 'c') + "\n";
+  while (text.size() + comment.size() + last.size() + 3 <= kSize) text += comment;
+  text += "# " + std::string(kSize - text.size() - last.size() - 3, 'c') + "\n";
+  return text + last;
+}
+
+// Lowers the soft file size limit of the process to `bytes` and ignores
+// SIGXFSZ, so that writes past it fail with EFBIG, as on a full disk or
+// over a quota; restores both when destroyed.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    getrlimit(RLIMIT_FSIZE, &saved_);
+    rlimit limit = saved_;
+    limit.rlim_cur = bytes;
+    ok_ = setrlimit(RLIMIT_FSIZE, &limit) == 0;
+    previous_ = std::signal(SIGXFSZ, SIG_IGN);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &saved_);
+    std::signal(SIGXFSZ, previous_);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  rlimit saved_{};
+  bool ok_ = false;
+  void (*previous_)(int) = SIG_DFL;
+};
+
+TEST(ConfigFileTest, WriterLeavesTheFileUntouchedWhenWritesHitAFileSizeLimit) {
+  TempDir dir;
+  const std::string path = dir.path() + "client.ini";
+  const std::string original = LargeConfig();
+  ASSERT_EQ(original.size(), 7014u);
+  WriteFile(path, original);
+  int result = 0;
+  {
+    FileSizeLimit limit(4096);
+    ASSERT_TRUE(limit.ok());
+    result = PutKeyIntToFile(path.c_str(), "net", "port", 8080);
+  }
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(ReadFile(path), original);
+  EXPECT_FALSE(FileExists(path + ".tmp"));
+  // Without the limit the same write goes through.
+  EXPECT_EQ(PutKeyIntToFile(path.c_str(), "net", "port", 8080), 0);
+  EXPECT_EQ(ReadFile(path), original.substr(0, original.size() - 3) + "8080\n");
+}
+
+TEST(ConfigFileTest, WriterKeepsThePermissionBitsOfTheFile) {
+  TempDir dir;
+  const std::string path = dir.path() + "client.ini";
+  const mode_t savedMask = umask(022);
+  for (const mode_t mode : {mode_t{0600}, mode_t{0640}, mode_t{0604}, mode_t{0660}}) {
+    SCOPED_TRACE(mode);
+    WriteFile(path, "[net]\nport=80\n");
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    EXPECT_EQ(PutKeyIntToFile(path.c_str(), "net", "port", 8080), 0);
+    EXPECT_EQ(ReadFile(path), "[net]\nport=8080\n");
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, mode);
+  }
+  umask(savedMask);
+}
+
+TEST(ConfigFileTest, WriterSyncsTheWholeCopyBeforeItReplacesTheFile) {
+  TempDir dir;
+  const std::string path = dir.path() + "client.ini";
+  WriteFile(path, "[net]\nport=80\nhost=h\n");
+  {
+    std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
+    gSyncWatch.paths.clear();
+    gSyncWatch.texts.clear();
+    gSyncWatch.models.clear();
+    gSyncWatch.model = path;
+  }
+  EXPECT_EQ(PutKeyIntToFile(path.c_str(), "net", "port", 8080), 0);
+  std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
+  ASSERT_EQ(gSyncWatch.paths.size(), 1u);
+  EXPECT_EQ(gSyncWatch.paths[0], path + ".tmp");
+  EXPECT_EQ(gSyncWatch.texts[0], "[net]\nport=8080\nhost=h\n");
+  EXPECT_EQ(gSyncWatch.models[0], "[net]\nport=80\nhost=h\n");  // not yet replaced
+  EXPECT_EQ(ReadFile(path), "[net]\nport=8080\nhost=h\n");
+}
+
+TEST(ConfigFileTest, WriterLeavesTheFileUntouchedWhenTheSyncFails) {
+  TempDir dir;
+  const std::string path = dir.path() + "client.ini";
+  WriteFile(path, "[net]\nport=80\n");
+  {
+    std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
+    gSyncWatch.paths.clear();
+    gSyncWatch.texts.clear();
+    gSyncWatch.models.clear();
+    gSyncWatch.model = path;
+    gSyncWatch.failWith = EIO;
+  }
+  const int result = PutKeyIntToFile(path.c_str(), "net", "port", 8080);
+  {
+    std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
+    gSyncWatch.failWith = 0;
+    EXPECT_EQ(gSyncWatch.paths.size(), 1u);
+  }
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(ReadFile(path), "[net]\nport=80\n");
+  EXPECT_FALSE(FileExists(path + ".tmp"));
+}
+
+// The descriptors of this process that name `path`.
+std::vector<int> DescriptorsOf(const std::string& path) {
+  std::vector<int> fds;
+  for (const std::string& name : zel_test::ListDir("/proc/self/fd")) {
+    const int fd = std::atoi(name.c_str());
+    if (PathOfDescriptor(fd) == path) fds.push_back(fd);
+  }
+  return fds;
+}
+
+// Whether descriptor `fd` is closed when the process executes a program.
+bool CloseOnExec(int fd) {
+  const int flags = fcntl(fd, F_GETFD);
+  return flags >= 0 && (flags & FD_CLOEXEC) != 0;
+}
+
+// The configuration file is a named pipe, so that a call keeps its files
+// open until the test writes the file's text into the pipe.
+TEST(ConfigFileTest, ReaderOpensTheFileCloseOnExec) {
+  TempDir dir;
+  const std::string path = dir.path() + "client.ini";
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  std::string value;
+  std::thread reader([&] {
+    char* block = GetKeyStringFromFile(path.c_str(), "net", "port");
+    if (block != nullptr) value = block;
+    std::free(block);
+  });
+  const int pipe = open(path.c_str(), O_WRONLY);  // once the reader has opened it
+  ASSERT_GE(pipe, 0);
+  std::vector<int> fds;
+  EXPECT_TRUE(zel_test::WaitFor([&] {
+    fds = DescriptorsOf(path);
+    // This test's own end of the pipe names the same path.
+    return fds.size() == 2;
+  }));
+  int readerEnds = 0;
+  for (const int fd : fds) {
+    if (fd == pipe) continue;
+    ++readerEnds;
+    EXPECT_TRUE(CloseOnExec(fd)) << "descriptor " << fd;
+  }
+  EXPECT_EQ(readerEnds, 1);
+  const std::string text = "[net]\nport=80\n";
+  EXPECT_EQ(write(pipe, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  close(pipe);
+  reader.join();
+  EXPECT_EQ(value, "80");
+}
+
+TEST(ConfigFileTest, WriterOpensBothFilesCloseOnExec) {
+  TempDir dir;
+  const std::string path = dir.path() + "client.ini";
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  std::atomic<int> result{99};
+  std::thread writer([&] { result = PutKeyIntToFile(path.c_str(), "net", "port", 8080); });
+  const int pipe = open(path.c_str(), O_WRONLY);
+  ASSERT_GE(pipe, 0);
+  std::vector<int> inputs;
+  std::vector<int> copies;
+  EXPECT_TRUE(zel_test::WaitFor([&] {
+    inputs = DescriptorsOf(path);
+    copies = DescriptorsOf(path + ".tmp");
+    return inputs.size() == 2 && copies.size() == 1;
+  }));
+  for (const int fd : inputs) {
+    if (fd != pipe) {
+      EXPECT_TRUE(CloseOnExec(fd)) << "input descriptor " << fd;
+    }
+  }
+  for (const int fd : copies) EXPECT_TRUE(CloseOnExec(fd)) << "copy descriptor " << fd;
+  const std::string text = "[net]\nport=80\n";
+  EXPECT_EQ(write(pipe, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  close(pipe);
+  writer.join();
+  EXPECT_EQ(result.load(), 0);
+  EXPECT_EQ(ReadFile(path), "[net]\nport=8080\n");
+}
+
+TEST(ConfigFileTest, AppDataPathGivesTheEmptyTextWhenMemoryRunsOut) {
+  if (!zel_test::AllocationFailureWorks()) {
+    GTEST_SKIP() << "a memory checker replaced the operators that make allocations fail";
+  }
+  const std::string value(200, 'a');  // too long for a string's inner buffer
+  ASSERT_EQ(setenv("APPDATA", value.c_str(), 1), 0);
+  std::string result = "unset";
+  bool threw = false;
+  {
+    zel_test::AllocationFailure failure;
+    try {
+      result = GetAppDataPath();
+    } catch (...) {
+      threw = true;
+    }
+  }
+  EXPECT_FALSE(threw);
+  EXPECT_EQ(result, "");
+  EXPECT_EQ(GetAppDataPath().substr(0, 200), value);
+}
+
+}  // namespace
+
+#endif  // !ZEL_TEST_ON_WINDOWS

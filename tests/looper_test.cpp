@@ -1,6 +1,9 @@
 #include "utils/looper.h"
 
 #include <gtest/gtest.h>
+#if !defined(ZEL_TEST_ON_WINDOWS)
+#include <pthread.h>
+#endif
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +26,7 @@
 
 #include "tests/test_util.h"
 #include "utils/logger.h"
+#include "utils/platform.h"
 
 namespace {
 
@@ -1304,6 +1308,207 @@ TEST(LooperTest, ThreadStoppedFromInsideEndsEvenWhenRestartedAtOnce) {
     EXPECT_NE(id, oldThread);
     EXPECT_EQ(id, ranOn.front());
   }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Steps of the wall clock and the idle loop.
+
+namespace {
+
+// Moves the library's wall clock by `offsetMs` for the life of the object,
+// through the platform layer's test hook, as time synchronisation or a user
+// setting the clock would move it.
+class WallClockStep {
+ public:
+  explicit WallClockStep(int64_t offsetMs) { zel_test_hook_set_wall_clock_offset_ms(offsetMs); }
+  ~WallClockStep() { zel_test_hook_set_wall_clock_offset_ms(0); }
+  WallClockStep(const WallClockStep&) = delete;
+  WallClockStep& operator=(const WallClockStep&) = delete;
+};
+
+// A step far longer than the limit of any wait in these tests.
+constexpr int64_t kClockStepMs = 60000;
+
+TEST(LooperTest, MessagesDueNowRunInPostingOrderWhenTheWallClockStepsBack) {
+  Journal journal;
+  zel::Looper looper;
+  ASSERT_EQ(looper.Start(), 0);
+  Gate gate;
+  ASSERT_EQ(looper.PostMessageAAA(gate.NewMessage()), 0);
+  ASSERT_TRUE(gate.WaitEntered());
+  ASSERT_EQ(looper.PostMessageAAA(NewTestMessage(&journal, "before")), 0);
+  WallClockStep step(-kClockStepMs);
+  ASSERT_EQ(looper.PostMessageAAA(NewTestMessage(&journal, "after")), 0);
+  ASSERT_EQ(looper.PostDelayMessage(NewTestMessage(&journal, "after, delay 0"), 0), 0);
+  gate.Release();
+  // The message posted before the step is not held back by it either.
+  ASSERT_TRUE(journal.WaitForRuns(3));
+  EXPECT_EQ(journal.RunOrder(), (std::vector<std::string>{"before", "after", "after, delay 0"}));
+  EXPECT_EQ(looper.Stop(), 0);
+}
+
+TEST(LooperTest, DelayRunsOutOnTheMonotonicClockWhenTheWallClockStepsBack) {
+  zel::Looper looper;
+  ASSERT_EQ(looper.Start(), 0);
+  auto probe = std::make_shared<TimingProbe>();
+  const auto posted = std::chrono::steady_clock::now();
+  ASSERT_EQ(looper.PostDelayMessage(std::make_unique<TimedMessage>(probe), 50), 0);
+  WallClockStep step(-kClockStepMs);
+  ASSERT_TRUE(probe->ran.WaitFor());
+  const auto waited =
+      std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - posted);
+  EXPECT_GE(waited.count(), 50);
+  EXPECT_EQ(probe->runs.load(), 1);
+  EXPECT_EQ(looper.Stop(), 0);
+}
+
+TEST(LooperTest, DelayedMessageDoesNotRunEarlyWhenTheWallClockStepsForward) {
+  Journal journal;
+  zel::Looper looper;
+  ASSERT_EQ(looper.Start(), 0);
+  ASSERT_EQ(looper.PostDelayMessage(NewTestMessage(&journal, "far"), kFarDelayMs), 0);
+  WallClockStep step(2 * kFarDelayMs);
+  ASSERT_EQ(looper.PostMessageAAA(NewTestMessage(&journal, "now")), 0);
+  // "far" is due a minute after its post whatever the wall clock says: the
+  // message posted after it runs, "far" stays queued.
+  ASSERT_TRUE(journal.WaitForEvent("destroy now"));
+  ASSERT_EQ(looper.PostMessageAAA(NewTestMessage(&journal, "now again")), 0);
+  ASSERT_TRUE(journal.WaitForEvent("destroy now again"));
+  EXPECT_EQ(journal.RunOrder(), (std::vector<std::string>{"now", "now again"}));
+  EXPECT_EQ(looper.Stop(), 0);
+}
+
+TEST(LooperTest, LogFlushWaitsForLinesQueuedBeforeTheWallClockStepsBack) {
+  LogReader reader;
+  // A backend that holds the writer thread on the line "hold" until
+  // released, so that the lines after it are still queued when the clock
+  // steps.
+  class HoldingBackend : public zel::LogBackend {
+   public:
+    void Log(const std::string& line) override {
+      if (line.find("hold") == std::string::npos) return;
+      entered.Notify();
+      released.WaitFor();
+    }
+    Signal entered;
+    Signal released;
+  };
+  static HoldingBackend backend;  // registered for the rest of the process
+  zel::Logger::GetInstance()->RegisterBackend(&backend);
+  log_print(0, 1, "hold\n");
+  ASSERT_TRUE(backend.entered.WaitFor());
+  log_print(0, 0, "line 1\n");
+  log_print(0, 0, "line 2\n");
+  WallClockStep step(-kClockStepMs);
+  backend.released.Notify();
+  zel_log_flush();
+  // Read without another line or flush: what the flush left in the file.
+  const std::string dayDir = zel::Logger::GetLogPath();
+  const std::string text = zel_test::StripLogPrefixes(zel_test::ReadLiveLog(dayDir));
+  EXPECT_EQ(text, "hold\nline 1\nline 2\n");
+}
+
+#if !defined(ZEL_TEST_ON_WINDOWS)
+// The number of times the kernel thread `tid` of this process has gone to
+// sleep voluntarily (waiting on a lock, a condition or a timer); -1 when it
+// cannot be read.
+long VoluntarySwitches(const std::string& tid) {
+  const std::string status = zel_test::ReadFile("/proc/self/task/" + tid + "/status");
+  const std::string key = "voluntary_ctxt_switches:";
+  const std::size_t pos = status.find("\n" + key);
+  if (pos == std::string::npos) return -1;
+  return std::strtol(status.c_str() + pos + 1 + key.size(), nullptr, 10);
+}
+
+// The kernel id of `looper`'s thread, read by a message that runs on it.
+std::string LoopThreadId(zel::Looper& looper) {
+  Journal journal;
+  std::string tid;
+  EXPECT_EQ(looper.PostMessageAAA(NewTestMessage(&journal, "tid", [&] { tid = OsThreadId(); })), 0);
+  EXPECT_TRUE(journal.WaitForEvent("destroy tid"));
+  return tid;
+}
+#endif
+
+TEST(LooperTest, IdleLoopThreadSleepsUntilItHasWork) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  GTEST_SKIP() << "counts the loop thread's sleeps in /proc";
+#else
+  zel::Looper looper;
+  ASSERT_EQ(looper.Start(), 0);
+  const std::string tid = LoopThreadId(looper);
+  // Watch the idle thread for a while (this measures; it waits for no
+  // result): a loop that polls goes back to sleep after each wake-up. One
+  // sleep is allowed for the thread settling down after the message above.
+  const long before = VoluntarySwitches(tid);
+  ASSERT_GE(before, 0);
+  std::this_thread::sleep_for(milliseconds(450));
+  EXPECT_LE(VoluntarySwitches(tid) - before, 1);
+  // Work still wakes it at once.
+  Journal journal;
+  ASSERT_EQ(looper.PostMessageAAA(NewTestMessage(&journal, "work")), 0);
+  ASSERT_TRUE(journal.WaitForEvent("destroy work"));
+  EXPECT_EQ(looper.Stop(), 0);
+#endif
+}
+
+TEST(LooperTest, LoopThreadWithOnlyAFarMessageSleepsUntilItIsDue) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  GTEST_SKIP() << "counts the loop thread's sleeps in /proc";
+#else
+  Journal journal;
+  zel::Looper looper;
+  ASSERT_EQ(looper.Start(), 0);
+  const std::string tid = LoopThreadId(looper);
+  ASSERT_EQ(looper.PostDelayMessage(NewTestMessage(&journal, "far"), kFarDelayMs), 0);
+  const long before = VoluntarySwitches(tid);
+  ASSERT_GE(before, 0);
+  std::this_thread::sleep_for(milliseconds(450));
+  // The post itself may wake it once; it then sleeps until "far" is due.
+  EXPECT_LE(VoluntarySwitches(tid) - before, 2);
+  EXPECT_EQ(journal.Count("run far"), 0);
+  EXPECT_EQ(looper.Stop(), 0);
+#endif
+}
+
+TEST(LooperTest, StartThatCannotCreateItsThreadReturnsMinusOneAndStaysStopped) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  GTEST_SKIP() << "makes thread creation fail through the C library's default thread attributes";
+#else
+  // New threads get a stack far larger than the address space can give, so
+  // that creating one fails as when the process is out of threads.
+  pthread_attr_t saved;
+  ASSERT_EQ(pthread_getattr_default_np(&saved), 0);
+  pthread_attr_t huge;
+  ASSERT_EQ(pthread_attr_init(&huge), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 50), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+  zel::Looper looper;
+  int first = 99;
+  bool threw = false;
+  try {
+    first = looper.Start();
+  } catch (...) {
+    threw = true;
+  }
+  const bool stoppedAfterFailure = looper.IsStoped();
+  ASSERT_EQ(pthread_setattr_default_np(&saved), 0);
+  pthread_attr_destroy(&huge);
+  pthread_attr_destroy(&saved);
+  EXPECT_FALSE(threw);
+  EXPECT_EQ(first, -1);
+  EXPECT_TRUE(stoppedAfterFailure);
+  // Stopped means stopped: posts are refused, and a later Start() works.
+  Journal journal;
+  EXPECT_EQ(looper.PostMessageAAA(NewTestMessage(&journal, "refused")), -1);
+  ASSERT_EQ(looper.Start(), 0);
+  ASSERT_EQ(looper.PostMessageAAA(NewTestMessage(&journal, "runs")), 0);
+  ASSERT_TRUE(journal.WaitForEvent("destroy runs"));
+  EXPECT_EQ(journal.RunOrder(), std::vector<std::string>{"runs"});
+  EXPECT_EQ(looper.Stop(), 0);
+#endif
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -276,6 +278,51 @@ TEST(PlatformWinTest, EnvironmentValues) {
   ASSERT_EQ(_putenv_s("ZEL_PLATFORM_WIN_TEST", "C:\\a b"), 0);
   EXPECT_TRUE(zel::platform::getEnv("ZEL_PLATFORM_WIN_TEST", &value));
   EXPECT_EQ(value, "C:\\a b");
+}
+
+}  // namespace
+
+namespace {
+
+// A file that another process holds open for a moment (a virus scanner, a
+// backup, an editor) delays the replace of the configuration writer; it
+// does not make it fail.
+TEST(PlatformWinTest, ReplaceWaitsForAHolderThatLetsGoSoon) {
+  TempDir dir;
+  const std::string from = dir.path() + "client.ini.tmp";
+  const std::string to = dir.path() + "client.ini";
+  zel_test::WriteFile(from, "new\n");
+  zel_test::WriteFile(to, "old\n");
+  FILE* held = std::fopen(to.c_str(), "r");
+  ASSERT_NE(held, nullptr);
+  std::atomic<bool> calling{false};
+  std::atomic<int> result{99};
+  std::thread replacer([&] {
+    calling = true;
+    result = zel::platform::replaceFile(from.c_str(), to.c_str());
+  });
+  ASSERT_TRUE(zel_test::WaitFor([&] { return calling.load(); }));
+  // The hold itself: the file stays open for 50 ms after the replace began.
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  std::fclose(held);
+  replacer.join();
+  EXPECT_EQ(result.load(), 0);
+  EXPECT_EQ(ReadFile(to), "new\n");
+  EXPECT_FALSE(FileExists(from));
+}
+
+TEST(PlatformWinTest, ReplaceOfAFileHeldThroughoutFails) {
+  TempDir dir;
+  const std::string from = dir.path() + "client.ini.tmp";
+  const std::string to = dir.path() + "client.ini";
+  zel_test::WriteFile(from, "new\n");
+  zel_test::WriteFile(to, "old\n");
+  FILE* held = std::fopen(to.c_str(), "r");
+  ASSERT_NE(held, nullptr);
+  EXPECT_EQ(zel::platform::replaceFile(from.c_str(), to.c_str()), -1);
+  std::fclose(held);
+  EXPECT_EQ(ReadFile(to), "old\n");
+  EXPECT_EQ(ReadFile(from), "new\n");
 }
 
 }  // namespace

@@ -10,6 +10,9 @@
 #include <string>
 
 #include "utils/platform.h"
+#if !defined(ZEL_TEST_ON_WINDOWS)
+#include "tests/failing_allocator.h"
+#endif
 
 namespace {
 
@@ -98,3 +101,42 @@ TEST(ProcessPathTest, ProcessNameIsTheFileNameOfThisExecutable) {
 }
 
 }  // namespace
+
+#if !defined(ZEL_TEST_ON_WINDOWS)
+namespace {
+
+// The test executable's path is longer than a string's inner buffer, so
+// each function needs memory for its result.
+TEST(ProcessPathTest, EachFunctionGivesTheEmptyTextWhenMemoryRunsOut) {
+  if (!zel_test::AllocationFailureWorks()) {
+    GTEST_SKIP() << "a memory checker replaced the operators that make allocations fail";
+  }
+  ASSERT_GT(get_process_dir().size(), 15u);
+  struct Call {
+    const char* name;
+    std::string (*function)();
+  };
+  const Call calls[] = {{"get_self_dir", &get_self_dir},
+                        {"get_process_dir", &get_process_dir},
+                        {"get_process_name", &get_process_name}};
+  for (const Call& call : calls) {
+    SCOPED_TRACE(call.name);
+    const std::string normal = call.function();
+    std::string result = "unset";
+    bool threw = false;
+    {
+      zel_test::AllocationFailure failure;
+      try {
+        result = call.function();
+      } catch (...) {
+        threw = true;
+      }
+    }
+    EXPECT_FALSE(threw);
+    // A result that fits a string's inner buffer needs no memory.
+    EXPECT_EQ(result, normal.size() > 15 ? std::string() : normal);
+  }
+}
+
+}  // namespace
+#endif

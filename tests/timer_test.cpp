@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -322,6 +323,28 @@ TEST(TimerTest, PeriodicTimerWithZeroIntervalHoldsTheTimerForEver) {
   }
   EXPECT_TRUE(blocked);
   EXPECT_EQ(firings.Count(), 0u);
+}
+
+}  // namespace
+
+namespace {
+
+// Due times saturate: an interval so large that now + interval passes the
+// 64-bit range gives a timer that never fires, not one that wraps round
+// into the past and fires at once.
+TEST(TimerTest, HugeIntervalsNeverFire) {
+  zel::Timer timer;
+  std::atomic<int> huge{0};
+  const auto count = [&huge](uint64_t, void*) { huge.fetch_add(1); };
+  timer.Start(std::numeric_limits<int64_t>::max(), count, false, nullptr);
+  timer.Start(std::numeric_limits<int64_t>::max(), count, true, nullptr);
+  timer.Start(std::numeric_limits<int64_t>::max() - 1, count, false, nullptr);
+  // A marker due later than any pass that a wrapped due time would fire in.
+  std::atomic<bool> marker{false};
+  timer.Start(
+      30, [&marker](uint64_t, void*) { marker.store(true); }, false, nullptr);
+  ASSERT_TRUE(zel_test::WaitFor([&marker] { return marker.load(); }));
+  EXPECT_EQ(huge.load(), 0);
 }
 
 }  // namespace

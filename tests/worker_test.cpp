@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "tests/test_util.h"
+#include "utils/platform.h"
 
 namespace {
 
@@ -271,6 +273,47 @@ TEST(WorkerTest, RestartedWorkerRunsClosuresAgain) {
   ASSERT_EQ(worker.Start(), 0);
   worker.DoSync([&runs] { ++runs; });
   EXPECT_EQ(runs, 2);
+}
+
+}  // namespace
+
+namespace {
+
+// Closures around a step of the wall clock, which the platform layer's test
+// hook makes: the step must neither reorder them nor hold any back.
+TEST(WorkerTest, DoSyncWaitsForEarlierClosuresWhenTheWallClockStepsBack) {
+  zel::Worker worker;
+  ASSERT_EQ(worker.Start(), 0);
+  // Hold the worker thread so that the next closure is still queued when
+  // the clock steps.
+  std::mutex mutex;
+  std::condition_variable cond;
+  bool entered = false;
+  bool released = false;
+  worker.DoAsync([&] {
+    std::unique_lock<std::mutex> lock(mutex);
+    entered = true;
+    cond.notify_all();
+    cond.wait_for(lock, std::chrono::seconds(10), [&] { return released; });
+  });
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(cond.wait_for(lock, std::chrono::seconds(10), [&] { return entered; }));
+  }
+  std::atomic<bool> earlierRan{false};
+  worker.DoAsync([&earlierRan] { earlierRan.store(true); });
+  zel_test_hook_set_wall_clock_offset_ms(-60000);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    released = true;
+    cond.notify_all();
+  }
+  bool earlierRanFirst = false;
+  worker.DoSync([&] { earlierRanFirst = earlierRan.load(); });
+  zel_test_hook_set_wall_clock_offset_ms(0);
+  EXPECT_TRUE(earlierRanFirst);
+  EXPECT_TRUE(earlierRan.load());
+  EXPECT_EQ(worker.Stop(), 0);
 }
 
 }  // namespace

@@ -43,12 +43,18 @@ bool keyMatches(const char* key, const char* line, const char* equals) {
 }  // namespace
 
 std::string GetAppDataPath() {
-  std::string appData;
-  if (!zel::platform::getEnv("APPDATA", &appData)) return std::string();
-  char buf[kAppDataPathSize] = {0};
-  zel::platform::formatAppDataPath(buf, sizeof(buf), appData.c_str(),
-                                   zel::platform::kPathSeparator);
-  return std::string(buf, std::strlen(buf));
+  // No exception leaves a function with C linkage: memory exhausted while
+  // copying the variable gives the empty text, as an unset one does.
+  try {
+    std::string appData;
+    if (!zel::platform::getEnv("APPDATA", &appData)) return std::string();
+    char buf[kAppDataPathSize] = {0};
+    zel::platform::formatAppDataPath(buf, sizeof(buf), appData.c_str(),
+                                     zel::platform::kPathSeparator);
+    return std::string(buf, std::strlen(buf));
+  } catch (...) {
+    return std::string();
+  }
 }
 
 char* GetConfigFilePath() {
@@ -70,7 +76,7 @@ char* GetKeyStringFromFile(const char* path, const char* section, const char* ke
   if (value == nullptr) return nullptr;
   formatHeader(header, section);
 
-  FILE* file = std::fopen(path, "r");
+  FILE* file = zel::platform::fopenNoInherit(path, "r");
   if (file == nullptr) {
     std::perror("fopen");
     return value;
@@ -115,7 +121,7 @@ int PutKeyStringToFile(const char* path, const char* section, const char* key, c
   if (path == nullptr) return 0;
   formatHeader(header, section);
 
-  FILE* in = std::fopen(path, "r");
+  FILE* in = zel::platform::fopenNoInherit(path, "r");
   if (in == nullptr) return -2;
 
   char tmpName[kLineSize] = {0};
@@ -125,13 +131,14 @@ int PutKeyStringToFile(const char* path, const char* section, const char* key, c
     std::fclose(in);
     return -1;
   }
-  FILE* out = std::fopen(tmpName, "w");
+  FILE* out = zel::platform::fopenNoInherit(tmpName, "w");
   if (out == nullptr) {
     std::fclose(in);
     return -1;
   }
 
   ScanState state = ScanState::kSearching;
+  bool copied = true;
   while (std::fgets(line, static_cast<int>(sizeof(line)), in) != nullptr) {
     if (state != ScanState::kReplaced) {
       char* equals = std::strchr(line, '=');
@@ -147,12 +154,27 @@ int PutKeyStringToFile(const char* path, const char* section, const char* key, c
         state = ScanState::kInside;
       }
     }
-    std::fputs(line, out);
+    if (std::fputs(line, out) == EOF) {
+      copied = false;
+      break;
+    }
   }
+  // A read error ends the copy early: it would lose the rest of the file.
+  if (std::ferror(in) != 0) copied = false;
   std::fclose(in);
-  std::fclose(out);
 
-  return zel::platform::replaceFile(tmpName, path);
+  // The copy replaces the file only once all of it is known to be on the
+  // disk with the file's permission bits: a full disk, a quota or a size
+  // limit shows up as a failed write, flush, sync or close. On any failure
+  // the copy goes and the file stays as it was.
+  if (copied && zel::platform::copyPermissions(path, out) != 0) copied = false;
+  if (copied && zel::platform::syncFile(out) != 0) copied = false;
+  if (std::fclose(out) != 0) copied = false;
+  if (!copied || zel::platform::replaceFile(tmpName, path) != 0) {
+    std::remove(tmpName);
+    return -1;
+  }
+  return 0;
 }
 
 int PutKeyIntToFile(const char* path, const char* section, const char* key, int value) {

@@ -6,7 +6,9 @@
 // value as a small heap text; the writer replaces the value of an existing
 // key by copying the file into "<path>.tmp" and renaming that over the file.
 // Every call opens, scans and closes the file itself: there is no cache, no
-// lock and no state between calls, and nothing is logged.
+// lock and no state between calls, and nothing is logged. Files are opened
+// so that child processes do not inherit them (close-on-exec on POSIX, a
+// non-inheritable handle on Windows). No exception leaves these functions.
 //
 // The scanning rules are deliberately loose, and callers rely on them:
 // - A file is read line by line through a 1024-byte buffer, so a physical
@@ -107,12 +109,19 @@ ZEL_API int GetKeyIntFromFile(const char* path, const char* section, const char*
 // a blank line before the wanted section lets the first matching key line
 // after it be replaced, even in another section. A missing key or section is
 // not added: the file is rewritten unchanged.
+// The file is never replaced by a damaged copy: every write to the copy,
+// its flush and its close are checked, and the copy is synced to the disk
+// and given the file's permission bits before it replaces the file. On
+// Windows a file that another process holds open is retried for about half a
+// second. Both files are opened so that child processes do not inherit them.
 // Results: 0 on success, also when nothing was replaced, and when `path` is
 // null (nothing is written). -2 when the file cannot be opened for reading
 // (nothing is printed). -1 when "<path>.tmp" does not fit in 1023 characters
-// or cannot be created (the file is left unchanged), or when the rename fails
-// (the ".tmp" file is left behind). `section`, `key` and `value` must not be
-// null.
+// or cannot be created, when reading the file or writing, syncing or closing
+// the copy fails (a full disk, a quota, a size limit), when the permission
+// bits cannot be given, or when the rename fails: the file is then left as it
+// was and the ".tmp" file is removed. `section`, `key` and `value` must not
+// be null.
 // WARNING: each line is copied up to its first NUL byte; the rest of such a
 // line, its newline included, is dropped from the rewritten file.
 ZEL_API int PutKeyStringToFile(const char* path, const char* section, const char* key,

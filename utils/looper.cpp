@@ -19,8 +19,11 @@ namespace {
 constexpr const char* kFile = platform::fileTail(__FILE__);
 constexpr int kStopSameThreadLine = 137;
 constexpr int kLooperExitLine = 205;
-// The longest the loop waits before it looks at its queue again.
-constexpr int64_t kMaxWaitMs = 100;
+constexpr int64_t kNsPerMs = 1000000;
+// The longest single wait for the first due time. Longer delays are waited
+// out in several waits; the bound only keeps the deadline arithmetic of the
+// standard library's timed wait in range.
+constexpr int64_t kMaxWaitNs = 3600 * 1000 * kNsPerMs;
 
 // The text of the calling thread's std::thread::id, as an output stream
 // prints it; computed once per thread.
@@ -55,16 +58,31 @@ int64_t dueTime(int64_t now, int64_t delay) {
   return now + delay;
 }
 
+// The monotonic time `delayMs` ms after `nowNs` (both in ns), saturated at
+// the ends of the 64-bit range.
+int64_t monotonicDue(int64_t nowNs, int64_t delayMs) {
+  if (delayMs > std::numeric_limits<int64_t>::max() / kNsPerMs) {
+    return std::numeric_limits<int64_t>::max();
+  }
+  if (delayMs < std::numeric_limits<int64_t>::min() / kNsPerMs) {
+    return std::numeric_limits<int64_t>::min();
+  }
+  return dueTime(nowNs, delayMs * kNsPerMs);
+}
+
 }  // namespace
 
-// The pending messages, in the order a stable sort by due time gives them:
-// by due time, equal due times in posting order. Every message gets a
-// posting number; the order is that of (due time, posting number).
+// The pending messages, in the order of their due times on the monotonic
+// clock, equal due times in posting order. Every message gets a posting
+// number; the order is that of (due time, posting number). The wall-clock
+// when_ of a message is not consulted: a step of the wall clock changes
+// neither the order nor the moment a message runs.
 //
 // The queue is kept in three sorted parts whose fronts are merged by that
 // order:
 // - `now_`: messages posted due at once (lines of the log, tasks), appended
-//   in O(1) as long as the clock does not step back;
+//   in O(1), since the clock is read under the looper's lock and never goes
+//   back;
 // - `later_`: delayed messages due no earlier than the last one in it,
 //   appended in O(1);
 // - `early_`: any other message, a map by (due time, posting number), in
@@ -83,22 +101,21 @@ class Looper::Queue {
 
   bool empty() const { return now_.empty() && later_.empty() && early_.empty(); }
 
-  // Queues `msg`, due at its when_; `dueNow` when it was posted without a
-  // delay.
-  void push(std::unique_ptr<Message> msg, bool dueNow) {
-    const int64_t when = msg->when_;
+  // Queues `msg`, due at `due` (monotonic ns); `dueNow` when it was posted
+  // without a delay.
+  void push(std::unique_ptr<Message> msg, int64_t due, bool dueNow) {
     const uint64_t seq = nextSeq_++;
-    if (dueNow && (now_.empty() || now_.back().msg->when_ <= when)) {
-      now_.push_back(Entry{seq, std::move(msg)});
-    } else if (later_.empty() || later_.back().msg->when_ <= when) {
-      later_.push_back(Entry{seq, std::move(msg)});
+    if (dueNow && (now_.empty() || now_.back().due <= due)) {
+      now_.push_back(Entry{due, seq, std::move(msg)});
+    } else if (later_.empty() || later_.back().due <= due) {
+      later_.push_back(Entry{due, seq, std::move(msg)});
     } else {
-      early_.emplace(Key{when, seq}, std::move(msg));
+      early_.emplace(Key{due, seq}, std::move(msg));
     }
   }
 
-  // Due time of the front message. Requires !empty().
-  int64_t frontWhen() const { return frontKey().when; }
+  // Due time (monotonic ns) of the front message. Requires !empty().
+  int64_t frontDue() const { return frontKey().due; }
 
   // Removes and returns the front message. Requires !empty().
   std::unique_ptr<Message> pop() {
@@ -124,21 +141,20 @@ class Looper::Queue {
 
  private:
   struct Key {
-    int64_t when;
+    int64_t due;
     uint64_t seq;
     bool operator<(const Key& other) const {
-      return when != other.when ? when < other.when : seq < other.seq;
+      return due != other.due ? due < other.due : seq < other.seq;
     }
   };
-  // The due time is read from the message itself, which keeps the entries
-  // of the deques at two words.
   struct Entry {
+    int64_t due;
     uint64_t seq;
     std::unique_ptr<Message> msg;
   };
   enum class Part { kNow, kLater, kEarly };
 
-  static Key keyOf(const Entry& entry) { return Key{entry.msg->when_, entry.seq}; }
+  static Key keyOf(const Entry& entry) { return Key{entry.due, entry.seq}; }
 
   // The part that holds the front message. Requires !empty().
   Part frontPart() const {
@@ -195,10 +211,19 @@ Looper::~Looper() {
 int Looper::Start() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!stopped_.load()) return -1;
+  // The thread is created before the looper counts as running: a thread
+  // that cannot be created leaves it stopped. The new thread takes mutex_
+  // before it looks at stopped_, so it sees the cleared flag.
+  std::unique_ptr<std::thread> thread;
+  try {
+    thread = std::make_unique<std::thread>(&Looper::process, this);
+  } catch (...) {
+    return -1;
+  }
   stopped_.exchange(false);
   // Replacing a thread that is still joinable ends the process, as
   // destroying a joinable std::thread does.
-  thread_ = std::make_unique<std::thread>(&Looper::process, this);
+  thread_ = std::move(thread);
   return 0;
 }
 
@@ -267,10 +292,14 @@ int Looper::post(std::unique_ptr<Message> msg, int64_t delay) {
   msg->when_ = dueTime(platform::wallClockMs(), delay);
   const std::string& caller = threadIdText();
   std::unique_lock<std::mutex> lock(mutex_);
+  // The monotonic clock is read under the lock, so messages due at once are
+  // queued with due times that never decrease: they run in posting order
+  // whatever the wall clock does.
+  const int64_t due = monotonicDue(platform::monotonicNs(), delay);
   if (caller == thread_id_) {
     // The loop thread queues without looking at stopped_ and without a
     // notification: the loop sees the message on its next pass.
-    queue_->push(std::move(msg), delay <= 0);
+    queue_->push(std::move(msg), due, delay <= 0);
     return 0;
   }
   if (stopped_.load()) {
@@ -278,7 +307,7 @@ int Looper::post(std::unique_ptr<Message> msg, int64_t delay) {
     msg.reset();
     return -1;
   }
-  queue_->push(std::move(msg), delay <= 0);
+  queue_->push(std::move(msg), due, delay <= 0);
   // Notified under the lock: once a later Stop() has taken the lock, no
   // post touches the condition variable anymore, so the looper may go.
   cond_.notify_one();
@@ -291,29 +320,23 @@ void Looper::process() {
     thread_id_ = threadIdText();
   }
   tLeaveLoop = false;
-  const auto maxWait = std::chrono::milliseconds(kMaxWaitMs);
   // The messages of one pass, in queue order; kept between passes so that
   // its storage is reused.
   std::vector<std::unique_ptr<Message>> ready;
   while (!stopped_.load() && !tLeaveLoop) {
     {
       std::unique_lock<std::mutex> lock(mutex_);
-      if (queue_->empty()) {
-        cond_.wait_for(lock, maxWait, [this] { return stopped_.load() || !queue_->empty(); });
-      }
-      if (queue_->empty()) continue;
-      const int64_t now = platform::wallClockMs();
-      while (!queue_->empty()) {
-        const int64_t when = queue_->frontWhen();
-        if (when > now && when >= 0) break;
-        ready.push_back(queue_->pop());
-      }
+      // Idle: sleep until a post or a Stop() (both notify under the lock).
+      cond_.wait(lock, [this] { return stopped_.load() || !queue_->empty(); });
+      if (queue_->empty()) continue;  // stopped
+      const int64_t now = platform::monotonicNs();
+      while (!queue_->empty() && queue_->frontDue() <= now) ready.push_back(queue_->pop());
       if (ready.empty()) {
         // Messages are pending but none is due: sleep until the first one
-        // is, at most kMaxWaitMs. A post or a Stop() wakes the loop earlier.
+        // is. A post or a Stop() wakes the loop earlier.
         if (!stopped_.load()) {
-          const int64_t wait = std::min(queue_->frontWhen() - now, kMaxWaitMs);
-          cond_.wait_for(lock, std::chrono::milliseconds(wait));
+          const int64_t wait = std::min(queue_->frontDue() - now, kMaxWaitNs);
+          cond_.wait_for(lock, std::chrono::nanoseconds(wait));
         }
         continue;
       }

@@ -1,9 +1,16 @@
 // A message loop that owns one thread, and the messages posted to it.
 //
-// Any thread hands a Looper heap-allocated messages, each due at a wall-clock
-// time; the loop thread runs every due message, in due-time order (equal due
-// times in posting order), one at a time. The Logger writes its lines on a
-// Looper and the Worker runs closures on one.
+// Any thread hands a Looper heap-allocated messages, each due at once or
+// after a delay; the loop thread runs every due message, in due-time order
+// (equal due times in posting order), one at a time. The Logger writes its
+// lines on a Looper and the Worker runs closures on one.
+//
+// Time: delays are measured on the monotonic clock. A step of the wall clock
+// (time synchronisation, a user, a restored virtual machine) neither delays
+// nor reorders anything: messages due at once run in posting order, and a
+// message posted after another with the same or a longer delay never runs
+// before it. The loop thread sleeps while nothing is due, until the first
+// due time, a post or a Stop().
 //
 // Threads: one loop thread per running Looper, created by Start() and ended
 // by Stop() or the destructor. Posting is allowed from any thread, including
@@ -53,8 +60,10 @@ class ZEL_API Message {
 
   virtual ~Message();
 
-  // Due time in ms since 1970-01-01 UTC (wall clock). -1 after construction;
-  // every post overwrites it.
+  // Due time in ms since 1970-01-01 UTC (wall clock), as read when posted:
+  // the wall-clock time at the post plus the delay. -1 after construction;
+  // every post overwrites it. Informative only: the Looper schedules on the
+  // monotonic clock and does not read it back.
   int64_t when_ = -1;
 };
 
@@ -117,9 +126,9 @@ class ZEL_API Looper {
   Looper& operator=(const Looper&) = delete;
 
   // Starts the loop thread. Messages left queued by an earlier Stop() run
-  // once they are due. Returns 0 when started, -1 when already running.
-  // Throws std::system_error when no thread can be created (the Looper then
-  // counts as running). Threads: any thread.
+  // once they are due. Returns 0 when started; -1 when already running, and
+  // -1 when no thread can be created (out of threads or memory), leaving the
+  // Looper stopped, so that Start() may be tried again. Threads: any thread.
   int Start();
 
   // Stops the loop. From another thread: prints "already stoped \n" to
@@ -143,14 +152,20 @@ class ZEL_API Looper {
   // Queues `msg` to run as soon as possible (due now). From another thread:
   // returns 0 when queued and wakes the loop; returns -1 and destroys `msg`
   // before returning when the Looper is stopped. From the loop thread: always
-  // queues and returns 0; the message runs in the next pass.
+  // queues and returns 0; the message runs in the next pass. Messages due
+  // now run in the order of their posts, also when the wall clock steps
+  // back between them, so a message posted as a barrier runs after all the
+  // work posted before it.
   int PostMessageAAA(std::unique_ptr<Message> msg);
 
-  // Queues `msg` to run `delay` ms from now (wall clock). A delay of 0 or
-  // less makes it due at once; a due time beyond the 64-bit range is held at
-  // its end. It runs no earlier than its due time and,
-  // with no other traffic, normally within a few ms after it (100 ms at the
-  // most). Results and threads as PostMessageAAA.
+  // Queues `msg` to run `delay` ms from now, measured on the monotonic
+  // clock; `when_` gets the wall-clock time plus `delay`. A delay of 0 or
+  // less makes it due at once (a negative one ahead of messages due at once
+  // that are still queued, by as much as it is negative); a due time beyond
+  // the 64-bit range is held at its end. It runs no earlier than its due
+  // time and, with no other traffic, normally within a few ms after it,
+  // whatever the wall clock does meanwhile. Results and threads as
+  // PostMessageAAA.
   int PostDelayMessage(std::unique_ptr<Message> msg, int64_t delay);
 
   // Posts a copy of `task` in a new InerTaskMessage with PostMessageAAA.

@@ -18,6 +18,8 @@
 #include <ctime>
 #include <string>
 
+#include "utils/export.h"
+
 namespace zel {
 namespace platform {
 
@@ -29,8 +31,14 @@ extern const char kPathSeparator;
 // Windows, "/tmp/zel/" elsewhere.
 extern const char* const kDefaultLogBase;
 
-// Milliseconds since 1970-01-01 UTC on the system (wall) clock, truncated.
+// Milliseconds since 1970-01-01 UTC on the system (wall) clock, truncated,
+// plus the offset that the test hook below sets (0 unless a test set one).
 int64_t wallClockMs();
+
+// Sets the offset, in ms, that wallClockMs() adds to every later reading of
+// the system clock; negative moves the clock back. Only the test hook
+// zel_test_hook_set_wall_clock_offset_ms() calls it. Threads: any thread.
+void setWallClockOffsetMs(int64_t offsetMs);
 
 // Nanoseconds of a monotonic clock with an arbitrary origin.
 int64_t monotonicNs();
@@ -65,9 +73,27 @@ bool getEnv(const char* name, std::string* value);
 
 // Renames the file `from` to `to`, replacing an existing file `to` on every
 // platform (rename on POSIX; MoveFileExA with MOVEFILE_REPLACE_EXISTING on
-// Windows, whose runtime rename refuses an existing destination). Returns 0
-// on success, -1 on failure, when `from` is left where it was.
+// Windows, whose runtime rename refuses an existing destination). On Windows
+// a destination that another process holds open (a sharing violation) is
+// retried for up to about half a second. Returns 0 on success, -1 on
+// failure, when `from` is left where it was.
 int replaceFile(const char* from, const char* to);
+
+// Opens `path` as std::fopen does with `mode` ("r", "w", ...), but so that
+// child processes do not inherit the descriptor or handle (close-on-exec on
+// POSIX, a non-inheritable handle on Windows). Returns null on failure.
+// Ownership: the caller closes the stream with std::fclose.
+std::FILE* fopenNoInherit(const char* path, const char* mode);
+
+// Writes what `file` buffers and asks the operating system to put the
+// file's data on the disk (fflush, then fsync or _commit). Returns 0, or -1
+// when either step fails.
+int syncFile(std::FILE* file);
+
+// Gives `file` (open for writing) the permission bits of the file at
+// `model`. Returns 0, also where there are no permission bits to give
+// (Windows); -1 when `model` cannot be queried or the bits cannot be set.
+int copyPermissions(const char* model, std::FILE* file);
 
 // ---------------------------------------------------------------------------
 // Pure rules.
@@ -134,5 +160,15 @@ inline int formatAppDataPath(char* buf, std::size_t size, const char* appData, c
 
 }  // namespace platform
 }  // namespace zel
+
+// Test hook, for the library's own tests only: every later reading of the
+// wall clock inside the library (due times recorded in messages, the time
+// of log lines, the date of the log directory) is shifted by `offset_ms`
+// milliseconds; a negative offset moves the clock back, 0 restores it. This
+// lets a test step the wall clock as time synchronisation or a user would,
+// without touching the system clock. Declared in this internal header only,
+// which is not installed. Threads: any thread; readings taken after the call
+// returns see the new offset.
+extern "C" ZEL_API void zel_test_hook_set_wall_clock_offset_ms(int64_t offset_ms);
 
 #endif  // ZEL_UTILS_PLATFORM_H_

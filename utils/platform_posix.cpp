@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 
@@ -16,10 +17,22 @@ namespace platform {
 const char kPathSeparator = '/';
 const char* const kDefaultLogBase = "/tmp/zel/";
 
+namespace {
+
+// Added to every wall-clock reading; set by the test hook only.
+std::atomic<int64_t> gWallClockOffsetMs{0};
+
+}  // namespace
+
 int64_t wallClockMs() {
   struct timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000 +
+         gWallClockOffsetMs.load(std::memory_order_relaxed);
+}
+
+void setWallClockOffsetMs(int64_t offsetMs) {
+  gWallClockOffsetMs.store(offsetMs, std::memory_order_relaxed);
 }
 
 int64_t monotonicNs() {
@@ -73,6 +86,25 @@ bool getEnv(const char* name, std::string* value) {
 int replaceFile(const char* from, const char* to) {
   // POSIX rename replaces an existing destination atomically.
   return std::rename(from, to) == 0 ? 0 : -1;
+}
+
+std::FILE* fopenNoInherit(const char* path, const char* mode) {
+  // "e" is the C library's flag for O_CLOEXEC.
+  char flags[16];
+  const int n = std::snprintf(flags, sizeof(flags), "%se", mode);
+  if (n < 0 || static_cast<std::size_t>(n) >= sizeof(flags)) return nullptr;
+  return std::fopen(path, flags);
+}
+
+int syncFile(std::FILE* file) {
+  if (std::fflush(file) != 0) return -1;
+  return fsync(fileno(file)) == 0 ? 0 : -1;
+}
+
+int copyPermissions(const char* model, std::FILE* file) {
+  struct stat st;
+  if (stat(model, &st) != 0) return -1;
+  return fchmod(fileno(file), st.st_mode & 07777) == 0 ? 0 : -1;
 }
 
 }  // namespace platform

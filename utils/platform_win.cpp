@@ -5,6 +5,8 @@
 #include <sys/types.h>
 #include <windows.h>
 
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
 
 #include "utils/platform.h"
@@ -15,13 +17,25 @@ namespace platform {
 const char kPathSeparator = '\\';
 const char* const kDefaultLogBase = "c:\\Windows\\temp\\zel\\";
 
+namespace {
+
+// Added to every wall-clock reading; set by the test hook only.
+std::atomic<int64_t> gWallClockOffsetMs{0};
+
+}  // namespace
+
 int64_t wallClockMs() {
   // FILETIME counts 100-nanosecond ticks since 1601-01-01 UTC.
   constexpr int64_t kTicksFrom1601To1970 = 116444736000000000LL;
   FILETIME ft;
   GetSystemTimeAsFileTime(&ft);
   const int64_t ticks = (static_cast<int64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
-  return (ticks - kTicksFrom1601To1970) / 10000;
+  return (ticks - kTicksFrom1601To1970) / 10000 +
+         gWallClockOffsetMs.load(std::memory_order_relaxed);
+}
+
+void setWallClockOffsetMs(int64_t offsetMs) {
+  gWallClockOffsetMs.store(offsetMs, std::memory_order_relaxed);
 }
 
 int64_t monotonicNs() {
@@ -77,7 +91,40 @@ bool getEnv(const char* name, std::string* value) {
 }
 
 int replaceFile(const char* from, const char* to) {
-  return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0 ? 0 : -1;
+  // Another process that holds the destination open without sharing it for
+  // deletion (an editor, a virus scanner, a backup) makes the replace fail
+  // for as long as it keeps it; such holds are usually short, so the
+  // replace is retried for a while before it counts as failed.
+  constexpr int kAttempts = 50;
+  constexpr DWORD kPauseMs = 10;
+  for (int attempt = 1;; ++attempt) {
+    if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0) return 0;
+    const DWORD error = GetLastError();
+    const bool held = error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION ||
+                      error == ERROR_ACCESS_DENIED;
+    if (!held || attempt == kAttempts) return -1;
+    Sleep(kPauseMs);
+  }
+}
+
+std::FILE* fopenNoInherit(const char* path, const char* mode) {
+  // "N" is the Windows runtime's flag for a handle that child processes do
+  // not inherit.
+  char flags[16];
+  const int n = std::snprintf(flags, sizeof(flags), "%sN", mode);
+  if (n < 0 || static_cast<std::size_t>(n) >= sizeof(flags)) return nullptr;
+  return std::fopen(path, flags);
+}
+
+int syncFile(std::FILE* file) {
+  if (std::fflush(file) != 0) return -1;
+  return _commit(_fileno(file)) == 0 ? 0 : -1;
+}
+
+int copyPermissions(const char* /*model*/, std::FILE* /*file*/) {
+  // The runtime's permission bits only model the read-only attribute, and a
+  // read-only file cannot be replaced in the first place: nothing to copy.
+  return 0;
 }
 
 }  // namespace platform

@@ -13,24 +13,40 @@ constexpr std::size_t kProcessNameLimit = 512;
 
 }  // namespace
 
+// No exception leaves these functions with C linkage: memory exhausted
+// while building a result gives the empty text, as a path that cannot be
+// had does.
+
 std::string get_self_dir() {
-  char path[kSelfPathSize] = {0};
-  zel::platform::executablePath(path, kSelfPathSize);
-  const std::string dir = zel::platform::cutDirectory(path, zel::platform::kPathSeparator);
-  // The directory passes through a 256-byte buffer: it is cut at 255.
-  char out[kSelfDirSize] = {0};
-  std::memcpy(out, dir.data(), dir.size() < kSelfDirSize ? dir.size() : kSelfDirSize - 1);
-  return out;
+  try {
+    char path[kSelfPathSize] = {0};
+    zel::platform::executablePath(path, kSelfPathSize);
+    const std::string dir = zel::platform::cutDirectory(path, zel::platform::kPathSeparator);
+    // The directory passes through a 256-byte buffer: it is cut at 255.
+    char out[kSelfDirSize] = {0};
+    std::memcpy(out, dir.data(), dir.size() < kSelfDirSize ? dir.size() : kSelfDirSize - 1);
+    return out;
+  } catch (...) {
+    return std::string();
+  }
 }
 
 std::string get_process_dir() {
-  char path[kProcessPathSize] = {0};
-  zel::platform::executablePath(path, kProcessPathSize);
-  return zel::platform::cutDirectory(path, zel::platform::kPathSeparator);
+  try {
+    char path[kProcessPathSize] = {0};
+    zel::platform::executablePath(path, kProcessPathSize);
+    return zel::platform::cutDirectory(path, zel::platform::kPathSeparator);
+  } catch (...) {
+    return std::string();
+  }
 }
 
 std::string get_process_name() {
-  char path[kProcessPathSize] = {0};
-  zel::platform::executablePath(path, kProcessNameLimit);
-  return zel::platform::cutFileName(path, zel::platform::kPathSeparator);
+  try {
+    char path[kProcessPathSize] = {0};
+    zel::platform::executablePath(path, kProcessNameLimit);
+    return zel::platform::cutFileName(path, zel::platform::kPathSeparator);
+  } catch (...) {
+    return std::string();
+  }
 }

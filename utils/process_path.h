@@ -3,8 +3,9 @@
 // The path is the one of the process's main executable (not of this
 // library), as the operating system reports it: GetModuleFileNameA on
 // Windows, /proc/self/exe on Linux. It is cut at its last path separator
-// ('\' on Windows, '/' on Linux). None of the functions reports an error:
-// when the path cannot be had they return the empty text.
+// ('\' on Windows, '/' on Linux). None of the functions reports an error
+// or throws: when the path cannot be had, or memory runs out, they return
+// the empty text.
 //
 // Threads: any thread; they keep no state.
 //

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 #include "utils/platform.h"
@@ -18,6 +19,18 @@ constexpr auto kPassInterval = std::chrono::milliseconds(10);
 // Monotonic ms since g_timer_epoch, truncated.
 int64_t nowMs() { return (platform::monotonicNs() - g_timer_epoch) / 1000000; }
 
+// `a` + `b`, saturated at the ends of the 64-bit range: a huge interval
+// gives a due time that never comes instead of one that wraps into the past.
+int64_t saturatedAdd(int64_t a, int64_t b) {
+  if (b > 0 && a > std::numeric_limits<int64_t>::max() - b) {
+    return std::numeric_limits<int64_t>::max();
+  }
+  if (b < 0 && a < std::numeric_limits<int64_t>::min() - b) {
+    return std::numeric_limits<int64_t>::min();
+  }
+  return a + b;
+}
+
 }  // namespace
 
 Timer::Timer() : created_(platform::monotonicNs()), next_id_(1), quit_(false) {
@@ -33,7 +46,7 @@ uint64_t Timer::Start(int64_t interval, const std::function<void(uint64_t, void*
                       void* user) {
   TimerEntry entry;
   entry.interval_ = interval;
-  entry.due_ = nowMs() + interval;
+  entry.due_ = saturatedAdd(nowMs(), interval);
   entry.callback_ = cb;
   entry.repeat_ = repeat;
   std::lock_guard<std::mutex> lock(mutex_);
@@ -80,7 +93,7 @@ void Timer::process() {
         const TimerEntry& copy = fired.back();
         if (copy.repeat_) {
           TimerEntry next = copy;
-          next.due_ += next.interval_;
+          next.due_ = saturatedAdd(next.due_, next.interval_);
           insertSorted(std::move(next));
         }
       }

@@ -77,7 +77,9 @@ class ZEL_API Timer {
   // Equal due times fire in Start() order. Returns the id: 1 for the first
   // Start() of a Timer, then one more for each, never reused.
   // Nothing is validated: an interval of 0 or less makes a one-shot timer
-  // due at the next pass. `cb` must not be empty (an empty one ends the
+  // due at the next pass. Due times saturate at the ends of the 64-bit
+  // range: a huge interval (up to INT64_MAX) makes a timer that never fires,
+  // never one that wraps round into the past. `cb` must not be empty (an empty one ends the
   // process when it fires) and must not throw.
   // WARNING: a periodic timer with an interval of 0 or less keeps the timer
   // thread in its collection step for ever, holding the lock: every later

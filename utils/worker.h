@@ -54,7 +54,8 @@ class ZEL_API Worker {
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
-  // Starts the worker thread. Returns 0, or -1 when already running.
+  // Starts the worker thread. Returns 0; -1 when already running, or when
+  // no thread can be created (the worker then stays stopped).
   int Start();
 
   // Stops the worker thread: 0, or -1 (and "already stoped \n" on standard
@@ -71,7 +72,8 @@ class ZEL_API Worker {
   // Runs a copy of `f` on the worker thread and returns after it has run,
   // noticing completion by polling a flag every 10 ms (monotonic clock), so
   // it returns up to about 10 ms after `f` has finished. Closures queued
-  // before it run first. Threads: any thread but the worker thread.
+  // before it run first, also when the wall clock steps back meanwhile.
+  // Threads: any thread but the worker thread.
   // WARNING: never returns when the worker is not running, when called from
   // a closure running on this worker, or when the worker is stopped or
   // destroyed before `f` has run.
