@@ -478,28 +478,34 @@ TEST(ConfigFileTest, WriterReturnsMinusOneInReadOnlyDirectory) {
   EXPECT_FALSE(FileExists(path + ".tmp"));
 }
 
-TEST(ConfigFileTest, WriterReturnsMinusOneAndRemovesTmpWhenRenameFails) {
+TEST(ConfigFileTest, WriterReturnsMinusOneAndRemovesTmpWhenThePathIsADirectory) {
   TempDir dir;
   const std::string path = dir.path() + "client.ini";
 #if defined(ZEL_TEST_ON_WINDOWS)
-  // Windows opens no directory as a file, but refuses to replace a file
-  // that another handle holds open.
+  GTEST_SKIP() << "Windows opens no directory as a file";
+#endif
+  // A directory opens for reading but cannot be read: the copy is
+  // incomplete, so it goes.
+  ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+  EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), -1);
+  EXPECT_TRUE(IsDirectory(path));
+  EXPECT_FALSE(FileExists(path + ".tmp"));
+}
+
+#if defined(ZEL_TEST_ON_WINDOWS)
+TEST(ConfigFileTest, WriterReturnsMinusOneAndLeavesTmpWhenRenameFails) {
+  TempDir dir;
+  const std::string path = dir.path() + "client.ini";
+  // Windows refuses to replace a file that another handle holds open.
   WriteFile(path, "[net]\nport=80\n");
   FILE* held = std::fopen(path.c_str(), "r");
   ASSERT_NE(held, nullptr);
   EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), -1);
   std::fclose(held);
   EXPECT_EQ(ReadFile(path), "[net]\nport=80\n");
-  EXPECT_FALSE(FileExists(path + ".tmp"));
-  return;
-#endif
-  // A directory opens for reading but can be neither read nor replaced by
-  // a file.
-  ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
-  EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), -1);
-  EXPECT_TRUE(IsDirectory(path));
-  EXPECT_FALSE(FileExists(path + ".tmp"));
+  EXPECT_EQ(ReadFile(path + ".tmp"), "[net]\nport=8080\n");
 }
+#endif
 
 TEST(ConfigFileTest, WriterTruncatesAStaleTemporaryFile) {
   TempDir dir;
@@ -646,6 +652,33 @@ extern "C" __attribute__((visibility("default"))) int fsync(int fd) {
     return -1;
   }
   return static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+// errno the rename() below fails with; 0: it renames.
+std::atomic<int> gRenameFailsWith{0};
+
+// Replaces the C library's rename for the whole test executable, so that a
+// test can make the final step of a write fail after a complete copy.
+extern "C" __attribute__((visibility("default"))) int rename(const char* from,
+                                                             const char* to) noexcept {
+  const int fail = gRenameFailsWith.load();
+  if (fail != 0) {
+    errno = fail;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_renameat, AT_FDCWD, from, AT_FDCWD, to));
+}
+
+TEST(ConfigFileTest, WriterReturnsMinusOneAndLeavesTmpWhenRenameFails) {
+  TempDir dir;
+  const std::string path = dir.path() + "client.ini";
+  WriteFile(path, "[net]\nport=80\n");
+  gRenameFailsWith = EXDEV;
+  const int result = PutKeyStringToFile(path.c_str(), "net", "port", "8080");
+  gRenameFailsWith = 0;
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(ReadFile(path), "[net]\nport=80\n");
+  EXPECT_EQ(ReadFile(path + ".tmp"), "[net]\nport=8080\n");
 }
 
 namespace {

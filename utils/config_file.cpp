@@ -165,16 +165,18 @@ int PutKeyStringToFile(const char* path, const char* section, const char* key, c
 
   // The copy replaces the file only once all of it is known to be on the
   // disk with the file's permission bits: a full disk, a quota or a size
-  // limit shows up as a failed write, flush, sync or close. On any failure
-  // the copy goes and the file stays as it was.
+  // limit shows up as a failed write, flush, sync or close. On any such
+  // failure the copy goes and the file stays as it was.
   if (copied && zel::platform::copyPermissions(path, out) != 0) copied = false;
   if (copied && zel::platform::syncFile(out) != 0) copied = false;
   if (std::fclose(out) != 0) copied = false;
-  if (!copied || zel::platform::replaceFile(tmpName, path) != 0) {
+  if (!copied) {
     std::remove(tmpName);
     return -1;
   }
-  return 0;
+  // A failed replace leaves the complete, synced copy beside the file, as a
+  // failed rename always has: the new text is not lost.
+  return zel::platform::replaceFile(tmpName, path) == 0 ? 0 : -1;
 }
 
 int PutKeyIntToFile(const char* path, const char* section, const char* key, int value) {

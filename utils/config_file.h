@@ -118,10 +118,11 @@ ZEL_API int GetKeyIntFromFile(const char* path, const char* section, const char*
 // null (nothing is written). -2 when the file cannot be opened for reading
 // (nothing is printed). -1 when "<path>.tmp" does not fit in 1023 characters
 // or cannot be created, when reading the file or writing, syncing or closing
-// the copy fails (a full disk, a quota, a size limit), when the permission
-// bits cannot be given, or when the rename fails: the file is then left as it
-// was and the ".tmp" file is removed. `section`, `key` and `value` must not
-// be null.
+// the copy fails (a full disk, a quota, a size limit), or when the permission
+// bits cannot be given: the file is then left as it was and the ".tmp" file
+// is removed. -1 also when the final rename fails: the file is left as it
+// was and the complete ".tmp" copy stays beside it. `section`, `key` and
+// `value` must not be null.
 // WARNING: each line is copied up to its first NUL byte; the rest of such a
 // line, its newline included, is dropped from the rewritten file.
 ZEL_API int PutKeyStringToFile(const char* path, const char* section, const char* key,
