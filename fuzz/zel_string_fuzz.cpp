@@ -76,8 +76,7 @@ int ModelBracketsValue(std::string& out, const std::string& text, char open, cha
 
 // parse_string_kv: split at the first separator; without one the key is the
 // whole text and the value starts at separator.size() - 1.
-int ModelKv(const std::string& text, const std::string& sep, std::string& key,
-            std::string& value) {
+int ModelKv(const std::string& text, const std::string& sep, std::string& key, std::string& value) {
   if (text.empty() || sep.empty() || text.size() > 4096 || text.size() < sep.size()) return -1;
   std::size_t at = std::string::npos;
   for (std::size_t p = 0; p + sep.size() <= text.size(); ++p) {
