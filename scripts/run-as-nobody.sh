@@ -16,10 +16,19 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 scratch="$(mktemp -d)"
 trap 'rm -rf "$scratch"' EXIT
-chown nobody:nogroup "$scratch"
+# The build tree may lie where nobody cannot go (a clone below /root): the
+# program and the project's libraries it loads are copied next to it.
+mkdir "$scratch/bin" "$scratch/tmp"
+cp "$program" "$scratch/bin/"
+ldd "$program" | awk '/libzel_/ { print $3 }' | while read -r lib; do
+  cp "$lib" "$scratch/bin/"
+done
+chown -R nobody:nogroup "$scratch"
+chmod 755 "$scratch"
 set +e
-output="$(cd "$scratch" && TMPDIR="$scratch" setpriv --reuid=nobody --regid=nogroup \
-  --clear-groups -- "$program" --gtest_filter="$filter" 2>&1)"
+output="$(cd "$scratch/tmp" && TMPDIR="$scratch/tmp" LD_LIBRARY_PATH="$scratch/bin" \
+  setpriv --reuid=nobody --regid=nogroup --clear-groups -- \
+  "$scratch/bin/$(basename "$program")" --gtest_filter="$filter" 2>&1)"
 status=$?
 set -e
 echo "$output"
