@@ -7,8 +7,13 @@
 #include <unistd.h>
 #endif
 
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
 #include <string>
 
+#include "tests/test_util.h"
 #include "utils/platform.h"
 #if !defined(ZEL_TEST_ON_WINDOWS)
 #include "tests/failing_allocator.h"
@@ -90,15 +95,58 @@ TEST(ProcessPathTest, ProcessDirIsTheDirectoryOfThisExecutable) {
   EXPECT_EQ(get_process_dir(), self.substr(0, self.rfind(kSeparator) + 1));
 }
 
+// The three tests above and below also run on a copy of this program in a
+// directory of about 600 characters (LongDirectoryPathCutsAtEachLimit): each
+// function sees at most its own number of characters of the path.
 TEST(ProcessPathTest, SelfDirIsTheDirectoryOfThisExecutable) {
-  const std::string self = SelfPath();
-  ASSERT_LT(self.size(), 260u);
-  EXPECT_EQ(get_self_dir(), self.substr(0, self.rfind(kSeparator) + 1));
+  // The directory of the first 259 characters, cut at 255.
+  const std::string seen = SelfPath().substr(0, 259);
+  EXPECT_EQ(get_self_dir(), seen.substr(0, seen.rfind(kSeparator) + 1).substr(0, 255));
 }
 
 TEST(ProcessPathTest, ProcessNameIsTheFileNameOfThisExecutable) {
-  EXPECT_EQ(get_process_name(), kSelfName);
+  const std::string self = SelfPath();
+  if (self.size() <= 511) {
+    EXPECT_EQ(get_process_name(), kSelfName);
+  } else {
+    // What follows the last separator among the first 511 characters.
+    const std::string seen = self.substr(0, 511);
+    EXPECT_EQ(get_process_name(), seen.substr(seen.rfind(kSeparator) + 1));
+  }
 }
+
+#if !defined(ZEL_TEST_ON_WINDOWS)
+// Runs the three tests of this program's own path on a copy of it placed in
+// a directory path of about 600 characters: past the 259 characters that
+// get_self_dir() reads and the 511 of get_process_name(), within the 1023 of
+// get_process_dir().
+TEST(ProcessPathTest, LongDirectoryPathCutsAtEachLimit) {
+  zel_test::TempDir temp;
+  ASSERT_FALSE(temp.path().empty());
+  std::string dir = temp.path();
+  while (dir.size() < 600) {
+    dir += std::string(40, 'd') + std::to_string(dir.size()) + "/";
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0) << dir;
+  }
+  const std::string copy = dir + kSelfName;
+  {
+    std::ifstream in(SelfPath(), std::ios::binary);
+    std::ofstream out(copy, std::ios::binary);
+    out << in.rdbuf();
+    ASSERT_TRUE(out.good());
+  }
+  ASSERT_EQ(chmod(copy.c_str(), 0755), 0);
+  ASSERT_GT(copy.size(), 600u);
+  ASSERT_LT(copy.size(), 1023u);
+  const std::string output = temp.path() + "output.txt";
+  const std::string command =
+      "'" + copy + "' --gtest_filter='ProcessPathTest.*OfThisExecutable' > '" + output + "' 2>&1";
+  const int status = std::system(command.c_str());
+  const std::string printed = zel_test::ReadFile(output);
+  EXPECT_EQ(status, 0) << printed;
+  EXPECT_NE(printed.find("[  PASSED  ] 3 tests."), std::string::npos) << printed;
+}
+#endif
 
 }  // namespace
 

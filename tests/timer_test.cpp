@@ -184,8 +184,13 @@ TEST(TimerTest, MissedPeriodsAreFiredBackToBackInOnePass) {
       },
       true, nullptr);
   ASSERT_TRUE(firings.WaitForCount(4));
+  // At least the three missed periods come in the pass after the stall; a
+  // pass that comes later still (a loaded machine) collects more of them.
+  // None comes in a later pass: the count stays put.
+  const std::size_t collected = firings.Count();
   WaitForPasses(timer, 20);
-  EXPECT_EQ(firings.Count(), 4u);
+  EXPECT_GE(collected, 4u);
+  EXPECT_EQ(firings.Count(), collected);
   const std::vector<Clock::time_point> times = firings.Times();
   for (std::size_t k = 0; k < times.size(); ++k) {
     const int64_t at = std::chrono::duration_cast<milliseconds>(times[k] - start).count();
@@ -212,10 +217,10 @@ TEST(TimerTest, StopFromInsideItsOwnCallbackEndsThePeriodicTimer) {
   zel::Timer timer;
   Firings firings;
   std::atomic<uint64_t> id{0};
-  // 200 ms: the thread is never a whole period behind, so no catch-up
-  // firing is collected together with the first one.
+  // 500 ms: the thread is never a whole period behind, even on a loaded
+  // machine, so no catch-up firing is collected together with the first.
   id = timer.Start(
-      200,
+      500,
       [&](uint64_t fired, void* user) {
         firings.Record(fired, user);
         timer.Stop(id.load());
@@ -231,9 +236,9 @@ TEST(TimerTest, StopFromAnotherThreadWhileTheCallbackRunsPreventsLaterCalls) {
   Firings firings;
   std::atomic<bool> inside{false};
   std::atomic<bool> release{false};
-  // 200 ms: no catch-up firing is collected together with the first one.
+  // 500 ms: no catch-up firing is collected together with the first one.
   const uint64_t id = timer.Start(
-      200,
+      500,
       [&](uint64_t fired, void* user) {
         firings.Record(fired, user);
         inside = true;

@@ -248,17 +248,24 @@ TEST(WorkerTest, DestroyingARunningWorkerDropsQueuedClosures) {
   auto destroyed = std::make_shared<std::atomic<int>>(0);
   std::atomic<bool> ran{false};
   std::atomic<bool> holderEntered{false};
+  std::atomic<bool> destroying{false};
   {
     zel::Worker worker;
     ASSERT_EQ(worker.Start(), 0);
-    worker.DoAsync([&holderEntered] {
+    // The holder keeps the worker busy until the destruction begins, and a
+    // little longer, so that the stop comes while it runs however slowly
+    // the test's thread gets there.
+    worker.DoAsync([&holderEntered, &destroying] {
       holderEntered = true;
+      WaitFor([&destroying] { return destroying.load(); });
       std::atomic<bool> never{false};
       WaitFor([&never] { return never.load(); }, milliseconds(100));
     });
     ASSERT_TRUE(WaitFor([&] { return holderEntered.load(); }));
     auto sentinel = std::make_shared<Sentinel>(destroyed);
     worker.DoAsync([sentinel, &ran] { ran = true; });
+    sentinel.reset();
+    destroying = true;
   }
   EXPECT_FALSE(ran.load());
   EXPECT_EQ(destroyed->load(), 1);

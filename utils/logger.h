@@ -102,7 +102,10 @@ namespace zel {
 
 // A receiver of log lines besides the file. Register it with
 // Logger::RegisterBackend(); it then sees every line logged with a non-zero
-// flag (forward), on the writer thread, before the line is written.
+// flag (forward), on the writer thread, before the line is written. The
+// backends see only lines that have a file to go to: when no log file can be
+// opened (its directory cannot be made, for one), the line is handed to no
+// backend either, and "fp is null" is reported on standard output instead.
 class ZEL_API LogBackend {
  public:
   virtual ~LogBackend();
