@@ -100,6 +100,8 @@ ZEL_API void zel_log_flush(void);
 
 namespace zel {
 
+class LogFile;
+
 // A receiver of log lines besides the file. Register it with
 // Logger::RegisterBackend(); it then sees every line logged with a non-zero
 // flag (forward), on the writer thread, before the line is written.
@@ -196,16 +198,17 @@ class ZEL_API Logger : public LogBackend {
   // writeLog() does, without a LogInfo.
   void writeLine(const char* text, std::size_t size, bool forward);
 
-  // Log-file operations; all run on the writer thread (or in init()).
+  // Log-file operations, carried out by the log file writer (mLogFile); all
+  // run on the writer thread (or in init()).
   // Returns the effective directory, recomputing it when the day changed.
   std::string getPrefix();
   // Computes the directory with getPrefix() and creates its missing levels.
   void UpdateLogDir();
-  // Returns the stream to write to, rotating first when needed; null when
-  // no file can be opened.
-  FILE* getFile();
-  // The stream choice of the write handler: getFile() or standard error.
-  FILE* getLogFp();
+  // Returns the file to write to (an operating-system handle), rotating
+  // first when needed; -1 when no file can be opened.
+  std::intptr_t getFile();
+  // The file choice of the write handler: getFile() or standard error.
+  std::intptr_t getLogFp();
   // Same as the directory part of init(); returns 0. Not used by the
   // library itself.
   int logFileInit();
@@ -214,15 +217,10 @@ class ZEL_API Logger : public LogBackend {
   void updateLogFile(unsigned char index);
 
   std::shared_mutex mBackendLock;  // guards mBackends
-  std::string mLogDir;             // current directory, ends in '/'
-  std::string mStartTime;          // "hhmmss" at which the directory was chosen
-  std::string mProcessName;        // executable file name, for the file names
-  uint64_t mDirLen;                // length of mLogDir measured by init()
   bool mToFile;                    // false only while init() runs
-  std::atomic<int32_t> mMaxFileCount;
-  std::atomic<int32_t> mMaxFileSize;
-  FILE* mFp;             // never set; closed by the destructor
-  std::string mCurDate;  // "YYYYMMDD/" of the current directory
+  FILE* mFp;                       // never set; closed by the destructor
+  // The log file writer: directory, file names, live file, rotation.
+  std::unique_ptr<LogFile> mLogFile;
   std::unique_ptr<Writer> mWriter;
   std::list<LogBackend*> mBackends;  // guarded by mBackendLock; not owned
 

@@ -5,7 +5,9 @@
 #include <sys/types.h>
 #include <windows.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "utils/platform.h"
 
@@ -79,6 +81,79 @@ bool getEnv(const char* name, std::string* value) {
 int replaceFile(const char* from, const char* to) {
   return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0 ? 0 : -1;
 }
+
+FileHandle standardError() {
+  const HANDLE handle = GetStdHandle(STD_ERROR_HANDLE);
+  return handle == nullptr || handle == INVALID_HANDLE_VALUE ? kNoFile
+                                                             : reinterpret_cast<FileHandle>(handle);
+}
+
+FileHandle openAppend(const char* path) {
+  // FILE_APPEND_DATA alone: the system puts every write at the file's end.
+  // The sharing of the runtime's fopen: others may read and write.
+  const HANDLE handle = CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                    nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  return handle == INVALID_HANDLE_VALUE ? kNoFile : reinterpret_cast<FileHandle>(handle);
+}
+
+int closeFile(FileHandle file) { return CloseHandle(reinterpret_cast<HANDLE>(file)) != 0 ? 0 : -1; }
+
+namespace {
+
+// Writes `size` bytes at `data`, again after a partial write. True when all
+// were written.
+bool writeWhole(HANDLE handle, const char* data, std::size_t size) {
+  while (size > 0) {
+    const DWORD chunk = size > 0x40000000 ? 0x40000000 : static_cast<DWORD>(size);
+    DWORD written = 0;
+    if (WriteFile(handle, data, chunk, &written, nullptr) == 0 || written == 0) return false;
+    data += written;
+    size -= written;
+  }
+  return true;
+}
+
+}  // namespace
+
+int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count) {
+  const auto handle = reinterpret_cast<HANDLE>(file);
+  std::size_t total = 0;
+  for (std::size_t i = 0; i < count; ++i) total += buffers[i].size;
+  if (count == 1) {
+    return writeWhole(handle, static_cast<const char*>(buffers[0].data), total)
+               ? static_cast<int64_t>(total)
+               : -1;
+  }
+  // Join the pieces so that they reach the file in one WriteFile.
+  std::string joined;
+  joined.reserve(total);
+  for (std::size_t i = 0; i < count; ++i) {
+    joined.append(static_cast<const char*>(buffers[i].data), buffers[i].size);
+  }
+  return writeWhole(handle, joined.data(), joined.size()) ? static_cast<int64_t>(total) : -1;
+}
+
+int64_t filePosition(FileHandle file) {
+  LARGE_INTEGER zero;
+  zero.QuadPart = 0;
+  LARGE_INTEGER position;
+  if (SetFilePointerEx(reinterpret_cast<HANDLE>(file), zero, &position, FILE_CURRENT) == 0) {
+    return -1;
+  }
+  return static_cast<int64_t>(position.QuadPart);
+}
+
+bool regularFileSize(const char* path, int64_t* size) {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (GetFileAttributesExA(path, GetFileExInfoStandard, &data) == 0) return false;
+  if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return false;
+  *size = (static_cast<int64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+  return true;
+}
+
+int renameFile(const char* from, const char* to) { return std::rename(from, to) == 0 ? 0 : -1; }
+
+int removeFile(const char* path) { return std::remove(path) == 0 ? 0 : -1; }
 
 }  // namespace platform
 }  // namespace zel
