@@ -18,6 +18,7 @@ constexpr int kRenameErrorLine = 516;
 constexpr int kPathSize = LogFile::kPathSize;
 constexpr int32_t kDefaultMaxFileSize = 0x500000;
 constexpr int32_t kDefaultMaxFileCount = 10;
+constexpr int32_t kMaxFileCount = 256;
 
 // The base directory chosen by the client and the effective directory. The
 // client's threads write and read them while the writer thread reads and
@@ -76,8 +77,10 @@ std::string LogFile::currentDir() {
 }
 
 void LogFile::setLimits(int maxSize, int maxCount) {
-  mMaxFileSize.store(maxSize);
-  mMaxFileCount.store(maxCount);
+  // The rotation index has 8 bits: 256 names exist, so no more than 256
+  // files can be kept; a larger count would wrap to a smaller one.
+  mMaxFileSize.store(maxSize < 0 ? 0 : maxSize);
+  mMaxFileCount.store(maxCount < 0 ? 0 : maxCount > kMaxFileCount ? kMaxFileCount : maxCount);
 }
 
 int LogFile::logFileInit() {
@@ -161,13 +164,15 @@ platform::FileHandle LogFile::getFile() {
     int64_t pathSize = 0;
     const bool regular = platform::regularFileSize(mFilePath, &pathSize);
     int64_t position = mFileOffset;
+    mRunPosition = regular && position >= 0 && pathSize == position ? position : -1;
     if (regular && (position < 0 || pathSize != position)) {
       position = platform::filePosition(mFile);
       mFileOffset = position;
     }
-    const auto size = static_cast<int32_t>(position);
+    // Positions are 64-bit: a file grown past 2 GiB from outside still
+    // compares as larger than the limit.
     const bool rotate =
-        (regular && size > mMaxFileSize.load()) || mCurDate != todayDateDir() || !regular;
+        (regular && position > mMaxFileSize.load()) || mCurDate != todayDateDir() || !regular;
     if (!rotate) return mFile;
 
     // Rotate: log.txt -> log.<index>; the counter steps on even when the
@@ -190,7 +195,9 @@ platform::FileHandle LogFile::getFile() {
   std::memset(mFilePath, 0, sizeof(mFilePath));
   buildLogFilePath(mFilePath, mLogDir, mDirLen, mProcessName, mStartTime, "txt");
   mFile = platform::openAppend(mFilePath);
-  mFileOffset = -1;
+  // The first line lands at the end of what the file holds already.
+  mFileOffset = mFile != platform::kNoFile ? platform::fileSize(mFile) : -1;
+  mRunPosition = mFileOffset;
   return mFile;
 }
 
@@ -208,15 +215,22 @@ void LogFile::updateLogFile(unsigned char index) {
 
 int64_t LogFile::write(platform::FileHandle file, const char* text, std::size_t size) {
   const platform::WriteBuffer piece{text, size};
-  const int64_t written = platform::writeAll(file, &piece, 1);
+  std::size_t written = 0;
+  return writeRun(file, &piece, 1, &written);
+}
+
+int64_t LogFile::writeRun(platform::FileHandle file, const platform::WriteBuffer* pieces,
+                          std::size_t count, std::size_t* written) {
+  const int64_t result = platform::writeAll(file, pieces, count, written);
   if (file == mFile) {
-    if (written < 0) {
+    if (result < 0) {
       mFileOffset = -1;
     } else if (mFileOffset >= 0) {
-      mFileOffset += written;
+      mFileOffset += result;
     }
+    mRunPosition = -1;
   }
-  return written;
+  return result;
 }
 
 }  // namespace zel

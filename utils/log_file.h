@@ -44,8 +44,14 @@ class LogFile {
   static std::string currentDir();
 
   // Sets the size limit of the live file in bytes and the number of files
-  // kept, for the lines written from now on. Threads: any thread.
+  // kept, for the lines written from now on. A negative size is taken as 0;
+  // a count is held in 0..256 (0 and 256 both keep 256 files). Threads: any
+  // thread.
   void setLimits(int maxSize, int maxCount);
+
+  // The size limit in bytes: the live file rotates before a line once its
+  // position is greater.
+  int64_t maxSize() const { return mMaxFileSize.load(); }
 
   // Chooses the directory and creates it (updateLogDir()), then records the
   // length of its path, which every file path is built with from then on.
@@ -73,6 +79,20 @@ class LogFile {
   // bytes written, or -1 when the write failed.
   int64_t write(platform::FileHandle file, const char* text, std::size_t size);
 
+  // Writes a run of lines, the `count` pieces of `pieces`, to `file` with
+  // one gathered write, and keeps the live file's position up to date.
+  // Returns the bytes written, or -1 when the write failed; then
+  // `*written` holds how many bytes went out before the failure.
+  int64_t writeRun(platform::FileHandle file, const platform::WriteBuffer* pieces,
+                   std::size_t count, std::size_t* written);
+
+  // The live file's position (where its next line lands) as getFile() left
+  // it, when it is known exactly: the file at the path is the one open and
+  // nobody else has changed its size since the last write or the open.
+  // -1 otherwise; then a run holds one line and the next getFile() asks
+  // the file again.
+  int64_t runPosition() const { return mRunPosition; }
+
  private:
   // Today's date directory "YYYYMMDD/" (local time), converted at most once
   // per second of the wall clock.
@@ -94,6 +114,8 @@ class LogFile {
   // to date by the writes; -1 when it is not known (a new file, a failed
   // write).
   int64_t mFileOffset = -1;
+  // See runPosition().
+  int64_t mRunPosition = -1;
 
   int64_t mTodaySecond;           // the second todayDateDir() converted last
   char mTodayDateDir[kPathSize];  // its date directory

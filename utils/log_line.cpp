@@ -317,6 +317,14 @@ std::size_t formatLogLine(char* line, const char* format, va_list args) {
   return prefixLen + std::strlen(line + prefixLen);
 }
 
+std::size_t printLogLine(char* line, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const std::size_t size = formatLogLine(line, format, args);
+  va_end(args);
+  return size;
+}
+
 }  // namespace zel
 
 using zel::Logger;

@@ -10,6 +10,8 @@
 #include <cstdarg>
 #include <cstddef>
 
+#include "utils/logger.h"
+
 namespace zel {
 
 // The size of a formatted line with its terminating NUL.
@@ -20,6 +22,9 @@ constexpr int kLineSize = 4096;
 // would, the whole cut to fit and terminated. Returns the line's length.
 // `args` is used up. Threads: any thread.
 std::size_t formatLogLine(char* line, const char* format, va_list args);
+
+// formatLogLine() with the arguments given in place.
+std::size_t printLogLine(char* line, const char* format, ...) ZEL_PRINTF_FORMAT(2, 3);
 
 }  // namespace zel
 

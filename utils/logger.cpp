@@ -3,8 +3,10 @@
 #include <condition_variable>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "utils/log_file.h"
+#include "utils/log_line.h"
 #include "utils/platform.h"
 
 namespace zel {
@@ -13,36 +15,373 @@ namespace {
 
 constexpr int kFpNullLine = 296;
 
+// The text capacity of one block of the line queue. Blocks of this size are
+// reused; a longer line gets a block of its own size, freed after writing.
+constexpr std::size_t kBlockSize = 256 * 1024;
+// Free blocks kept for reuse; the others are given back.
+constexpr std::size_t kSpareBlocks = 4;
+// Records a new block has room for before its record list grows.
+constexpr std::size_t kBlockRecords = 2048;
+constexpr std::size_t kDefaultQueueLimit = std::size_t{64} * 1024 * 1024;
+
+// A record of the line queue: the size of a line's text, or the number of
+// lines dropped at that point of the stream, and two flags.
+constexpr uint64_t kRecordForward = uint64_t{1} << 62;  // hand the line to the backends
+constexpr uint64_t kRecordDropped = uint64_t{1} << 63;  // a notice, not a line
+constexpr uint64_t kRecordValue = kRecordForward - 1;
+
+// The queue bound and its policy, process-wide so that they can be set
+// before the Logger exists.
+std::atomic<std::size_t> sQueueLimit{kDefaultQueueLimit};
+std::atomic<bool> sQueueBlocks{false};
+// Lines dropped since the process started.
+std::atomic<uint64_t> sDroppedLines{0};
+
 // True on the writer thread, which must not wait for its own queue.
 thread_local bool tOnWriterThread = false;
 
-// Posted by Flush(): runs after every line queued before it and signals the
-// waiting caller when it is destroyed, whether it ran or not.
-class FlushMessage : public Message {
+}  // namespace
+
+// The lines posted and not yet written, in posting order, and the writer's
+// side of them.
+//
+// Callers copy a line's text into the current block and append a record of
+// its size; nothing is allocated while a block has room and reused blocks
+// are at hand. A caller that finds the writer asleep posts one drain
+// message to the Logger's Looper; the drain then takes every queued block at
+// once and writes each block's lines in runs, one gathered write per run,
+// while callers fill fresh blocks. It goes on until the queue is empty and
+// only then counts as asleep again, so every line is in the operating system
+// before the writer waits.
+class Logger::LineQueue {
  public:
-  struct State {
-    std::mutex mutex;
-    std::condition_variable cond;
-    bool done = false;
-  };
+  explicit LineQueue(Logger* logger) : logger_(logger) {}
+  LineQueue(const LineQueue&) = delete;
+  LineQueue& operator=(const LineQueue&) = delete;
 
-  explicit FlushMessage(State* state) : state_(state) {}
+  // Queues one line, or drops it (the bound, kDrop) or waits for room (the
+  // bound, kBlock). Any thread.
+  void post(const char* text, std::size_t size, bool forward);
 
-  // Every line before it has been handed to the operating system, which
-  // holds no line back: nothing is left to flush.
-  void Run() override {}
+  // Waits until every record queued before the call has been written.
+  void flush();
 
-  ~FlushMessage() override {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->done = true;
-    state_->cond.notify_all();
-  }
+  // Wakes the callers that wait for room, after a change of the bound.
+  void limitChanged();
+
+  // Writes queued lines until the queue is empty. The drain message's work,
+  // on the writer thread.
+  void drain();
+
+  // Writes one line as a run of its own, on the writer thread.
+  void writeOne(const char* text, std::size_t size, bool forward);
 
  private:
-  State* state_;
+  struct Block {
+    explicit Block(std::size_t size) : text(new char[size]), capacity(size) {
+      records.reserve(kBlockRecords);
+    }
+    std::unique_ptr<char[]> text;
+    std::size_t capacity;
+    std::size_t used = 0;           // bytes of text
+    std::vector<uint64_t> records;  // one per line or notice, in order
+  };
+
+  // Posted to the Looper to wake the writer. Its memory is kept for the
+  // next wake, so that waking allocates nothing in the common case.
+  class DrainMessage final : public Message {
+   public:
+    explicit DrainMessage(LineQueue* queue) : queue_(queue) {}
+    void Run() override { queue_->drain(); }
+    static void* operator new(std::size_t size);
+    static void operator delete(void* memory);
+
+   private:
+    LineQueue* queue_;
+  };
+
+  // A block with room for `size` more bytes at the back of the queue.
+  // Requires mutex_.
+  Block* blockFor(std::size_t size);
+  // Gives a written block back for reuse. Requires mutex_.
+  void recycle(std::unique_ptr<Block> block);
+  // Appends the notice of one more dropped line. Requires mutex_.
+  void noteDropped();
+  // Posts the drain message when the writer was asleep; `lock` is released.
+  void wake(std::unique_lock<std::mutex>* lock);
+  // Writes the records of one block; `text` holds the lines back to back.
+  void writeRecords(const char* text, const uint64_t* records, std::size_t count);
+  // Writes the notice of `count` dropped lines as a line of the writer's own.
+  void writeDropNotice(uint64_t count);
+  // Hands the line `text` of `size` bytes to every registered backend: the
+  // one place where backends are called.
+  void forward(const char* text, std::size_t size);
+
+  Logger* logger_;
+  std::mutex mutex_;
+  std::condition_variable room_;                // the writer made room, or the bound changed
+  std::condition_variable written_;             // the writer finished a block
+  std::vector<std::unique_ptr<Block>> blocks_;  // queued, oldest first; the last one fills
+  std::vector<std::unique_ptr<Block>> spare_;   // written blocks kept for reuse
+  std::size_t queuedBytes_ = 0;                 // text of the lines posted and not yet written
+  uint64_t posted_ = 0;                         // records queued so far
+  uint64_t done_ = 0;                           // records written (or given up) so far
+  bool drainPending_ = false;                   // the writer is awake or woken
+  int roomWaiters_ = 0;
+  int flushWaiters_ = 0;
+
+  // Writer thread only.
+  std::vector<std::unique_ptr<Block>> batch_;  // the blocks being written
+  std::vector<platform::WriteBuffer> pieces_;  // the run being built
+  std::vector<std::size_t> runLines_;          // its lines' written lengths
+
+  static std::atomic<void*> sSpareDrain;  // the memory of one drain message
 };
 
-}  // namespace
+std::atomic<void*> Logger::LineQueue::sSpareDrain{nullptr};
+
+void* Logger::LineQueue::DrainMessage::operator new(std::size_t size) {
+  void* memory = sSpareDrain.exchange(nullptr, std::memory_order_acquire);
+  return memory != nullptr ? memory : ::operator new(size);
+}
+
+void Logger::LineQueue::DrainMessage::operator delete(void* memory) {
+  void* expected = nullptr;
+  if (!sSpareDrain.compare_exchange_strong(expected, memory, std::memory_order_release)) {
+    ::operator delete(memory);
+  }
+}
+
+Logger::LineQueue::Block* Logger::LineQueue::blockFor(std::size_t size) {
+  if (!blocks_.empty()) {
+    Block* last = blocks_.back().get();
+    if (last->capacity - last->used >= size) return last;
+  }
+  if (size <= kBlockSize && !spare_.empty()) {
+    blocks_.push_back(std::move(spare_.back()));
+    spare_.pop_back();
+  } else {
+    blocks_.push_back(std::make_unique<Block>(size > kBlockSize ? size : kBlockSize));
+  }
+  return blocks_.back().get();
+}
+
+void Logger::LineQueue::recycle(std::unique_ptr<Block> block) {
+  if (block->capacity != kBlockSize || spare_.size() >= kSpareBlocks) return;
+  block->used = 0;
+  block->records.clear();
+  spare_.push_back(std::move(block));
+}
+
+void Logger::LineQueue::noteDropped() {
+  if (!blocks_.empty()) {
+    std::vector<uint64_t>& records = blocks_.back()->records;
+    if (!records.empty() && (records.back() & kRecordDropped) != 0 &&
+        (records.back() & kRecordValue) < kRecordValue) {
+      ++records.back();
+      return;
+    }
+  }
+  blockFor(0)->records.push_back(kRecordDropped | 1);
+  ++posted_;
+}
+
+void Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
+  if (drainPending_) {
+    lock->unlock();
+    return;
+  }
+  drainPending_ = true;
+  lock->unlock();
+  if (logger_->mWriter->looper->PostMessageAAA(std::unique_ptr<Message>(new DrainMessage(this))) !=
+      0) {
+    // The writer is stopped: nothing can be written any more.
+    lock->lock();
+    drainPending_ = false;
+    lock->unlock();
+  }
+}
+
+void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  std::size_t limit = sQueueLimit.load(std::memory_order_relaxed);
+  if (limit != 0 && size > limit - (queuedBytes_ < limit ? queuedBytes_ : limit)) {
+    if (!sQueueBlocks.load(std::memory_order_relaxed)) {
+      sDroppedLines.fetch_add(1, std::memory_order_relaxed);
+      noteDropped();
+      wake(&lock);
+      return;
+    }
+    // The writer thread (a backend that logs) cannot wait for itself: its
+    // line goes beyond the bound. A line longer than the bound waits for
+    // an empty queue only.
+    if (!tOnWriterThread) {
+      ++roomWaiters_;
+      room_.wait(lock, [this, size, &limit] {
+        limit = sQueueLimit.load(std::memory_order_relaxed);
+        return limit == 0 || queuedBytes_ == 0 || !sQueueBlocks.load(std::memory_order_relaxed) ||
+               size <= limit - (queuedBytes_ < limit ? queuedBytes_ : limit);
+      });
+      --roomWaiters_;
+    }
+  }
+  Block* block = blockFor(size);
+  std::memcpy(block->text.get() + block->used, text, size);
+  block->used += size;
+  block->records.push_back(static_cast<uint64_t>(size) | (forward ? kRecordForward : 0));
+  queuedBytes_ += size;
+  ++posted_;
+  wake(&lock);
+}
+
+void Logger::LineQueue::flush() {
+  if (tOnWriterThread) return;
+  std::unique_lock<std::mutex> lock(mutex_);
+  const uint64_t target = posted_;
+  if (done_ >= target) return;
+  ++flushWaiters_;
+  written_.wait(lock, [this, target] { return done_ >= target; });
+  --flushWaiters_;
+}
+
+void Logger::LineQueue::limitChanged() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (roomWaiters_ > 0) room_.notify_all();
+}
+
+void Logger::LineQueue::drain() {
+  tOnWriterThread = true;
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (blocks_.empty()) {
+        drainPending_ = false;
+        return;
+      }
+      batch_.swap(blocks_);
+    }
+    for (std::unique_ptr<Block>& block : batch_) {
+      writeRecords(block->text.get(), block->records.data(), block->records.size());
+      std::lock_guard<std::mutex> lock(mutex_);
+      queuedBytes_ -= block->used;
+      done_ += block->records.size();
+      recycle(std::move(block));
+      if (roomWaiters_ > 0) room_.notify_all();
+      if (flushWaiters_ > 0) written_.notify_all();
+    }
+    batch_.clear();
+  }
+}
+
+void Logger::LineQueue::writeOne(const char* text, std::size_t size, bool forward) {
+  tOnWriterThread = true;
+  const uint64_t record = static_cast<uint64_t>(size) | (forward ? kRecordForward : 0);
+  writeRecords(text, &record, 1);
+}
+
+void Logger::LineQueue::writeDropNotice(uint64_t count) {
+  char line[kLineSize];
+  const std::size_t size = printLogLine(line, "zel log: %llu lines dropped (queue full)\n",
+                                        static_cast<unsigned long long>(count));
+  writeOne(line, size, false);
+}
+
+void Logger::LineQueue::forward(const char* text, std::size_t size) {
+  std::shared_lock<std::shared_mutex> lock(logger_->mBackendLock);
+  if (logger_->mBackends.empty()) return;
+  const std::string line(text, size);
+  for (LogBackend* backend : logger_->mBackends) backend->Log(line);
+}
+
+void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, std::size_t count) {
+  LogFile& file = *logger_->mLogFile;
+  std::size_t i = 0;          // the next record to write
+  std::size_t offset = 0;     // where its text starts
+  std::size_t forwarded = 0;  // records before this one were handed to the backends
+  while (i < count) {
+    if ((records[i] & kRecordDropped) != 0) {
+      writeDropNotice(records[i] & kRecordValue);
+      ++i;
+      continue;
+    }
+    // A run starts: the per-line checks (size, day, a file removed or
+    // replaced from outside) are made here, once, with one status query.
+    const std::intptr_t handle = logger_->getLogFp();
+    if (handle == platform::kNoFile) {
+      logConsole("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
+      offset += static_cast<std::size_t>(records[i] & kRecordValue);
+      ++i;
+      continue;
+    }
+    const int64_t start = file.runPosition();
+    const int64_t maxSize = file.maxSize();
+    // Gather lines while the file would not have rotated before them had
+    // they been written one by one: the run is split where a line finds
+    // the file larger than the limit. An empty text (one that starts with
+    // a NUL) takes the failure path of its own and ends the run.
+    pieces_.clear();
+    runLines_.clear();
+    int64_t runBytes = 0;
+    std::size_t end = i;
+    std::size_t endOffset = offset;
+    bool emptyLine = false;
+    while (end < count && (records[end] & kRecordDropped) == 0) {
+      if (end > i && (start < 0 || start + runBytes > maxSize)) break;
+      const auto size = static_cast<std::size_t>(records[end] & kRecordValue);
+      const char* line = text + endOffset;
+      // The file gets the text up to its first NUL, as a C string.
+      const void* nul = std::memchr(line, '\0', size);
+      const std::size_t length =
+          nul != nullptr ? static_cast<std::size_t>(static_cast<const char*>(nul) - line) : size;
+      if (length == 0 && end > i) break;
+      if (end >= forwarded && (records[end] & kRecordForward) != 0) {
+        forward(line, size);
+      }
+      endOffset += size;
+      ++end;
+      if (length == 0) {
+        emptyLine = true;
+        break;
+      }
+      if (!pieces_.empty() &&
+          static_cast<const char*>(pieces_.back().data) + pieces_.back().size == line) {
+        pieces_.back().size += length;
+      } else {
+        pieces_.push_back(platform::WriteBuffer{line, length});
+      }
+      runLines_.push_back(length);
+      runBytes += static_cast<int64_t>(length);
+    }
+    if (end > forwarded) forwarded = end;
+    if (emptyLine) {
+      // What fprintf gives for an empty text: 0, a failure.
+      logConsole("zel log write error,ret[%d] \n", 0);
+      logger_->UpdateLogDir();
+      i = end;
+      offset = endOffset;
+      continue;
+    }
+    std::size_t written = 0;
+    if (file.writeRun(handle, pieces_.data(), pieces_.size(), &written) >= 0) {
+      i = end;
+      offset = endOffset;
+      continue;
+    }
+    // The write failed inside line `i` + k: the lines before it are in the
+    // file, that line is lost (as its own failed write would lose it) and
+    // the lines behind it start a run of their own.
+    std::size_t k = 0;
+    while (k < runLines_.size() && written >= runLines_[k]) {
+      written -= runLines_[k];
+      offset += static_cast<std::size_t>(records[i + k] & kRecordValue);
+      ++k;
+    }
+    offset += static_cast<std::size_t>(records[i + k] & kRecordValue);
+    i += k + 1;
+    logConsole("zel log write error,ret[%d] \n", -1);
+    logger_->UpdateLogDir();
+  }
+}
 
 std::atomic<Logger*> Logger::sLogger{nullptr};
 std::mutex Logger::sMutex;
@@ -61,7 +400,13 @@ Logger* Logger::GetInstance() {
   return logger;
 }
 
-Logger::Logger() : mToFile(true), mFp(nullptr), mLogFile(std::make_unique<LogFile>()) { init(); }
+Logger::Logger()
+    : mToFile(true),
+      mFp(nullptr),
+      mLogFile(std::make_unique<LogFile>()),
+      mQueue(std::make_unique<LineQueue>(this)) {
+  init();
+}
 
 Logger::~Logger() {
   if (mWriter) mWriter->looper->Stop();
@@ -85,46 +430,19 @@ int Logger::init() {
 
 void Logger::Log(const std::string& line) { Log(line, 3, false); }
 
-// A line in one allocation: the message, then the text and a terminating
-// NUL. Its Run() hands the line to the write handler's work, writeLine().
-class Logger::LineMessage final : public Message {
- public:
-  static std::unique_ptr<Message> make(Logger* logger, const char* text, std::size_t size,
-                                       int level, bool forward) {
-    void* memory = ::operator new(sizeof(LineMessage) + size + 1);
-    auto* msg = new (memory) LineMessage(logger, size, level, forward);
-    char* copy = msg->text();
-    std::memcpy(copy, text, size);
-    copy[size] = '\0';
-    return std::unique_ptr<Message>(msg);
-  }
-
-  void Run() override { logger_->writeLine(text(), size_, forward_); }
-
-  // The caller's level, carried with the line as a LogInfo carries it.
-  int level() const { return level_; }
-
-  // Frees what make() allocated, whatever the size of the text.
-  static void operator delete(void* memory) { ::operator delete(memory); }
-
- private:
-  LineMessage(Logger* logger, std::size_t size, int level, bool forward)
-      : logger_(logger), size_(size), level_(static_cast<int32_t>(level)), forward_(forward) {}
-
-  char* text() { return reinterpret_cast<char*>(this + 1); }
-
-  Logger* logger_;
-  std::size_t size_;
-  int32_t level_;  // the caller's level; carried, not used by the writer
-  bool forward_;
-};
-
 void Logger::Log(const std::string& line, int level, bool forward) {
   postLine(line.data(), line.size(), level, forward);
 }
 
-void Logger::postLine(const char* text, std::size_t size, int level, bool forward) {
-  mWriter->looper->PostMessageAAA(LineMessage::make(this, text, size, level, forward));
+void Logger::postLine(const char* text, std::size_t size, int /*level*/, bool forward) {
+  mQueue->post(text, size, forward);
+}
+
+void Logger::SetQueueLimit(std::size_t bytes, QueueFullPolicy policy) {
+  sQueueLimit.store(bytes, std::memory_order_relaxed);
+  sQueueBlocks.store(policy == QueueFullPolicy::kBlock, std::memory_order_relaxed);
+  Logger* logger = sLogger.load(std::memory_order_acquire);
+  if (logger != nullptr) logger->mQueue->limitChanged();
 }
 
 void Logger::RegisterBackend(LogBackend* backend) {
@@ -132,41 +450,14 @@ void Logger::RegisterBackend(LogBackend* backend) {
   mBackends.push_back(backend);
 }
 
-void Logger::Flush() {
-  if (tOnWriterThread) return;
-  FlushMessage::State state;
-  if (mWriter->looper->PostMessageAAA(std::make_unique<FlushMessage>(&state)) != 0) return;
-  std::unique_lock<std::mutex> lock(state.mutex);
-  state.cond.wait(lock, [&state] { return state.done; });
-}
+void Logger::Flush() { mQueue->flush(); }
 
 void Logger::writeLog(LogInfo* info) {
   writeLine(info->message.c_str(), info->message.size(), info->forward);
 }
 
 void Logger::writeLine(const char* text, std::size_t size, bool forward) {
-  tOnWriterThread = true;
-  const std::intptr_t file = getLogFp();
-  if (file == platform::kNoFile) {
-    logConsole("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
-    return;
-  }
-  if (forward) {
-    std::shared_lock<std::shared_mutex> lock(mBackendLock);
-    if (!mBackends.empty()) {
-      const std::string line(text, size);
-      for (LogBackend* backend : mBackends) backend->Log(line);
-    }
-  }
-  // What fprintf(fp, "%s", text) does on an unbuffered stream: the text up
-  // to its first NUL in one write; the count, 0 for an empty text, or -1
-  // when the write failed.
-  const std::size_t length = std::strlen(text);
-  int64_t ret = 0;
-  if (length > 0) ret = mLogFile->write(file, text, length);
-  if (ret > 0) return;
-  logConsole("zel log write error,ret[%d] \n", static_cast<int>(ret));
-  UpdateLogDir();
+  mQueue->writeOne(text, size, forward);
 }
 
 std::intptr_t Logger::getLogFp() { return mToFile ? getFile() : platform::standardError(); }
@@ -213,5 +504,12 @@ void zel_log_flush(void) {
   Logger* logger = Logger::sLogger.load(std::memory_order_acquire);
   if (logger != nullptr) logger->Flush();
 }
+
+void zel_set_log_queue_limit(size_t bytes, int block) {
+  Logger::SetQueueLimit(bytes,
+                        block != 0 ? zel::QueueFullPolicy::kBlock : zel::QueueFullPolicy::kDrop);
+}
+
+uint64_t zel_log_dropped(void) { return zel::sDroppedLines.load(std::memory_order_relaxed); }
 
 }  // extern "C"

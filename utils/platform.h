@@ -99,8 +99,13 @@ struct WriteBuffer {
 // system calls as the platform allows (writev on POSIX; one WriteFile of the
 // joined pieces on Windows), writing the rest again after a partial write.
 // Returns the number of bytes written, which is the sum of the sizes, or -1
-// when a write failed (a part may have been written).
-int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count);
+// when a write failed; then `*written` (when not null) holds how many bytes
+// went out before the failure.
+int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
+                 std::size_t* written = nullptr);
+
+// The size in bytes of the open `file`, or -1 when it cannot be had.
+int64_t fileSize(FileHandle file);
 
 // The position of the open `file` (as ftell gives it), or -1 when it cannot
 // be had. For a file opened by openAppend() it is the end of the file as it

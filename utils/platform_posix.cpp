@@ -92,7 +92,8 @@ FileHandle openAppend(const char* path) {
 
 int closeFile(FileHandle file) { return close(static_cast<int>(file)) == 0 ? 0 : -1; }
 
-int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count) {
+int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
+                 std::size_t* written) {
   constexpr std::size_t kMaxPieces = IOV_MAX < 1024 ? IOV_MAX : 1024;
   struct iovec pieces[kMaxPieces];
   int64_t total = 0;
@@ -108,15 +109,15 @@ int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count)
       ++n;
     }
     if (n == 0) break;
-    const ssize_t written = writev(static_cast<int>(file), pieces, static_cast<int>(n));
-    if (written < 0) {
-      if (errno == EINTR) continue;
+    const ssize_t done = writev(static_cast<int>(file), pieces, static_cast<int>(n));
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) {
+      if (written != nullptr) *written = static_cast<std::size_t>(total);
       return -1;
     }
-    if (written == 0) return -1;
-    total += written;
+    total += done;
     // Step over what was written, piece by piece.
-    auto left = static_cast<std::size_t>(written);
+    auto left = static_cast<std::size_t>(done);
     while (next < count && left >= buffers[next].size - skip) {
       left -= buffers[next].size - skip;
       skip = 0;
@@ -125,6 +126,12 @@ int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count)
     skip += left;
   }
   return total;
+}
+
+int64_t fileSize(FileHandle file) {
+  struct stat st;
+  if (fstat(static_cast<int>(file), &st) != 0) return -1;
+  return static_cast<int64_t>(st.st_size);
 }
 
 int64_t filePosition(FileHandle file) {

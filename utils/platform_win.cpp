@@ -100,37 +100,49 @@ int closeFile(FileHandle file) { return CloseHandle(reinterpret_cast<HANDLE>(fil
 
 namespace {
 
-// Writes `size` bytes at `data`, again after a partial write. True when all
-// were written.
-bool writeWhole(HANDLE handle, const char* data, std::size_t size) {
+// Writes `size` bytes at `data`, again after a partial write; adds what
+// went out to `*done`. True when all were written.
+bool writeWhole(HANDLE handle, const char* data, std::size_t size, std::size_t* done) {
   while (size > 0) {
     const DWORD chunk = size > 0x40000000 ? 0x40000000 : static_cast<DWORD>(size);
-    DWORD written = 0;
-    if (WriteFile(handle, data, chunk, &written, nullptr) == 0 || written == 0) return false;
-    data += written;
-    size -= written;
+    DWORD n = 0;
+    if (WriteFile(handle, data, chunk, &n, nullptr) == 0 || n == 0) return false;
+    data += n;
+    size -= n;
+    *done += n;
   }
   return true;
 }
 
 }  // namespace
 
-int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count) {
+int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
+                 std::size_t* written) {
   const auto handle = reinterpret_cast<HANDLE>(file);
   std::size_t total = 0;
   for (std::size_t i = 0; i < count; ++i) total += buffers[i].size;
+  std::size_t done = 0;
+  bool ok;
   if (count == 1) {
-    return writeWhole(handle, static_cast<const char*>(buffers[0].data), total)
-               ? static_cast<int64_t>(total)
-               : -1;
+    ok = writeWhole(handle, static_cast<const char*>(buffers[0].data), total, &done);
+  } else {
+    // Join the pieces so that they reach the file in one WriteFile.
+    std::string joined;
+    joined.reserve(total);
+    for (std::size_t i = 0; i < count; ++i) {
+      joined.append(static_cast<const char*>(buffers[i].data), buffers[i].size);
+    }
+    ok = writeWhole(handle, joined.data(), joined.size(), &done);
   }
-  // Join the pieces so that they reach the file in one WriteFile.
-  std::string joined;
-  joined.reserve(total);
-  for (std::size_t i = 0; i < count; ++i) {
-    joined.append(static_cast<const char*>(buffers[i].data), buffers[i].size);
-  }
-  return writeWhole(handle, joined.data(), joined.size()) ? static_cast<int64_t>(total) : -1;
+  if (ok) return static_cast<int64_t>(total);
+  if (written != nullptr) *written = done;
+  return -1;
+}
+
+int64_t fileSize(FileHandle file) {
+  LARGE_INTEGER size;
+  if (GetFileSizeEx(reinterpret_cast<HANDLE>(file), &size) == 0) return -1;
+  return static_cast<int64_t>(size.QuadPart);
 }
 
 int64_t filePosition(FileHandle file) {
