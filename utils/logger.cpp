@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include "utils/log_file.h"
@@ -22,6 +23,8 @@ constexpr std::size_t kBlockSize = 256 * 1024;
 constexpr std::size_t kSpareBlocks = 4;
 // Records a new block has room for before its record list grows.
 constexpr std::size_t kBlockRecords = 2048;
+// How long the writer stays awake for more lines after the queue ran empty.
+constexpr int64_t kLingerNs = 50 * 1000;
 constexpr std::size_t kDefaultQueueLimit = std::size_t{64} * 1024 * 1024;
 
 // A record of the line queue: the size of a line's text, or the number of
@@ -105,6 +108,14 @@ class Logger::LineQueue {
   Block* blockFor(std::size_t size);
   // Gives a written block back for reuse. Requires mutex_.
   void recycle(std::unique_ptr<Block> block);
+  // Called with mutex_ held and the queue empty: waits up to kLingerNs for
+  // more lines (mutex_ released meanwhile). True when lines are queued.
+  bool linger();
+  // Accounts for the written `block` (room, the written count, waiters)
+  // and recycles it. Requires mutex_.
+  void release(std::unique_ptr<Block> block);
+  // Takes `lock` (on mutex_, not owned yet), trying briefly before sleeping.
+  static void lock(std::unique_lock<std::mutex>* lock);
   // Appends the notice of one more dropped line. Requires mutex_.
   void noteDropped();
   // Posts the drain message when the writer was asleep; `lock` is released.
@@ -124,9 +135,11 @@ class Logger::LineQueue {
   std::vector<std::unique_ptr<Block>> blocks_;  // queued, oldest first; the last one fills
   std::vector<std::unique_ptr<Block>> spare_;   // written blocks kept for reuse
   std::size_t queuedBytes_ = 0;                 // text of the lines posted and not yet written
-  uint64_t posted_ = 0;                         // records queued so far
-  uint64_t done_ = 0;                           // records written (or given up) so far
-  bool drainPending_ = false;                   // the writer is awake or woken
+  // Records queued so far; written under mutex_, also read without it by
+  // the writer while it lingers.
+  std::atomic<uint64_t> posted_{0};
+  uint64_t done_ = 0;          // records written (or given up) so far
+  bool drainPending_ = false;  // the writer is awake or woken
   int roomWaiters_ = 0;
   int flushWaiters_ = 0;
 
@@ -183,7 +196,7 @@ void Logger::LineQueue::noteDropped() {
     }
   }
   blockFor(0)->records.push_back(kRecordDropped | 1);
-  ++posted_;
+  posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
 void Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
@@ -203,7 +216,8 @@ void Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
 }
 
 void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
-  std::unique_lock<std::mutex> lock(mutex_);
+  std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
+  LineQueue::lock(&lock);
   std::size_t limit = sQueueLimit.load(std::memory_order_relaxed);
   if (limit != 0 && size > limit - (queuedBytes_ < limit ? queuedBytes_ : limit)) {
     if (!sQueueBlocks.load(std::memory_order_relaxed)) {
@@ -230,14 +244,14 @@ void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
   block->used += size;
   block->records.push_back(static_cast<uint64_t>(size) | (forward ? kRecordForward : 0));
   queuedBytes_ += size;
-  ++posted_;
+  posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
   wake(&lock);
 }
 
 void Logger::LineQueue::flush() {
   if (tOnWriterThread) return;
   std::unique_lock<std::mutex> lock(mutex_);
-  const uint64_t target = posted_;
+  const uint64_t target = posted_.load(std::memory_order_relaxed);
   if (done_ >= target) return;
   ++flushWaiters_;
   written_.wait(lock, [this, target] { return done_ >= target; });
@@ -253,24 +267,60 @@ void Logger::LineQueue::drain() {
   tOnWriterThread = true;
   for (;;) {
     {
+      // The last block written is accounted for together with taking the
+      // next batch: one lock per batch while lines trickle in.
       std::lock_guard<std::mutex> lock(mutex_);
-      if (blocks_.empty()) {
+      if (!batch_.empty()) release(std::move(batch_.back()));
+      batch_.clear();
+      if (blocks_.empty() && !linger()) {
         drainPending_ = false;
         return;
       }
       batch_.swap(blocks_);
     }
-    for (std::unique_ptr<Block>& block : batch_) {
-      writeRecords(block->text.get(), block->records.data(), block->records.size());
+    for (std::size_t b = 0; b < batch_.size(); ++b) {
+      Block& block = *batch_[b];
+      writeRecords(block.text.get(), block.records.data(), block.records.size());
+      if (b + 1 == batch_.size()) break;
+      // A backlog: give each block's room back as soon as it is written.
       std::lock_guard<std::mutex> lock(mutex_);
-      queuedBytes_ -= block->used;
-      done_ += block->records.size();
-      recycle(std::move(block));
-      if (roomWaiters_ > 0) room_.notify_all();
-      if (flushWaiters_ > 0) written_.notify_all();
+      release(std::move(batch_[b]));
     }
-    batch_.clear();
   }
+}
+
+bool Logger::LineQueue::linger() {
+  // Lines of a burst come faster than waking the writer through the Looper
+  // costs the caller: the writer stays awake a little (without holding the
+  // lock, yielding its processor) in case more follow.
+  const uint64_t seen = posted_.load(std::memory_order_relaxed);
+  mutex_.unlock();
+  const int64_t until = platform::monotonicNs() + kLingerNs;
+  bool more = false;
+  while (!(more = posted_.load(std::memory_order_acquire) != seen) &&
+         platform::monotonicNs() < until) {
+    std::this_thread::yield();
+  }
+  mutex_.lock();
+  return !blocks_.empty();
+}
+
+void Logger::LineQueue::release(std::unique_ptr<Block> block) {
+  queuedBytes_ -= block->used;
+  done_ += block->records.size();
+  recycle(std::move(block));
+  if (roomWaiters_ > 0) room_.notify_all();
+  if (flushWaiters_ > 0) written_.notify_all();
+}
+
+void Logger::LineQueue::lock(std::unique_lock<std::mutex>* lock) {
+  // The writer holds the lock only to take or give back blocks, for well
+  // under a microsecond: trying a few times first spares the caller the
+  // sleep and wake of a contended mutex.
+  for (int i = 0; i < 100; ++i) {
+    if (lock->try_lock()) return;
+  }
+  lock->lock();
 }
 
 void Logger::LineQueue::writeOne(const char* text, std::size_t size, bool forward) {
