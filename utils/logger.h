@@ -72,8 +72,10 @@ extern "C" {
 // along but not tested: the caller compares zel_log_level() first. A
 // non-zero `flag` also hands the line to every registered LogBackend. The
 // first call creates the Logger; when it cannot be created the line is
-// dropped. Threads: any thread; lines of one thread are written in call
-// order.
+// dropped. When the queue is full (Logger::SetQueueLimit()) the line is
+// dropped and counted under the default kDrop policy; under kBlock the call
+// waits until the writer has made room. Threads: any thread; lines of one
+// thread are written in call order.
 ZEL_API int log_print(int level, int flag, const char* format, ...) ZEL_PRINTF_FORMAT(3, 4);
 
 // Returns the process-wide log level (initially 3), sign-extended. A message
