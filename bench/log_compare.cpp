@@ -1,22 +1,30 @@
-// Same-run comparison of the zel log path with spdlog's asynchronous logger.
+// Same-run comparison of the zel log path with spdlog.
 //
-// Both loggers write the same line: a prefix of month-day hh:mm:ss.mmm and
+// Every logger writes the same line: a prefix of month-day hh:mm:ss.mmm and
 // the thread id, then "[%s][%s %s %d] Debug:device %s attached vid=0x%04x
 // pid=0x%04x\n" with typical arguments (about 130 bytes in all), into a file
-// under a scratch directory, with a flush after every line. Every figure is
-// measured for both loggers in the same run, interleaved (the order swaps
-// with each repetition), and the medians over the repetitions are printed
-// with the ratio zel/spdlog:
+// under a scratch directory, with every line handed to the operating system
+// (flushed) before the logger waits. The peers:
+//
+//   spdlog       spdlog's asynchronous logger, 8,192-slot queue, flush on
+//                every line (the reference of the caller figures)
+//   spdlog-1M    the same with a queue of 1,048,576 slots
+//   spdlog-sync  spdlog's synchronous file logger, flush on every line
+//
+// Every figure is measured for every logger in the same run, interleaved
+// (the order rotates with each repetition), and the medians over the
+// repetitions are printed with their spread (lowest and highest) and the
+// ratio zel/peer:
 //
 //   caller  the caller's cost of one call, paced so that no queue fills
 //           (200 calls, then a 2 ms pause), 1 and 2 threads: p50, p90, p99
-//           and p99.9 of every call of a repetition
+//           and p99.9 of every call of a repetition (zel and spdlog)
 //   e2e     lines per second from the first call until every line is
 //           written and flushed (spdlog: its thread pool joined and the file
-//           closed), 1 and 2 threads
+//           closed), 1 and 2 threads, every logger
 //   memory  peak resident memory of a process that logs a burst of 200,000
 //           lines as fast as it can and waits until they are written; each
-//           logger runs in its own child process
+//           logger runs in its own child process (zel and spdlog)
 //
 // Usage: zel_log_compare [--quick] [--reps N] [--data DIR]
 //   --quick  fewer calls per repetition (for CI: checks that it runs)
@@ -87,16 +95,21 @@ class ZelSide : public Side {
   void finish() override { zel_log_flush(); }
 };
 
+// The file of the next spdlog measurement.
+std::string SpdlogFile() {
+  return gScratch + "spdlog." + std::to_string(getpid()) + "." + std::to_string(gSpdlogRun++) +
+         ".txt";
+}
+
 class SpdlogSide : public Side {
  public:
-  const char* name() const override { return "spdlog"; }
+  SpdlogSide(const char* name, std::size_t queue) : name_(name), queue_(queue) {}
+  const char* name() const override { return name_; }
   void open() override {
     // A fresh pool and logger per measurement, so that finish() can wait for
     // the pool's thread to drain the queue and then close the file.
-    pool_ = std::make_shared<spdlog::details::thread_pool>(8192, 1);
-    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(
-        gScratch + "spdlog." + std::to_string(getpid()) + "." + std::to_string(gSpdlogRun++) +
-        ".txt");
+    pool_ = std::make_shared<spdlog::details::thread_pool>(queue_, 1);
+    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(SpdlogFile());
     logger_ = std::make_shared<spdlog::async_logger>("compare", std::move(sink), pool_,
                                                      spdlog::async_overflow_policy::block);
     logger_->set_pattern("[%m-%d %H:%M:%S.%e][tid:%t] %v");
@@ -115,8 +128,32 @@ class SpdlogSide : public Side {
   }
 
  private:
+  const char* name_;
+  std::size_t queue_;
   std::shared_ptr<spdlog::details::thread_pool> pool_;
   std::shared_ptr<spdlog::async_logger> logger_;
+};
+
+// spdlog's synchronous file logger: the caller formats and writes the line
+// itself and flushes after every line.
+class SpdlogSyncSide : public Side {
+ public:
+  const char* name() const override { return "spdlog-sync"; }
+  void open() override {
+    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(SpdlogFile());
+    logger_ = std::make_shared<spdlog::logger>("compare-sync", std::move(sink));
+    logger_->set_pattern("[%m-%d %H:%M:%S.%e][tid:%t] %v");
+    logger_->set_level(spdlog::level::debug);
+    logger_->flush_on(spdlog::level::debug);
+  }
+  void log(int i) override {
+    logger_->debug("[{}][{} {} {}] Debug:device {} attached vid=0x{:04x} pid=0x{:04x}", kTag, kFile,
+                   kFunction, kLine, kDevice, 0x1d6b, i & 0xffff);
+  }
+  void finish() override { logger_.reset(); }
+
+ private:
+  std::shared_ptr<spdlog::logger> logger_;
 };
 
 double Percentile(std::vector<double>& sorted, double p) {
@@ -138,6 +175,22 @@ void RunThreads(int threads, const std::function<void(int)>& body) {
   for (int t = 0; t < threads; ++t) pool.emplace_back(body, t);
   for (std::thread& th : pool) th.join();
 }
+
+// "median [lowest-highest]" of `values`, each printed with `format`.
+std::string Spread(std::vector<double> values, const char* format) {
+  std::sort(values.begin(), values.end());
+  char med[32] = "-";
+  char low[32] = "-";
+  char high[32] = "-";
+  if (!values.empty()) {
+    std::snprintf(med, sizeof(med), format, Median(values));
+    std::snprintf(low, sizeof(low), format, values.front());
+    std::snprintf(high, sizeof(high), format, values.back());
+  }
+  return std::string(med) + " [" + low + "-" + high + "]";
+}
+
+constexpr int kSides = 4;
 
 const double kPercentiles[] = {50, 90, 99, 99.9};
 constexpr int kNumPercentiles = 4;
@@ -200,7 +253,7 @@ long PeakKib() {
 // written and prints its peak resident memory in KiB.
 int BurstChild(const std::string& which, int lines) {
   ZelSide zel;
-  SpdlogSide spd;
+  SpdlogSide spd("spdlog", 8192);
   Side& side = which == "zel" ? static_cast<Side&>(zel) : static_cast<Side&>(spd);
   side.open();
   for (int i = 0; i < lines; ++i) side.log(i);
@@ -269,16 +322,21 @@ int main(int argc, char** argv) {
   const int lines = opt.quick ? 20000 : 200000;
   const int burst = 200000;
   ZelSide zel;
-  SpdlogSide spd;
-  Side* sides[2] = {&zel, &spd};
+  SpdlogSide spd("spdlog", 8192);
+  SpdlogSide spd1m("spdlog-1M", std::size_t{1} << 20);
+  SpdlogSyncSide spdSync;
+  // zel first; the caller figures and the memory compare zel with sides[1].
+  Side* sides[kSides] = {&zel, &spd, &spd1m, &spdSync};
   // Both loggers start their threads and open their files before timing.
   zel.log(0);
   zel.finish();
 
-  std::printf("zel vs spdlog (async, flush after every line), %d repetitions, medians\n", opt.reps);
+  std::printf("zel vs spdlog, every line flushed, %d repetitions, medians [lowest-highest]\n",
+              opt.reps);
+  std::printf("(a shared, noisy machine: compare the spreads, not only the medians)\n");
   // [threads - 1][side][percentile] -> values of the repetitions
   std::vector<double> caller[2][2][kNumPercentiles];
-  std::vector<double> e2e[2][2];
+  std::vector<double> e2e[2][kSides];
   for (int rep = 0; rep < opt.reps; ++rep) {
     for (int threads = 1; threads <= 2; ++threads) {
       for (int k = 0; k < 2; ++k) {
@@ -286,35 +344,40 @@ int main(int argc, char** argv) {
         const std::vector<double> p = CallerCost(*sides[s], threads, rounds);
         for (int q = 0; q < kNumPercentiles; ++q) caller[threads - 1][s][q].push_back(p[q]);
       }
-      for (int k = 0; k < 2; ++k) {
-        const int s = (k + rep) % 2;
+      for (int k = 0; k < kSides; ++k) {
+        const int s = (k + rep) % kSides;
         e2e[threads - 1][s].push_back(EndToEnd(*sides[s], threads, lines));
       }
     }
   }
 
   std::printf("\ncaller cost per call (ns), 200 calls then 2 ms pause:\n");
-  std::printf("%-8s %-8s %10s %10s %10s %10s\n", "threads", "logger", "p50", "p90", "p99", "p99.9");
+  std::printf("%-8s %-8s %-22s %-22s %-22s %-22s\n", "threads", "logger", "p50", "p90", "p99",
+              "p99.9");
   double med[2][2][kNumPercentiles];
   for (int t = 0; t < 2; ++t) {
     for (int s = 0; s < 2; ++s) {
-      for (int q = 0; q < kNumPercentiles; ++q) med[t][s][q] = Median(caller[t][s][q]);
-      std::printf("%-8d %-8s %10.0f %10.0f %10.0f %10.0f\n", t + 1, sides[s]->name(), med[t][s][0],
-                  med[t][s][1], med[t][s][2], med[t][s][3]);
+      std::printf("%-8d %-8s", t + 1, sides[s]->name());
+      for (int q = 0; q < kNumPercentiles; ++q) {
+        med[t][s][q] = Median(caller[t][s][q]);
+        std::printf(" %-22s", Spread(caller[t][s][q], "%.0f").c_str());
+      }
+      std::printf("\n");
     }
-    std::printf("%-8d %-8s %10.2f %10.2f %10.2f %10.2f\n", t + 1, "ratio",
+    std::printf("%-8d %-8s %-22.2f %-22.2f %-22.2f %-22.2f\n", t + 1, "ratio",
                 med[t][0][0] / med[t][1][0], med[t][0][1] / med[t][1][1],
                 med[t][0][2] / med[t][1][2], med[t][0][3] / med[t][1][3]);
   }
 
   std::printf("\nend to end, %d lines, flush after every line (lines/s):\n", lines);
-  std::printf("%-8s %12s %12s %8s\n", "threads", "zel", "spdlog", "ratio");
-  double rate[2][2];
+  std::printf("%-8s %-12s %-26s %s\n", "threads", "logger", "lines/s", "zel/logger");
+  double rate[2][kSides];
   for (int t = 0; t < 2; ++t) {
-    rate[t][0] = Median(e2e[t][0]);
-    rate[t][1] = Median(e2e[t][1]);
-    std::printf("%-8d %12.0f %12.0f %8.2f\n", t + 1, rate[t][0], rate[t][1],
-                rate[t][0] / rate[t][1]);
+    for (int s = 0; s < kSides; ++s) rate[t][s] = Median(e2e[t][s]);
+    for (int s = 0; s < kSides; ++s) {
+      std::printf("%-8d %-12s %-26s %.2f\n", t + 1, sides[s]->name(),
+                  Spread(e2e[t][s], "%.0f").c_str(), rate[t][0] / rate[t][s]);
+    }
   }
 
   std::vector<double> mem[2];
@@ -328,8 +391,9 @@ int main(int argc, char** argv) {
   const double memZel = Median(mem[0]);
   const double memSpd = Median(mem[1]);
   std::printf("\npeak resident memory, burst of %d lines (MiB):\n", burst);
-  std::printf("%-8s %-8s %8s\n", "zel", "spdlog", "ratio");
-  std::printf("%-8.1f %-8.1f %8.2f\n", memZel, memSpd, memZel / memSpd);
+  std::printf("%-22s %-22s %8s\n", "zel", "spdlog", "ratio");
+  std::printf("%-22s %-22s %8.2f\n", Spread(mem[0], "%.1f").c_str(), Spread(mem[1], "%.1f").c_str(),
+              memZel / memSpd);
 
   if (!opt.data.empty()) {
     std::ofstream lat(opt.data + "/latency.dat");
@@ -340,9 +404,14 @@ int main(int argc, char** argv) {
           << med[1][1][q] << "\n";
     }
     std::ofstream thr(opt.data + "/throughput.dat");
-    thr << "# threads zel spdlog (lines/s)\n";
-    thr << "\"1 thread\" " << rate[0][0] << " " << rate[0][1] << "\n";
-    thr << "\"2 threads\" " << rate[1][0] << " " << rate[1][1] << "\n";
+    thr << "# threads";
+    for (Side* side : sides) thr << " " << side->name();
+    thr << " (lines/s)\n";
+    for (int t = 0; t < 2; ++t) {
+      thr << (t == 0 ? "\"1 thread\"" : "\"2 threads\"");
+      for (int s = 0; s < kSides; ++s) thr << " " << rate[t][s];
+      thr << "\n";
+    }
     std::ofstream mf(opt.data + "/memory.dat");
     mf << "# zel spdlog (MiB)\n" << memZel << " " << memSpd << "\n";
   }

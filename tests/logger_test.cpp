@@ -7,8 +7,12 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #endif
+#include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -995,6 +999,307 @@ TEST(LogPrintTest, LongTextThroughEveryConversionIsCutAt4094) {
   std::snprintf(full, sizeof(full), "%s|%08x|%-2000s|%d", big.c_str(), 0xabcdu, "pad", -5);
   const std::size_t start = text.find("] ") + 2;
   EXPECT_EQ(text.substr(start), std::string(full).substr(0, 4094 - start));
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// The line queue and the writer's runs of lines. A backend that holds the
+// writer thread while it receives the "gate" line lets a test queue lines
+// behind it, which the writer then finds together and writes as one run.
+
+namespace {
+
+class GateBackend : public zel::LogBackend {
+ public:
+  // Registers a gate with the Logger; it stays registered for the process.
+  static GateBackend* Install() {
+    static GateBackend* gate = [] {
+      auto* g = new GateBackend;
+      Logger::GetInstance()->RegisterBackend(g);
+      return g;
+    }();
+    return gate;
+  }
+
+  void Log(const std::string& line) override {
+    if (line != "gate\n") return;
+    std::unique_lock<std::mutex> lock(mutex_);
+    entered_ = true;
+    cond_.notify_all();
+    cond_.wait(lock, [this] { return open_; });
+  }
+
+  // Queues the gate line and waits until the writer holds it: every line
+  // posted from now on until Open() queues behind it.
+  bool Close() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      open_ = false;
+      entered_ = false;
+    }
+    Logger::GetInstance()->Log("gate\n", 3, true);
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cond_.wait_for(lock, std::chrono::seconds(10), [this] { return entered_; });
+  }
+
+  // Lets the writer go on.
+  void Open() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    cond_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  bool entered_ = false;
+  bool open_ = true;
+};
+
+TEST(LogRunTest, SizeLimitInsideARunRotatesOnTheSameLineAsOneByOne) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger* logger = Logger::GetInstance();
+  logger->SetLogFileInfo(25, 10);
+  GateBackend* gate = GateBackend::Install();
+  ASSERT_TRUE(gate->Close());
+  for (int i = 1; i <= 9; ++i) logger->Log("line-0" + std::to_string(i) + "\n");  // 8 bytes
+  gate->Open();
+  zel_log_flush();
+  // One by one: the gate line takes the file to 5 bytes, lines 1-3 to 29;
+  // line 4 finds 29 > 25 and rotates; lines 4-7 reach 32; line 8 rotates.
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  const std::string run = RunPrefix(live);
+  EXPECT_EQ(ListDir(day).size(), 3u);
+  EXPECT_EQ(ReadFile(day + run + "0"), "gate\nline-01\nline-02\nline-03\n");
+  EXPECT_EQ(ReadFile(day + run + "1"), "line-04\nline-05\nline-06\nline-07\n");
+  EXPECT_EQ(ReadFile(live), "line-08\nline-09\n");
+}
+
+TEST(LogRunTest, AnEmptyTextInsideARunFailsAloneAndSplitsTheRun) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger* logger = Logger::GetInstance();
+  GateBackend* gate = GateBackend::Install();
+  ASSERT_TRUE(gate->Close());
+  logger->Log("a\n");
+  logger->Log(std::string("\0hidden\n", 8));  // a C string of length 0
+  logger->Log(std::string("b\0cut\n", 6));    // written up to the NUL
+  logger->Log("c\n");
+  StdoutCapture out;
+  gate->Open();
+  zel_log_flush();
+  EXPECT_EQ(out.Stop(), "zel log write error,ret[0] \n");
+  EXPECT_EQ(ReadFile(LiveFile(Logger::GetLogPath())), "gate\na\nbc\n");
+}
+
+#if !defined(ZEL_TEST_ON_WINDOWS)
+TEST(LogRunTest, LiveFileRemovedBetweenTwoRunsIsNoticedBeforeTheSecond) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger* logger = Logger::GetInstance();
+  LogRaw("first\n");
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  GateBackend* gate = GateBackend::Install();
+  ASSERT_TRUE(gate->Close());  // the gate's run has checked the file already
+  ASSERT_EQ(unlink(live.c_str()), 0);
+  logger->Log("b\n");
+  logger->Log("c\n");
+  StdoutCapture out;
+  gate->Open();
+  zel_log_flush();
+  // The removed file cannot be renamed; the index steps on and the next run
+  // opens a new live file.
+  EXPECT_EQ(out.Stop(), "zel::Logger::getFile 516,rename error\n");
+  EXPECT_EQ(ListDir(day).size(), 1u);
+  EXPECT_EQ(ReadFile(LiveFile(day)), "b\nc\n");
+}
+
+TEST(LogRunTest, LiveFileOver2GiBGrownFromOutsideStillRotates) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(100, 10);
+  LogRaw("a\n");
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  // Another process makes the file 3 GiB long (sparse: no data is written).
+  constexpr off_t kBig = off_t{3} << 30;
+  ASSERT_EQ(truncate(live.c_str(), kBig), 0);
+  LogRaw("b\n");  // the logger stands at 2 bytes: written at the end of the file
+  LogRaw("c\n");  // now at 3 GiB + 2 bytes, over the limit: rotate
+  EXPECT_EQ(ReadFile(live), "c\n");
+  struct stat st {};
+  ASSERT_EQ(stat((day + RunPrefix(live) + "0").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, kBig + 2);
+}
+#endif
+
+TEST(LogRunTest, ChangeOfDayWithABacklogWritesTheBacklogIntoTheNewDay) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  GTEST_SKIP() << kNoFaketime;
+#else
+  if (const char* childBase = std::getenv(kChildBaseVariable)) {
+    // Child, under a clock that starts 2 s before midnight.
+    zel_set_log_path(childBase);
+    std::time_t now = std::time(nullptr);
+    std::tm first{};
+    localtime_r(&now, &first);
+    ASSERT_EQ(first.tm_mday, 22) << "the clock is not moved";
+    LogRaw("before midnight\n");
+    GateBackend* gate = GateBackend::Install();
+    ASSERT_TRUE(gate->Close());
+    for (int i = 1; i <= 5; ++i) Logger::GetInstance()->Log("queued " + std::to_string(i) + "\n");
+    ASSERT_TRUE(zel_test::WaitFor([&] {
+      std::time_t t = std::time(nullptr);
+      std::tm tm{};
+      localtime_r(&t, &tm);
+      return tm.tm_mday != first.tm_mday;
+    }));
+    gate->Open();
+    zel_log_flush();
+    return;
+  }
+  TempDir dir;
+  ASSERT_EQ(RunSelfUnderFaketime("2026-11-22 23:59:58",
+                                 "LogRunTest.ChangeOfDayWithABacklogWritesTheBacklogIntoTheNewDay",
+                                 dir.path()),
+            0);
+  // The gate's run was checked before midnight; the backlog's run after it.
+  const std::string oldDay = dir.path() + "20261122/";
+  const std::vector<std::string> oldNames = ListDir(oldDay);
+  ASSERT_EQ(oldNames.size(), 1u);
+  EXPECT_EQ(oldNames[0].substr(oldNames[0].size() - 2), ".0") << oldNames[0];
+  EXPECT_EQ(ReadFile(oldDay + oldNames[0]), "before midnight\ngate\n");
+  EXPECT_EQ(ReadFile(LiveFile(dir.path() + "20261123/")),
+            "queued 1\nqueued 2\nqueued 3\nqueued 4\nqueued 5\n");
+#endif
+}
+
+TEST(LogQueueTest, DropPolicyCountsDroppedLinesAndWritesOneNotice) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger* logger = Logger::GetInstance();
+  GateBackend* gate = GateBackend::Install();
+  EXPECT_EQ(zel_log_dropped(), 0u);
+  ASSERT_TRUE(gate->Close());  // 5 bytes queued until the gate opens
+  zel_set_log_queue_limit(100, 0);
+  // Four lines of 20 bytes fit (85 bytes); the next six would not.
+  for (int i = 0; i < 10; ++i)
+    logger->Log("line " + std::to_string(i) + std::string(13, '.') + "\n");
+  EXPECT_EQ(zel_log_dropped(), 6u);
+  gate->Open();
+  zel_log_flush();
+  logger->Log("after\n");
+  zel_log_flush();
+  EXPECT_EQ(zel_log_dropped(), 6u);
+  const std::string text = ReadFile(LiveFile(Logger::GetLogPath()));
+  std::smatch m;
+  ASSERT_TRUE(
+      std::regex_match(text, m,
+                       std::regex("gate\n"
+                                  "line 0\\.{13}\nline 1\\.{13}\nline 2\\.{13}\nline 3\\.{13}\n"
+                                  R"(\[\d+-\d+ \d\d:\d\d:\d\d\.\d\d\d\]\[tid:\d+\] )"
+                                  "zel log: 6 lines dropped \\(queue full\\)\n"
+                                  "after\n")))
+      << text;
+}
+
+TEST(LogQueueTest, BlockPolicyFromFourThreadsLosesNothingUnderATinyBound) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger* logger = Logger::GetInstance();
+  zel_set_log_queue_limit(64, 1);
+  constexpr int kThreads = 4;
+  constexpr int kLines = 1000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t, logger] {
+      for (int i = 0; i < kLines; ++i) {
+        logger->Log("t" + std::to_string(t) + " " + std::to_string(i) + "\n");
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  zel_log_flush();
+  EXPECT_EQ(zel_log_dropped(), 0u);
+  std::vector<int> next(kThreads, 0);
+  int lines = 0;
+  for (const std::string& line : SplitLines(ReadFile(LiveFile(Logger::GetLogPath())))) {
+    int t = -1;
+    int i = -1;
+    ASSERT_EQ(std::sscanf(line.c_str(), "t%d %d", &t, &i), 2) << line;
+    ASSERT_TRUE(t >= 0 && t < kThreads) << line;
+    EXPECT_EQ(i, next[static_cast<std::size_t>(t)]) << "out of order: " << line;
+    next[static_cast<std::size_t>(t)] = i + 1;
+    ++lines;
+  }
+  EXPECT_EQ(lines, kThreads * kLines);
+}
+
+TEST(LogQueueTest, BlockPolicyHoldsTheCallerUntilTheWriterMadeRoom) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger* logger = Logger::GetInstance();
+  GateBackend* gate = GateBackend::Install();
+  ASSERT_TRUE(gate->Close());  // 5 bytes queued until the gate opens
+  Logger::SetQueueLimit(20, zel::QueueFullPolicy::kBlock);
+  std::atomic<bool> posted{false};
+  std::thread caller([&] {
+    logger->Log("0123456789abcdef\n");  // 17 bytes: 22 > 20
+    posted = true;
+  });
+  // Not before the gate's line is written.
+  EXPECT_FALSE(zel_test::WaitFor([&] { return posted.load(); }, std::chrono::milliseconds(300)));
+  gate->Open();
+  caller.join();
+  zel_log_flush();
+  EXPECT_EQ(ReadFile(LiveFile(Logger::GetLogPath())), "gate\n0123456789abcdef\n");
+  EXPECT_EQ(zel_log_dropped(), 0u);
+}
+
+TEST(LogQueueTest, BoundOfZeroMeansNoBound) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger* logger = Logger::GetInstance();
+  GateBackend* gate = GateBackend::Install();
+  Logger::SetQueueLimit(10, zel::QueueFullPolicy::kDrop);
+  Logger::SetQueueLimit(0, zel::QueueFullPolicy::kDrop);
+  ASSERT_TRUE(gate->Close());
+  std::string expected = "gate\n";
+  for (int i = 0; i < 200; ++i) {
+    const std::string line = "line " + std::to_string(i) + "\n";
+    logger->Log(line);
+    expected += line;
+  }
+  gate->Open();
+  zel_log_flush();
+  EXPECT_EQ(zel_log_dropped(), 0u);
+  EXPECT_EQ(ReadFile(LiveFile(Logger::GetLogPath())), expected);
+}
+
+TEST(LogFileInfoTest, CountAbove256KeepsAll256Names) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  // Every line rotates the file before it; 300 would wrap to 44 in 8 bits.
+  Logger::GetInstance()->SetLogFileInfo(1, 300);
+  for (int i = 0; i < 260; ++i) Logger::GetInstance()->Log("ab");
+  zel_log_flush();
+  EXPECT_EQ(ListDir(Logger::GetLogPath()).size(), 256u);
+}
+
+TEST(LogFileInfoTest, NegativeSizeIsTakenAsZero) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(-1, 10);
+  StdoutCapture out;
+  LogRaw("");  // opens the file and fails: the file stays empty
+  out.Stop();
+  LogRaw("a\n");  // an empty file is not larger than 0 bytes: no rotation
+  EXPECT_EQ(ListDir(Logger::GetLogPath()).size(), 1u);
+  EXPECT_EQ(ReadFile(LiveFile(Logger::GetLogPath())), "a\n");
 }
 
 }  // namespace

@@ -1,402 +1,437 @@
 #include "utils/logger.h"
 
 #include <condition_variable>
-#include <cstdarg>
 #include <cstring>
-#include <ctime>
-#include <filesystem>
-#include <limits>
 #include <new>
-#include <system_error>
+#include <thread>
+#include <vector>
 
+#include "utils/log_file.h"
+#include "utils/log_line.h"
 #include "utils/platform.h"
-#include "utils/process_path.h"
 
 namespace zel {
 
 namespace {
 
 constexpr int kFpNullLine = 296;
-constexpr int kPrefixLine = 158;
-constexpr int kRenameErrorLine = 516;
-constexpr int kLineSize = 4096;
-constexpr int kPrefixSize = 256;
-constexpr int kPathSize = 256;
-constexpr int32_t kDefaultMaxFileSize = 0x500000;
-constexpr int32_t kDefaultMaxFileCount = 10;
 
-// The base directory chosen by the client and the effective directory. The
-// client's threads write and read them while the writer thread reads and
-// writes them, so they are guarded; they are never destroyed because the
-// writer thread may still use them while the process exits.
-struct DirectoryTexts {
-  std::mutex mutex;
-  std::string fixedDirPrefix;  // mFixedDirPrefix: as given to SetLogPath
-  std::string dirPrefix;       // mDirPrefix: base followed by "YYYYMMDD/"
-};
+// The text capacity of one block of the line queue. Blocks of this size are
+// reused; a longer line gets a block of its own size, freed after writing.
+constexpr std::size_t kBlockSize = 256 * 1024;
+// Free blocks kept for reuse; the others are given back.
+constexpr std::size_t kSpareBlocks = 4;
+// Records a new block has room for before its record list grows.
+constexpr std::size_t kBlockRecords = 2048;
+// How long the writer stays awake for more lines after the queue ran empty.
+constexpr int64_t kLingerNs = 50 * 1000;
+constexpr std::size_t kDefaultQueueLimit = std::size_t{64} * 1024 * 1024;
 
-DirectoryTexts& directoryTexts() {
-  static DirectoryTexts* texts = new DirectoryTexts;
-  return *texts;
-}
+// A record of the line queue: the size of a line's text, or the number of
+// lines dropped at that point of the stream, and two flags.
+constexpr uint64_t kRecordForward = uint64_t{1} << 62;  // hand the line to the backends
+constexpr uint64_t kRecordDropped = uint64_t{1} << 63;  // a notice, not a line
+constexpr uint64_t kRecordValue = kRecordForward - 1;
 
-// The open log file, its path and the rotation counter. Used on the writer
-// thread only.
-FILE* sLogFp = nullptr;
-char sLogFilePath[kPathSize];
-unsigned char sLogFileIndex = 0;
-char sStartTimeBuf[kPathSize];
-// The position of sLogFp as ftell() would give it, kept up to date by the
-// writes; -1 when it is not known (a new file, a failed write).
-int64_t sLogFileOffset = -1;
-// sLogFilePath as a filesystem path, made once per opened file.
-std::filesystem::path* sLogFileFsPath = nullptr;
-
-// The Logger as log_print() last found it.
-std::atomic<Logger*> sCachedLogger{nullptr};
-
-// The process-wide log level.
-std::atomic<signed char> sLogLevel{3};
+// The queue bound and its policy, process-wide so that they can be set
+// before the Logger exists.
+std::atomic<std::size_t> sQueueLimit{kDefaultQueueLimit};
+std::atomic<bool> sQueueBlocks{false};
+// Lines dropped since the process started.
+std::atomic<uint64_t> sDroppedLines{0};
 
 // True on the writer thread, which must not wait for its own queue.
 thread_local bool tOnWriterThread = false;
 
-// Local time of `second` (seconds since 1970), converted at most once per
-// second and thread.
-const std::tm& localTimeOf(std::time_t second) {
-  thread_local std::time_t cachedSecond = std::numeric_limits<std::time_t>::min();
-  thread_local std::tm cachedTm{};
-  if (second != cachedSecond) {
-    platform::localTime(second, &cachedTm);
-    cachedSecond = second;
-  }
-  return cachedTm;
-}
-
-// Writes `value` in decimal, at least `width` digits (zero-padded), at
-// `out`; returns the end. As printf's "%0*ld" for values from 0 on.
-char* writeDecimal(char* out, long value, int width) {
-  char digits[24];
-  int n = 0;
-  unsigned long v = static_cast<unsigned long>(value);
-  do {
-    digits[n++] = static_cast<char>('0' + v % 10);
-    v /= 10;
-  } while (v != 0);
-  while (n < width) digits[n++] = '0';
-  while (n > 0) *out++ = digits[--n];
-  return out;
-}
-
-// The prefix "[M-D hh:mm:ss.mmm][tid:T] " of the calling thread, built from
-// pieces kept per thread: the thread id text is made once, the local-time
-// part once per second; only the milliseconds are written per line.
-// Produces exactly what platform::formatLogPrefix() produces.
-class PrefixCache {
- public:
-  // Writes the prefix for `second` (seconds since 1970) and `ms` (0-999)
-  // into `buf` (at least kPrefixSize bytes), terminated; returns its length.
-  std::size_t write(char* buf, std::time_t second, long ms) {
-    if (tailLen_ == 0) {
-      std::snprintf(tid_, sizeof(tid_), "%llu",
-                    static_cast<unsigned long long>(platform::currentThreadId()));
-      const int n = std::snprintf(tail_, sizeof(tail_), "][tid:%s] ", tid_);
-      tailLen_ = static_cast<std::size_t>(n);
-    }
-    if (second != second_ || headLen_ == 0) {
-      const std::tm& tm = localTimeOf(second);
-      if (tm.tm_mon + 1 < 0 || tm.tm_mday < 0 || tm.tm_hour < 0 || tm.tm_min < 0 || tm.tm_sec < 0) {
-        // Not a time localtime gives; leave such a case to snprintf.
-        const int n = platform::formatLogPrefix(buf, kPrefixSize, tm, ms, tid_);
-        headLen_ = 0;
-        return n < 0 ? (buf[0] = '\0', 0) : std::strlen(buf);
-      }
-      char* out = head_;
-      *out++ = '[';
-      out = writeDecimal(out, tm.tm_mon + 1, 1);
-      *out++ = '-';
-      out = writeDecimal(out, tm.tm_mday, 1);
-      *out++ = ' ';
-      out = writeDecimal(out, tm.tm_hour, 2);
-      *out++ = ':';
-      out = writeDecimal(out, tm.tm_min, 2);
-      *out++ = ':';
-      out = writeDecimal(out, tm.tm_sec, 2);
-      *out++ = '.';
-      headLen_ = static_cast<std::size_t>(out - head_);
-      second_ = second;
-    }
-    std::memcpy(buf, head_, headLen_);
-    char* out = writeDecimal(buf + headLen_, ms, 3);
-    std::memcpy(out, tail_, tailLen_);
-    out += tailLen_;
-    *out = '\0';
-    return static_cast<std::size_t>(out - buf);
-  }
-
- private:
-  std::time_t second_ = 0;
-  char head_[80] = {0};  // "[M-D hh:mm:ss."
-  std::size_t headLen_ = 0;
-  char tid_[24] = {0};   // the operating-system thread id in decimal
-  char tail_[48] = {0};  // "][tid:T] "
-  std::size_t tailLen_ = 0;
-};
-
-// A formatter for the conversions that log lines use, producing exactly what
-// vsnprintf produces for them: "%%", and %d %i %u %x %X %s %c with the flags
-// '-' and '0' (not '0' for %s and %c), a width in digits and the length
-// modifiers l, ll and z. Any other conversion, a precision or a '*' makes
-// formatTo() give up, and the caller formats the line with vsnprintf.
-class FastFormat {
- public:
-  // Formats as vsnprintf(out, size, format, args) would and returns true;
-  // `size` is at least 1. Returns false at the first conversion it does not
-  // handle, before reading that conversion's argument, with `out` holding
-  // an unfinished text: the format is read once, in the same pass.
-  static bool formatTo(char* out, std::size_t size, const char* format, va_list args) {
-    Sink sink{out, out + size - 1};
-    for (const char* p = format; *p != '\0'; ++p) {
-      if (*p != '%') {
-        sink.put(*p);
-        continue;
-      }
-      Directive directive;
-      p = parseDirective(p + 1, &directive);
-      if (p == nullptr) return false;
-      switch (directive.conv) {
-        case '%':
-          sink.put('%');
-          break;
-        case 'c': {
-          const char c = static_cast<char>(va_arg(args, int));
-          pad(&sink, directive, 1, false, [&sink, c] { sink.put(c); });
-          break;
-        }
-        case 's': {
-          const char* text = va_arg(args, const char*);
-          if (text == nullptr) text = "(null)";
-          const std::size_t len = std::strlen(text);
-          pad(&sink, directive, len, false, [&sink, text, len] { sink.put(text, len); });
-          break;
-        }
-        case 'd':
-        case 'i': {
-          long long v;
-          if (directive.length == 'l') {
-            v = va_arg(args, long);
-          } else if (directive.length == 'L') {
-            v = va_arg(args, long long);
-          } else if (directive.length == 'z') {
-            v = static_cast<long long>(va_arg(args, std::size_t));
-          } else {
-            v = va_arg(args, int);
-          }
-          const bool negative = v < 0;
-          const unsigned long long magnitude = negative ? 0ULL - static_cast<unsigned long long>(v)
-                                                        : static_cast<unsigned long long>(v);
-          putNumber(&sink, directive, magnitude, negative, 10, false);
-          break;
-        }
-        default: {  // u x X
-          unsigned long long v;
-          if (directive.length == 'l') {
-            v = va_arg(args, unsigned long);
-          } else if (directive.length == 'L') {
-            v = va_arg(args, unsigned long long);
-          } else if (directive.length == 'z') {
-            v = va_arg(args, std::size_t);
-          } else {
-            v = va_arg(args, unsigned int);
-          }
-          putNumber(&sink, directive, v, false, directive.conv == 'u' ? 10 : 16,
-                    directive.conv == 'X');
-          break;
-        }
-      }
-    }
-    *sink.pos = '\0';
-    return true;
-  }
-
- private:
-  struct Directive {
-    bool left = false;
-    bool zero = false;
-    std::size_t width = 0;
-    char length = 0;  // 0, 'l', 'L' (ll) or 'z'
-    char conv = 0;
-  };
-
-  // Writes up to `end`, the place of the terminating NUL; the rest is cut.
-  struct Sink {
-    char* pos;
-    char* end;
-    void put(char c) {
-      if (pos < end) *pos++ = c;
-    }
-    void put(const char* text, std::size_t len) {
-      const auto room = static_cast<std::size_t>(end - pos);
-      if (len > room) len = room;
-      std::memcpy(pos, text, len);
-      pos += len;
-    }
-    void fill(char c, std::size_t n) {
-      for (std::size_t i = 0; i < n; ++i) put(c);
-    }
-  };
-
-  // Parses the conversion after a '%'; returns its last character, or null
-  // when it is not supported.
-  static const char* parseDirective(const char* p, Directive* directive) {
-    if (*p == '%') {
-      directive->conv = '%';
-      return p;
-    }
-    for (;; ++p) {
-      if (*p == '-') {
-        directive->left = true;
-      } else if (*p == '0') {
-        directive->zero = true;
-      } else {
-        break;
-      }
-    }
-    while (*p >= '0' && *p <= '9') {
-      directive->width = directive->width * 10 + static_cast<std::size_t>(*p - '0');
-      if (directive->width > 4096) return nullptr;
-      ++p;
-    }
-    if (*p == 'l') {
-      ++p;
-      directive->length = 'l';
-      if (*p == 'l') {
-        ++p;
-        directive->length = 'L';
-      }
-    } else if (*p == 'z') {
-      ++p;
-      directive->length = 'z';
-    }
-    switch (*p) {
-      case 'd':
-      case 'i':
-      case 'u':
-      case 'x':
-      case 'X':
-        break;
-      case 's':
-      case 'c':
-        if (directive->zero || directive->length != 0) return nullptr;
-        break;
-      default:
-        return nullptr;
-    }
-    directive->conv = *p;
-    return p;
-  }
-
-  // Writes `len` characters through `body`, padded with blanks to the width.
-  template <typename Body>
-  static void pad(Sink* sink, const Directive& directive, std::size_t len, bool, Body body) {
-    const std::size_t fill = directive.width > len ? directive.width - len : 0;
-    if (!directive.left) sink->fill(' ', fill);
-    body();
-    if (directive.left) sink->fill(' ', fill);
-  }
-
-  static void putNumber(Sink* sink, const Directive& directive, unsigned long long v, bool negative,
-                        unsigned base, bool upper) {
-    char digits[24];
-    std::size_t n = 0;
-    const char* symbols = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-    do {
-      digits[n++] = symbols[v % base];
-      v /= base;
-    } while (v != 0);
-    const std::size_t len = n + (negative ? 1 : 0);
-    const std::size_t fill = directive.width > len ? directive.width - len : 0;
-    if (directive.left) {
-      if (negative) sink->put('-');
-      while (n > 0) sink->put(digits[--n]);
-      sink->fill(' ', fill);
-    } else if (directive.zero) {
-      if (negative) sink->put('-');
-      sink->fill('0', fill);
-      while (n > 0) sink->put(digits[--n]);
-    } else {
-      sink->fill(' ', fill);
-      if (negative) sink->put('-');
-      while (n > 0) sink->put(digits[--n]);
-    }
-  }
-};
-
-// Today's date directory "YYYYMMDD/" (local time), converted at most once
-// per second of the wall clock. For the writer thread, which asks per line.
-const char* todayDateDirCached() {
-  thread_local std::time_t cachedSecond = std::numeric_limits<std::time_t>::min();
-  thread_local char text[kPathSize];
-  const auto second = static_cast<std::time_t>(platform::wallClockMs() / 1000);
-  if (second != cachedSecond) {
-    std::tm tm{};
-    platform::localTime(second, &tm);
-    platform::formatDateDir(text, sizeof(text), tm);
-    cachedSecond = second;
-  }
-  return text;
-}
-
-// Writes into `buf` (kPathSize bytes, zero-filled by the caller) the first
-// `dirLen` characters of `dir` followed by the file name "zel.log.<name>.
-// <start>.<suffix>"; everything is cut to fit and the result is terminated.
-void buildLogFilePath(char* buf, const std::string& dir, uint64_t dirLen, const std::string& name,
-                      const std::string& start, const char* suffix) {
-  std::size_t n = static_cast<std::size_t>(dirLen);
-  if (n > dir.size()) n = dir.size();
-  if (n > kPathSize - 1) n = kPathSize - 1;
-  std::memcpy(buf, dir.data(), n);
-  std::snprintf(buf + n, kPathSize - n, "zel.log.%s.%s.%s", name.c_str(), start.c_str(), suffix);
-  buf[kPathSize - 1] = '\0';
-}
-
-// Prints a diagnostic of the logging code to standard output at once.
-void console(const char* format, ...) ZEL_PRINTF_FORMAT(1, 2);
-void console(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  std::vprintf(format, args);
-  va_end(args);
-  std::fflush(stdout);
-}
-
-// Posted by Flush(): runs after every line queued before it and signals the
-// waiting caller when it is destroyed, whether it ran or not.
-class FlushMessage : public Message {
- public:
-  struct State {
-    std::mutex mutex;
-    std::condition_variable cond;
-    bool done = false;
-  };
-
-  explicit FlushMessage(State* state) : state_(state) {}
-
-  void Run() override {
-    if (sLogFp != nullptr) std::fflush(sLogFp);
-  }
-
-  ~FlushMessage() override {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->done = true;
-    state_->cond.notify_all();
-  }
-
- private:
-  State* state_;
-};
-
 }  // namespace
+
+// The lines posted and not yet written, in posting order, and the writer's
+// side of them.
+//
+// Callers copy a line's text into the current block and append a record of
+// its size; nothing is allocated while a block has room and reused blocks
+// are at hand. A caller that finds the writer asleep posts one drain
+// message to the Logger's Looper; the drain then takes every queued block at
+// once and writes each block's lines in runs, one gathered write per run,
+// while callers fill fresh blocks. It goes on until the queue is empty and
+// only then counts as asleep again, so every line is in the operating system
+// before the writer waits.
+class Logger::LineQueue {
+ public:
+  explicit LineQueue(Logger* logger) : logger_(logger) {}
+  LineQueue(const LineQueue&) = delete;
+  LineQueue& operator=(const LineQueue&) = delete;
+
+  // Queues one line, or drops it (the bound, kDrop) or waits for room (the
+  // bound, kBlock). Any thread.
+  void post(const char* text, std::size_t size, bool forward);
+
+  // Waits until every record queued before the call has been written.
+  void flush();
+
+  // Wakes the callers that wait for room, after a change of the bound.
+  void limitChanged();
+
+  // Writes queued lines until the queue is empty. The drain message's work,
+  // on the writer thread.
+  void drain();
+
+  // Writes one line as a run of its own, on the writer thread.
+  void writeOne(const char* text, std::size_t size, bool forward);
+
+ private:
+  struct Block {
+    explicit Block(std::size_t size) : text(new char[size]), capacity(size) {
+      records.reserve(kBlockRecords);
+    }
+    std::unique_ptr<char[]> text;
+    std::size_t capacity;
+    std::size_t used = 0;           // bytes of text
+    std::vector<uint64_t> records;  // one per line or notice, in order
+  };
+
+  // Posted to the Looper to wake the writer. Its memory is kept for the
+  // next wake, so that waking allocates nothing in the common case.
+  class DrainMessage final : public Message {
+   public:
+    explicit DrainMessage(LineQueue* queue) : queue_(queue) {}
+    void Run() override { queue_->drain(); }
+    static void* operator new(std::size_t size);
+    static void operator delete(void* memory);
+
+   private:
+    LineQueue* queue_;
+  };
+
+  // A block with room for `size` more bytes at the back of the queue.
+  // Requires mutex_.
+  Block* blockFor(std::size_t size);
+  // Gives a written block back for reuse. Requires mutex_.
+  void recycle(std::unique_ptr<Block> block);
+  // Called with mutex_ held and the queue empty: waits up to kLingerNs for
+  // more lines (mutex_ released meanwhile). True when lines are queued.
+  bool linger();
+  // Accounts for the written `block` (room, the written count, waiters)
+  // and recycles it. Requires mutex_.
+  void release(std::unique_ptr<Block> block);
+  // Takes `lock` (on mutex_, not owned yet), trying briefly before sleeping.
+  static void lock(std::unique_lock<std::mutex>* lock);
+  // Appends the notice of one more dropped line. Requires mutex_.
+  void noteDropped();
+  // Posts the drain message when the writer was asleep; `lock` is released.
+  void wake(std::unique_lock<std::mutex>* lock);
+  // Writes the records of one block; `text` holds the lines back to back.
+  void writeRecords(const char* text, const uint64_t* records, std::size_t count);
+  // Writes the notice of `count` dropped lines as a line of the writer's own.
+  void writeDropNotice(uint64_t count);
+  // Hands the line `text` of `size` bytes to every registered backend: the
+  // one place where backends are called.
+  void forward(const char* text, std::size_t size);
+
+  Logger* logger_;
+  std::mutex mutex_;
+  std::condition_variable room_;                // the writer made room, or the bound changed
+  std::condition_variable written_;             // the writer finished a block
+  std::vector<std::unique_ptr<Block>> blocks_;  // queued, oldest first; the last one fills
+  std::vector<std::unique_ptr<Block>> spare_;   // written blocks kept for reuse
+  std::size_t queuedBytes_ = 0;                 // text of the lines posted and not yet written
+  // Records queued so far; written under mutex_, also read without it by
+  // the writer while it lingers.
+  std::atomic<uint64_t> posted_{0};
+  uint64_t done_ = 0;          // records written (or given up) so far
+  bool drainPending_ = false;  // the writer is awake or woken
+  int roomWaiters_ = 0;
+  int flushWaiters_ = 0;
+
+  // Writer thread only.
+  std::vector<std::unique_ptr<Block>> batch_;  // the blocks being written
+  std::vector<platform::WriteBuffer> pieces_;  // the run being built
+  std::vector<std::size_t> runLines_;          // its lines' written lengths
+
+  static std::atomic<void*> sSpareDrain;  // the memory of one drain message
+};
+
+std::atomic<void*> Logger::LineQueue::sSpareDrain{nullptr};
+
+void* Logger::LineQueue::DrainMessage::operator new(std::size_t size) {
+  void* memory = sSpareDrain.exchange(nullptr, std::memory_order_acquire);
+  return memory != nullptr ? memory : ::operator new(size);
+}
+
+void Logger::LineQueue::DrainMessage::operator delete(void* memory) {
+  void* expected = nullptr;
+  if (!sSpareDrain.compare_exchange_strong(expected, memory, std::memory_order_release)) {
+    ::operator delete(memory);
+  }
+}
+
+Logger::LineQueue::Block* Logger::LineQueue::blockFor(std::size_t size) {
+  if (!blocks_.empty()) {
+    Block* last = blocks_.back().get();
+    if (last->capacity - last->used >= size) return last;
+  }
+  if (size <= kBlockSize && !spare_.empty()) {
+    blocks_.push_back(std::move(spare_.back()));
+    spare_.pop_back();
+  } else {
+    blocks_.push_back(std::make_unique<Block>(size > kBlockSize ? size : kBlockSize));
+  }
+  return blocks_.back().get();
+}
+
+void Logger::LineQueue::recycle(std::unique_ptr<Block> block) {
+  if (block->capacity != kBlockSize || spare_.size() >= kSpareBlocks) return;
+  block->used = 0;
+  block->records.clear();
+  spare_.push_back(std::move(block));
+}
+
+void Logger::LineQueue::noteDropped() {
+  if (!blocks_.empty()) {
+    std::vector<uint64_t>& records = blocks_.back()->records;
+    if (!records.empty() && (records.back() & kRecordDropped) != 0 &&
+        (records.back() & kRecordValue) < kRecordValue) {
+      ++records.back();
+      return;
+    }
+  }
+  blockFor(0)->records.push_back(kRecordDropped | 1);
+  posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+}
+
+void Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
+  if (drainPending_) {
+    lock->unlock();
+    return;
+  }
+  drainPending_ = true;
+  lock->unlock();
+  if (logger_->mWriter->looper->PostMessageAAA(std::unique_ptr<Message>(new DrainMessage(this))) !=
+      0) {
+    // The writer is stopped: nothing can be written any more.
+    lock->lock();
+    drainPending_ = false;
+    lock->unlock();
+  }
+}
+
+void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
+  std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
+  LineQueue::lock(&lock);
+  std::size_t limit = sQueueLimit.load(std::memory_order_relaxed);
+  if (limit != 0 && size > limit - (queuedBytes_ < limit ? queuedBytes_ : limit)) {
+    if (!sQueueBlocks.load(std::memory_order_relaxed)) {
+      sDroppedLines.fetch_add(1, std::memory_order_relaxed);
+      noteDropped();
+      wake(&lock);
+      return;
+    }
+    // The writer thread (a backend that logs) cannot wait for itself: its
+    // line goes beyond the bound. A line longer than the bound waits for
+    // an empty queue only.
+    if (!tOnWriterThread) {
+      ++roomWaiters_;
+      room_.wait(lock, [this, size, &limit] {
+        limit = sQueueLimit.load(std::memory_order_relaxed);
+        return limit == 0 || queuedBytes_ == 0 || !sQueueBlocks.load(std::memory_order_relaxed) ||
+               size <= limit - (queuedBytes_ < limit ? queuedBytes_ : limit);
+      });
+      --roomWaiters_;
+    }
+  }
+  Block* block = blockFor(size);
+  std::memcpy(block->text.get() + block->used, text, size);
+  block->used += size;
+  block->records.push_back(static_cast<uint64_t>(size) | (forward ? kRecordForward : 0));
+  queuedBytes_ += size;
+  posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  wake(&lock);
+}
+
+void Logger::LineQueue::flush() {
+  if (tOnWriterThread) return;
+  std::unique_lock<std::mutex> lock(mutex_);
+  const uint64_t target = posted_.load(std::memory_order_relaxed);
+  if (done_ >= target) return;
+  ++flushWaiters_;
+  written_.wait(lock, [this, target] { return done_ >= target; });
+  --flushWaiters_;
+}
+
+void Logger::LineQueue::limitChanged() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (roomWaiters_ > 0) room_.notify_all();
+}
+
+void Logger::LineQueue::drain() {
+  tOnWriterThread = true;
+  for (;;) {
+    {
+      // The last block written is accounted for together with taking the
+      // next batch: one lock per batch while lines trickle in.
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!batch_.empty()) release(std::move(batch_.back()));
+      batch_.clear();
+      if (blocks_.empty() && !linger()) {
+        drainPending_ = false;
+        return;
+      }
+      batch_.swap(blocks_);
+    }
+    for (std::size_t b = 0; b < batch_.size(); ++b) {
+      Block& block = *batch_[b];
+      writeRecords(block.text.get(), block.records.data(), block.records.size());
+      if (b + 1 == batch_.size()) break;
+      // A backlog: give each block's room back as soon as it is written.
+      std::lock_guard<std::mutex> lock(mutex_);
+      release(std::move(batch_[b]));
+    }
+  }
+}
+
+bool Logger::LineQueue::linger() {
+  // Lines of a burst come faster than waking the writer through the Looper
+  // costs the caller: the writer stays awake a little (without holding the
+  // lock, yielding its processor) in case more follow.
+  const uint64_t seen = posted_.load(std::memory_order_relaxed);
+  mutex_.unlock();
+  const int64_t until = platform::monotonicNs() + kLingerNs;
+  bool more = false;
+  while (!(more = posted_.load(std::memory_order_acquire) != seen) &&
+         platform::monotonicNs() < until) {
+    std::this_thread::yield();
+  }
+  mutex_.lock();
+  return !blocks_.empty();
+}
+
+void Logger::LineQueue::release(std::unique_ptr<Block> block) {
+  queuedBytes_ -= block->used;
+  done_ += block->records.size();
+  recycle(std::move(block));
+  if (roomWaiters_ > 0) room_.notify_all();
+  if (flushWaiters_ > 0) written_.notify_all();
+}
+
+void Logger::LineQueue::lock(std::unique_lock<std::mutex>* lock) {
+  // The writer holds the lock only to take or give back blocks, for well
+  // under a microsecond: trying a few times first spares the caller the
+  // sleep and wake of a contended mutex.
+  for (int i = 0; i < 100; ++i) {
+    if (lock->try_lock()) return;
+  }
+  lock->lock();
+}
+
+void Logger::LineQueue::writeOne(const char* text, std::size_t size, bool forward) {
+  tOnWriterThread = true;
+  const uint64_t record = static_cast<uint64_t>(size) | (forward ? kRecordForward : 0);
+  writeRecords(text, &record, 1);
+}
+
+void Logger::LineQueue::writeDropNotice(uint64_t count) {
+  char line[kLineSize];
+  const std::size_t size = printLogLine(line, "zel log: %llu lines dropped (queue full)\n",
+                                        static_cast<unsigned long long>(count));
+  writeOne(line, size, false);
+}
+
+void Logger::LineQueue::forward(const char* text, std::size_t size) {
+  std::shared_lock<std::shared_mutex> lock(logger_->mBackendLock);
+  if (logger_->mBackends.empty()) return;
+  const std::string line(text, size);
+  for (LogBackend* backend : logger_->mBackends) backend->Log(line);
+}
+
+void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, std::size_t count) {
+  LogFile& file = *logger_->mLogFile;
+  std::size_t i = 0;          // the next record to write
+  std::size_t offset = 0;     // where its text starts
+  std::size_t forwarded = 0;  // records before this one were handed to the backends
+  while (i < count) {
+    if ((records[i] & kRecordDropped) != 0) {
+      writeDropNotice(records[i] & kRecordValue);
+      ++i;
+      continue;
+    }
+    // A run starts: the per-line checks (size, day, a file removed or
+    // replaced from outside) are made here, once, with one status query.
+    const std::intptr_t handle = logger_->getLogFp();
+    if (handle == platform::kNoFile) {
+      logConsole("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
+      offset += static_cast<std::size_t>(records[i] & kRecordValue);
+      ++i;
+      continue;
+    }
+    const int64_t start = file.runPosition();
+    const int64_t maxSize = file.maxSize();
+    // Gather lines while the file would not have rotated before them had
+    // they been written one by one: the run is split where a line finds
+    // the file larger than the limit. An empty text (one that starts with
+    // a NUL) takes the failure path of its own and ends the run.
+    pieces_.clear();
+    runLines_.clear();
+    int64_t runBytes = 0;
+    std::size_t end = i;
+    std::size_t endOffset = offset;
+    bool emptyLine = false;
+    while (end < count && (records[end] & kRecordDropped) == 0) {
+      if (end > i && (start < 0 || start + runBytes > maxSize)) break;
+      const auto size = static_cast<std::size_t>(records[end] & kRecordValue);
+      const char* line = text + endOffset;
+      // The file gets the text up to its first NUL, as a C string.
+      const void* nul = std::memchr(line, '\0', size);
+      const std::size_t length =
+          nul != nullptr ? static_cast<std::size_t>(static_cast<const char*>(nul) - line) : size;
+      if (length == 0 && end > i) break;
+      if (end >= forwarded && (records[end] & kRecordForward) != 0) {
+        forward(line, size);
+      }
+      endOffset += size;
+      ++end;
+      if (length == 0) {
+        emptyLine = true;
+        break;
+      }
+      if (!pieces_.empty() &&
+          static_cast<const char*>(pieces_.back().data) + pieces_.back().size == line) {
+        pieces_.back().size += length;
+      } else {
+        pieces_.push_back(platform::WriteBuffer{line, length});
+      }
+      runLines_.push_back(length);
+      runBytes += static_cast<int64_t>(length);
+    }
+    if (end > forwarded) forwarded = end;
+    if (emptyLine) {
+      // What fprintf gives for an empty text: 0, a failure.
+      logConsole("zel log write error,ret[%d] \n", 0);
+      logger_->UpdateLogDir();
+      i = end;
+      offset = endOffset;
+      continue;
+    }
+    std::size_t written = 0;
+    if (file.writeRun(handle, pieces_.data(), pieces_.size(), &written) >= 0) {
+      i = end;
+      offset = endOffset;
+      continue;
+    }
+    // The write failed inside line `i` + k: the lines before it are in the
+    // file, that line is lost (as its own failed write would lose it) and
+    // the lines behind it start a run of their own.
+    std::size_t k = 0;
+    while (k < runLines_.size() && written >= runLines_[k]) {
+      written -= runLines_[k];
+      offset += static_cast<std::size_t>(records[i + k] & kRecordValue);
+      ++k;
+    }
+    offset += static_cast<std::size_t>(records[i + k] & kRecordValue);
+    i += k + 1;
+    logConsole("zel log write error,ret[%d] \n", -1);
+    logger_->UpdateLogDir();
+  }
+}
 
 std::atomic<Logger*> Logger::sLogger{nullptr};
 std::mutex Logger::sMutex;
@@ -416,11 +451,10 @@ Logger* Logger::GetInstance() {
 }
 
 Logger::Logger()
-    : mDirLen(0),
-      mToFile(true),
-      mMaxFileCount(kDefaultMaxFileCount),
-      mMaxFileSize(kDefaultMaxFileSize),
-      mFp(nullptr) {
+    : mToFile(true),
+      mFp(nullptr),
+      mLogFile(std::make_unique<LogFile>()),
+      mQueue(std::make_unique<LineQueue>(this)) {
   init();
 }
 
@@ -434,8 +468,7 @@ Logger::~Logger() {
 
 int Logger::init() {
   mToFile = false;
-  UpdateLogDir();
-  mDirLen = mLogDir.size();
+  mLogFile->logFileInit();
   mToFile = true;
   auto writer = std::make_unique<Writer>();
   writer->looper = std::make_unique<Looper>();
@@ -447,46 +480,19 @@ int Logger::init() {
 
 void Logger::Log(const std::string& line) { Log(line, 3, false); }
 
-// A line in one allocation: the message, then the text and a terminating
-// NUL. Its Run() hands the line to the write handler's work, writeLine().
-class Logger::LineMessage final : public Message {
- public:
-  static std::unique_ptr<Message> make(Logger* logger, const char* text, std::size_t size,
-                                       int level, bool forward) {
-    void* memory = ::operator new(sizeof(LineMessage) + size + 1);
-    auto* msg = new (memory) LineMessage(logger, size, level, forward);
-    char* copy = msg->text();
-    std::memcpy(copy, text, size);
-    copy[size] = '\0';
-    return std::unique_ptr<Message>(msg);
-  }
-
-  void Run() override { logger_->writeLine(text(), size_, forward_); }
-
-  // The caller's level, carried with the line as a LogInfo carries it.
-  int level() const { return level_; }
-
-  // Frees what make() allocated, whatever the size of the text.
-  static void operator delete(void* memory) { ::operator delete(memory); }
-
- private:
-  LineMessage(Logger* logger, std::size_t size, int level, bool forward)
-      : logger_(logger), size_(size), level_(static_cast<int32_t>(level)), forward_(forward) {}
-
-  char* text() { return reinterpret_cast<char*>(this + 1); }
-
-  Logger* logger_;
-  std::size_t size_;
-  int32_t level_;  // the caller's level; carried, not used by the writer
-  bool forward_;
-};
-
 void Logger::Log(const std::string& line, int level, bool forward) {
   postLine(line.data(), line.size(), level, forward);
 }
 
-void Logger::postLine(const char* text, std::size_t size, int level, bool forward) {
-  mWriter->looper->PostMessageAAA(LineMessage::make(this, text, size, level, forward));
+void Logger::postLine(const char* text, std::size_t size, int /*level*/, bool forward) {
+  mQueue->post(text, size, forward);
+}
+
+void Logger::SetQueueLimit(std::size_t bytes, QueueFullPolicy policy) {
+  sQueueLimit.store(bytes, std::memory_order_relaxed);
+  sQueueBlocks.store(policy == QueueFullPolicy::kBlock, std::memory_order_relaxed);
+  Logger* logger = sLogger.load(std::memory_order_acquire);
+  if (logger != nullptr) logger->mQueue->limitChanged();
 }
 
 void Logger::RegisterBackend(LogBackend* backend) {
@@ -494,242 +500,42 @@ void Logger::RegisterBackend(LogBackend* backend) {
   mBackends.push_back(backend);
 }
 
-void Logger::Flush() {
-  if (tOnWriterThread) return;
-  FlushMessage::State state;
-  if (mWriter->looper->PostMessageAAA(std::make_unique<FlushMessage>(&state)) != 0) return;
-  std::unique_lock<std::mutex> lock(state.mutex);
-  state.cond.wait(lock, [&state] { return state.done; });
-}
+void Logger::Flush() { mQueue->flush(); }
 
 void Logger::writeLog(LogInfo* info) {
   writeLine(info->message.c_str(), info->message.size(), info->forward);
 }
 
 void Logger::writeLine(const char* text, std::size_t size, bool forward) {
-  tOnWriterThread = true;
-  FILE* fp = getLogFp();
-  if (fp == nullptr) {
-    console("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
-    return;
-  }
-  if (forward) {
-    std::shared_lock<std::shared_mutex> lock(mBackendLock);
-    if (!mBackends.empty()) {
-      const std::string line(text, size);
-      for (LogBackend* backend : mBackends) backend->Log(line);
-    }
-  }
-  // What fprintf(fp, "%s", text) does, without parsing a format: the text up
-  // to its first NUL in one write (the stream is unbuffered); the count, 0
-  // for an empty text, or -1 when the write failed.
-  const std::size_t length = std::strlen(text);
-  int ret = 0;
-  if (length > 0) {
-    ret = std::fwrite(text, 1, length, fp) == length ? static_cast<int>(length) : -1;
-  }
-  if (ret > 0) {
-    if (fp == sLogFp && sLogFileOffset >= 0) sLogFileOffset += ret;
-    if (mToFile) std::fflush(fp);
-    return;
-  }
-  if (fp == sLogFp) sLogFileOffset = -1;
-  console("zel log write error,ret[%d] \n", ret);
-  UpdateLogDir();
-  if (mToFile) std::fflush(fp);
+  mQueue->writeOne(text, size, forward);
 }
 
-FILE* Logger::getLogFp() { return mToFile ? getFile() : stderr; }
+std::intptr_t Logger::getLogFp() { return mToFile ? getFile() : platform::standardError(); }
 
-int Logger::logFileInit() {
-  UpdateLogDir();
-  mDirLen = mLogDir.size();
-  return 0;
-}
+std::intptr_t Logger::getFile() { return mLogFile->getFile(); }
 
-void Logger::SetLogFileInfo(int maxSize, int maxCount) {
-  mMaxFileSize.store(maxSize);
-  mMaxFileCount.store(maxCount);
-}
+int Logger::logFileInit() { return mLogFile->logFileInit(); }
+
+std::string Logger::getPrefix() { return mLogFile->getPrefix(); }
+
+void Logger::UpdateLogDir() { mLogFile->updateLogDir(); }
+
+void Logger::updateLogFile(unsigned char index) { mLogFile->updateLogFile(index); }
+
+void Logger::SetLogFileInfo(int maxSize, int maxCount) { mLogFile->setLimits(maxSize, maxCount); }
 
 int Logger::SetLogPath(const std::string& path) {
-  DirectoryTexts& texts = directoryTexts();
-  std::lock_guard<std::mutex> lock(texts.mutex);
-  if (!path.empty() && path != texts.fixedDirPrefix) texts.fixedDirPrefix = path;
+  LogFile::setBase(path);
   return 0;
 }
 
-std::string Logger::GetLogPath() {
-  DirectoryTexts& texts = directoryTexts();
-  std::lock_guard<std::mutex> lock(texts.mutex);
-  return texts.dirPrefix;
-}
-
-std::string Logger::getPrefix() {
-  const std::string processName = get_process_name();
-  std::tm tm{};
-  platform::localTime(static_cast<std::time_t>(platform::wallClockMs() / 1000), &tm);
-  char date[kPathSize];
-  platform::formatDateDir(date, sizeof(date), tm);
-
-  DirectoryTexts& texts = directoryTexts();
-  std::unique_lock<std::mutex> lock(texts.mutex);
-  if (mCurDate == date && !texts.dirPrefix.empty()) return texts.dirPrefix;
-
-  mCurDate = date;
-  platform::formatStartTime(sStartTimeBuf, sizeof(sStartTimeBuf), tm);
-  mStartTime = sStartTimeBuf;
-  mProcessName = processName;
-  if (texts.fixedDirPrefix.empty()) {
-    texts.dirPrefix = std::string(platform::kDefaultLogBase) + date;
-    std::string dir = texts.dirPrefix;
-    lock.unlock();
-    // A missing parent is made later by UpdateLogDir().
-    if (!platform::isDirectory(dir.c_str())) platform::makeDir(dir.c_str());
-    return dir;
-  }
-  texts.dirPrefix = texts.fixedDirPrefix + date;
-  std::string dir = texts.dirPrefix;
-  lock.unlock();
-  console("%s %d: prefix[%s]\n", "zel::Logger::getPrefix", kPrefixLine, dir.c_str());
-  return dir;
-}
-
-void Logger::UpdateLogDir() {
-  const std::string dir = getPrefix();
-  if (!platform::isDirectory(dir.c_str()) && !dir.empty() && dir.size() <= kPathSize - 1) {
-    char buf[kPathSize] = {0};
-    std::memcpy(buf, dir.data(), dir.size());
-    std::size_t len = dir.size();
-    if (buf[len - 1] != '/' && len < kPathSize - 1) buf[len++] = '/';
-    // Make each missing level, shortest first. A '\' is put back as '/'.
-    for (std::size_t i = 1; i < len; ++i) {
-      if (buf[i] != '/' && buf[i] != '\\') continue;
-      buf[i] = '\0';
-      if (!platform::isDirectory(buf) && !platform::pathExists(buf) &&
-          platform::makeDir(buf) == -1) {
-        console("mkdir error,[%s]\n", buf);
-        break;
-      }
-      buf[i] = '/';
-    }
-  }
-  mLogDir = dir;
-}
-
-FILE* Logger::getFile() {
-  if (sLogFp != nullptr) {
-    // One file-status query answers both whether a regular file is still at
-    // the path and how large it is. The stream's position (ftell) is the
-    // size that counts; it is kept in sLogFileOffset as the lines are
-    // written. When the file at the path has that same size nobody else has
-    // written to it since, and the kept position is what ftell would say;
-    // otherwise (a write from outside, a replaced or truncated file) ftell
-    // is asked. A missing file rotates whatever the size.
-    std::error_code error;
-    const std::uintmax_t fileSize = std::filesystem::file_size(*sLogFileFsPath, error);
-    const bool regular = !error;
-    int64_t position = sLogFileOffset;
-    if (regular && (position < 0 || fileSize != static_cast<std::uintmax_t>(position))) {
-      position = std::ftell(sLogFp);
-      sLogFileOffset = position;
-    }
-    const auto size = static_cast<int32_t>(position);
-    const bool rotate =
-        (regular && size > mMaxFileSize.load()) || mCurDate != todayDateDirCached() || !regular;
-    if (!rotate) return sLogFp;
-
-    // Rotate: log.txt -> log.<index>; the counter steps on even when the
-    // rename fails, and the file that falls out of the kept set is deleted.
-    std::fclose(sLogFp);
-    char rotated[kPathSize] = {0};
-    buildLogFilePath(rotated, mLogDir, mDirLen, mProcessName, mStartTime,
-                     std::to_string(static_cast<unsigned>(sLogFileIndex)).c_str());
-    if (std::rename(sLogFilePath, rotated) != 0) {
-      console("%s %d,rename error\n", "zel::Logger::getFile", kRenameErrorLine);
-    }
-    sLogFp = nullptr;
-    ++sLogFileIndex;
-    updateLogFile(sLogFileIndex);
-  }
-
-  // A day change rotated above before UpdateLogDir(), so the old file was
-  // renamed in the old day's directory and the new one opens in the new.
-  UpdateLogDir();
-  std::memset(sLogFilePath, 0, sizeof(sLogFilePath));
-  buildLogFilePath(sLogFilePath, mLogDir, mDirLen, mProcessName, mStartTime, "txt");
-  sLogFp = std::fopen(sLogFilePath, "a");
-  sLogFileOffset = -1;
-  // Never destroyed, like the stream: the writer thread may still use it
-  // while the process exits.
-  if (sLogFileFsPath == nullptr) sLogFileFsPath = new std::filesystem::path;
-  *sLogFileFsPath = sLogFilePath;
-  // Unbuffered: each line goes to the file in one write, so that a failed
-  // write shows in fprintf's result and a crash loses no written line.
-  if (sLogFp != nullptr) std::setvbuf(sLogFp, nullptr, _IONBF, 0);
-  return sLogFp;
-}
-
-void Logger::updateLogFile(unsigned char index) {
-  const unsigned char old =
-      static_cast<unsigned char>(index - static_cast<unsigned char>(mMaxFileCount.load()));
-  if (mDirLen > kPathSize) return;
-  char path[kPathSize] = {0};
-  buildLogFilePath(path, mLogDir, mDirLen, mProcessName, mStartTime,
-                   std::to_string(static_cast<unsigned>(old)).c_str());
-  if (platform::isRegularFile(path) && std::remove(path) != 0) {
-    console("delete file: %s failed\n", path);
-  }
-}
+std::string Logger::GetLogPath() { return LogFile::currentDir(); }
 
 }  // namespace zel
 
 using zel::Logger;
 
 extern "C" {
-
-int log_print(int level, int flag, const char* format, ...) {
-  // Neither buffer is zero-filled: the prefix and the text are terminated
-  // where they end and nothing behind them is read.
-  char line[zel::kLineSize];
-
-  const int64_t nowMs = zel::platform::wallClockMs();
-  int64_t second = nowMs / 1000;
-  long ms = static_cast<long>(nowMs % 1000);
-  if (ms < 0) {  // before 1970: keep the field in 0-999
-    ms += 1000;
-    --second;
-  }
-  thread_local zel::PrefixCache prefix;
-  const std::size_t prefixLen = prefix.write(line, static_cast<std::time_t>(second), ms);
-
-  va_list args;
-  va_start(args, format);
-  va_list fallback;  // the arguments from the start, for vsnprintf
-  va_copy(fallback, args);
-  const std::size_t room = zel::kLineSize - 1 - prefixLen;
-  if (!zel::FastFormat::formatTo(line + prefixLen, room, format, args)) {
-    std::vsnprintf(line + prefixLen, room, format, fallback);
-  }
-  va_end(fallback);
-  va_end(args);
-  const std::size_t lineLen = prefixLen + std::strlen(line + prefixLen);
-
-  Logger* logger = zel::sCachedLogger.load(std::memory_order_acquire);
-  if (logger == nullptr) {
-    logger = Logger::GetInstance();
-    zel::sCachedLogger.store(logger, std::memory_order_release);
-    if (logger == nullptr) return 0;
-  }
-  logger->postLine(line, lineLen, level, flag != 0);
-  return 0;
-}
-
-int zel_log_level(void) { return zel::sLogLevel.load(std::memory_order_relaxed); }
-
-void zel_set_log_level(char level) {
-  zel::sLogLevel.store(static_cast<signed char>(level), std::memory_order_relaxed);
-}
 
 void zel_set_log_path(const char* path) {
   if (path[0] == '\0') return;
@@ -748,5 +554,12 @@ void zel_log_flush(void) {
   Logger* logger = Logger::sLogger.load(std::memory_order_acquire);
   if (logger != nullptr) logger->Flush();
 }
+
+void zel_set_log_queue_limit(size_t bytes, int block) {
+  Logger::SetQueueLimit(bytes,
+                        block != 0 ? zel::QueueFullPolicy::kBlock : zel::QueueFullPolicy::kDrop);
+}
+
+uint64_t zel_log_dropped(void) { return zel::sDroppedLines.load(std::memory_order_relaxed); }
 
 }  // extern "C"

@@ -3,9 +3,10 @@
 //
 // log_print() formats one line, "[M-D hh:mm:ss.mmm][tid:T] " followed by the
 // caller's text, on the caller's stack and hands it to the Logger, which
-// queues it and returns at once. The Logger's writer thread (the thread of
-// the Looper it owns) writes the lines in the order they were posted, one
-// write and flush per line, into
+// copies it into its queue and returns at once. The Logger's writer thread
+// (the thread of the Looper it owns) writes the lines in the order they were
+// posted, several lines per system call when several are queued, every
+// queued line handed to the operating system before the writer sleeps, into
 //
 //   <base><YYYYMMDD>/zel.log.<process name>.<hhmmss>.txt      (the live file)
 //   <base><YYYYMMDD>/zel.log.<process name>.<hhmmss>.<0-255>  (rotated files)
@@ -16,7 +17,13 @@
 // is the local time at which the day's directory was chosen. A file that has
 // grown past the size limit, a change of day and a live file removed from
 // outside each rotate the file; the file that falls out of the kept count is
-// deleted. Diagnostics of the logging code itself go to standard output.
+// deleted. The size limit splits a run of lines exactly where writing them
+// one by one would rotate; a change of day and a change of the file from
+// outside are noticed before the next run. Diagnostics of the logging code
+// itself go to standard output.
+//
+// The queue is bounded (Logger::SetQueueLimit(), by default 64 MiB of text
+// and lines dropped, counted and reported in the file when it is full).
 //
 // Threads: the writer thread is started by the first log_print() (or
 // Logger::GetInstance()) and runs for the rest of the process; the Logger is
@@ -65,8 +72,10 @@ extern "C" {
 // along but not tested: the caller compares zel_log_level() first. A
 // non-zero `flag` also hands the line to every registered LogBackend. The
 // first call creates the Logger; when it cannot be created the line is
-// dropped. Threads: any thread; lines of one thread are written in call
-// order.
+// dropped. When the queue is full (Logger::SetQueueLimit()) the line is
+// dropped and counted under the default kDrop policy; under kBlock the call
+// waits until the writer has made room. Threads: any thread; lines of one
+// thread are written in call order.
 ZEL_API int log_print(int level, int flag, const char* format, ...) ZEL_PRINTF_FORMAT(3, 4);
 
 // Returns the process-wide log level (initially 3), sign-extended. A message
@@ -96,9 +105,34 @@ ZEL_API int zel_get_log_path(char* buffer, int size);
 // once. Threads: any thread.
 ZEL_API void zel_log_flush(void);
 
+// Bounds the text of the lines queued for the writer, as
+// zel::Logger::SetQueueLimit() does: `bytes` is the bound (0: no bound) and
+// a non-zero `block` makes a caller wait for room (kBlock) where 0 drops the
+// line (kDrop). Does not create the Logger. Threads: any thread.
+ZEL_API void zel_set_log_queue_limit(size_t bytes, int block);
+
+// Returns the number of lines dropped because the queue was full since the
+// process started (0 when none was, or before the first line). Threads: any
+// thread.
+ZEL_API uint64_t zel_log_dropped(void);
+
 }  // extern "C"
 
 namespace zel {
+
+class LogFile;
+
+// What happens to a line posted while the queue holds as much text as its
+// bound allows (Logger::SetQueueLimit()).
+enum class QueueFullPolicy {
+  // The caller waits until the writer has written enough queued lines to
+  // make room; nothing is lost.
+  kBlock,
+  // The line is dropped at once and counted (zel_log_dropped()); once the
+  // writer reaches that point of the queue it writes the line
+  // "<prefix>zel log: <N> lines dropped (queue full)" into the log file.
+  kDrop,
+};
 
 // A receiver of log lines besides the file. Register it with
 // Logger::RegisterBackend(); it then sees every line logged with a non-zero
@@ -147,11 +181,16 @@ class ZEL_API Logger : public LogBackend {
   // the writer thread.
   void RegisterBackend(LogBackend* backend);
 
-  // Sets the size limit of the live file (bytes; a file rotates once it is
-  // larger) and the number of files kept (the live file included) for the
-  // lines written from now on. Not validated: a count of 1 removes every
-  // rotated file at once; 0 removes nothing until the rotation index wraps.
-  // Defaults: 5,242,880 bytes and 10 files. Threads: any thread.
+  // Sets the size limit of the live file (bytes; a file rotates before a
+  // line once it is larger) and the number of files kept (the live file
+  // included) for the lines written from now on. Sizes are compared as
+  // 64-bit values, so a file grown past 2 GiB still rotates. Ranges: a
+  // negative `maxSize` is taken as 0 (every non-empty file rotates before
+  // the next line); `maxCount` is held in 0 to 256, since the rotated files
+  // are numbered 0-255: a count above 256 keeps 256 files, a negative one
+  // is taken as 0. A count of 1 removes every rotated file at once; 0 (like
+  // 256) removes nothing until the rotation index wraps. Defaults: 5,242,880
+  // bytes and 10 files. Threads: any thread.
   void SetLogFileInfo(int maxSize, int maxCount);
 
   // Sets the log base directory: an empty `path` or the current one changes
@@ -166,9 +205,18 @@ class ZEL_API Logger : public LogBackend {
 
   // Blocks until every line queued before the call has been written and
   // flushed; returns at once when called on the writer thread.
-  // Lines are ordered by the wall clock at which they were posted: a clock
-  // set back between a line and this call can let it return earlier.
   void Flush();
+
+  // Bounds the queue: the text of the lines posted and not yet written may
+  // take at most `bytes` bytes (0: no bound). A line that would exceed it is
+  // handled by `policy`: kBlock makes the caller wait for room (a line
+  // longer than the bound waits for an empty queue; the writer thread
+  // itself, a backend that logs, never waits and may exceed the bound);
+  // kDrop drops and counts it and never blocks. Default: 64 MiB (67,108,864
+  // bytes) and kDrop. Takes effect for the next line; callers waiting for
+  // room look at the new bound at once. Process-wide: may be called before
+  // the Logger exists and does not create it. Threads: any thread.
+  static void SetQueueLimit(std::size_t bytes, QueueFullPolicy policy);
 
  private:
   // The writer channel: the Looper whose thread writes, and the handler that
@@ -186,9 +234,9 @@ class ZEL_API Logger : public LogBackend {
   // Chooses and creates the directory, then starts the writer. Returns 0.
   int init();
 
-  // One line on its way to the writer thread, its text stored with it
-  // (defined in logger.cpp; not exported).
-  class ZEL_LOCAL LineMessage;
+  // The lines on their way to the writer thread and the writer's work on
+  // them (defined in logger.cpp; not exported).
+  class ZEL_LOCAL LineQueue;
 
   // Queues the line `text` of `size` bytes for the writer thread; the common
   // part of Log() and log_print().
@@ -200,16 +248,17 @@ class ZEL_API Logger : public LogBackend {
   // writeLog() does, without a LogInfo.
   void writeLine(const char* text, std::size_t size, bool forward);
 
-  // Log-file operations; all run on the writer thread (or in init()).
+  // Log-file operations, carried out by the log file writer (mLogFile); all
+  // run on the writer thread (or in init()).
   // Returns the effective directory, recomputing it when the day changed.
   std::string getPrefix();
   // Computes the directory with getPrefix() and creates its missing levels.
   void UpdateLogDir();
-  // Returns the stream to write to, rotating first when needed; null when
-  // no file can be opened.
-  FILE* getFile();
-  // The stream choice of the write handler: getFile() or standard error.
-  FILE* getLogFp();
+  // Returns the file to write to (an operating-system handle), rotating
+  // first when needed; -1 when no file can be opened.
+  std::intptr_t getFile();
+  // The file choice of the write handler: getFile() or standard error.
+  std::intptr_t getLogFp();
   // Same as the directory part of init(); returns 0. Not used by the
   // library itself.
   int logFileInit();
@@ -218,15 +267,12 @@ class ZEL_API Logger : public LogBackend {
   void updateLogFile(unsigned char index);
 
   std::shared_mutex mBackendLock;  // guards mBackends
-  std::string mLogDir;             // current directory, ends in '/'
-  std::string mStartTime;          // "hhmmss" at which the directory was chosen
-  std::string mProcessName;        // executable file name, for the file names
-  uint64_t mDirLen;                // length of mLogDir measured by init()
   bool mToFile;                    // false only while init() runs
-  std::atomic<int32_t> mMaxFileCount;
-  std::atomic<int32_t> mMaxFileSize;
-  FILE* mFp;             // never set; closed by the destructor
-  std::string mCurDate;  // "YYYYMMDD/" of the current directory
+  FILE* mFp;                       // never set; closed by the destructor
+  // The log file writer: directory, file names, live file, rotation.
+  std::unique_ptr<LogFile> mLogFile;
+  // The queued lines; destroyed after the writer thread has stopped.
+  std::unique_ptr<LineQueue> mQueue;
   std::unique_ptr<Writer> mWriter;
   std::list<LogBackend*> mBackends;  // guarded by mBackendLock; not owned
 

@@ -94,6 +94,60 @@ int syncFile(std::FILE* file);
 // `model`. Returns 0, also where there are no permission bits to give
 // (Windows); -1 when `model` cannot be queried or the bits cannot be set.
 int copyPermissions(const char* model, std::FILE* file);
+// An open file of the operating system: a descriptor on POSIX, a HANDLE on
+// Windows, held as an integer so that callers include no system header.
+using FileHandle = std::intptr_t;
+
+// The FileHandle of no file.
+constexpr FileHandle kNoFile = -1;
+
+// The handle of the process's standard error.
+FileHandle standardError();
+
+// Opens the file at `path` for appending, creating it when missing (as
+// fopen's mode "a" does): every write lands at the file's end, also after
+// another process has written to it. The log file writer's only way to open
+// a file. Returns kNoFile on failure.
+FileHandle openAppend(const char* path);
+
+// Closes `file` (not kNoFile). Returns 0, or -1 when the system reports an
+// error; the handle is gone in both cases.
+int closeFile(FileHandle file);
+
+// One piece of a gathered write.
+struct WriteBuffer {
+  const void* data;
+  std::size_t size;
+};
+
+// Writes the `count` pieces of `buffers` to `file` in order, with as few
+// system calls as the platform allows (writev on POSIX; one WriteFile of the
+// joined pieces on Windows), writing the rest again after a partial write.
+// Returns the number of bytes written, which is the sum of the sizes, or -1
+// when a write failed; then `*written` (when not null) holds how many bytes
+// went out before the failure.
+int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
+                 std::size_t* written = nullptr);
+
+// The size in bytes of the open `file`, or -1 when it cannot be had.
+int64_t fileSize(FileHandle file);
+
+// The position of the open `file` (as ftell gives it), or -1 when it cannot
+// be had. For a file opened by openAppend() it is the end of the file as it
+// stood after this handle's last write: a write from outside or a
+// truncation shows only once this handle has written behind it.
+int64_t filePosition(FileHandle file);
+
+// One file-status query of `path`: true, with its size in `*size`, when a
+// regular file is there (links followed); false otherwise.
+bool regularFileSize(const char* path, int64_t* size);
+
+// Renames the file `from` to `to`, as the C runtime's rename does (on
+// Windows an existing `to` makes it fail). Returns 0 or -1.
+int renameFile(const char* from, const char* to);
+
+// Deletes the file at `path`. Returns 0 or -1.
+int removeFile(const char* path);
 
 // ---------------------------------------------------------------------------
 // Pure rules.

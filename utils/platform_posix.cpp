@@ -1,11 +1,15 @@
 // POSIX (Linux) side of the operating-system layer.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
@@ -106,6 +110,77 @@ int copyPermissions(const char* model, std::FILE* file) {
   if (stat(model, &st) != 0) return -1;
   return fchmod(fileno(file), st.st_mode & 07777) == 0 ? 0 : -1;
 }
+
+FileHandle standardError() { return STDERR_FILENO; }
+
+FileHandle openAppend(const char* path) {
+  // The flags and mode of fopen(path, "a").
+  int fd;
+  do {
+    fd = open(path, O_WRONLY | O_CREAT | O_APPEND, 0666);
+  } while (fd < 0 && errno == EINTR);
+  return fd < 0 ? kNoFile : static_cast<FileHandle>(fd);
+}
+
+int closeFile(FileHandle file) { return close(static_cast<int>(file)) == 0 ? 0 : -1; }
+
+int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
+                 std::size_t* written) {
+  constexpr std::size_t kMaxPieces = IOV_MAX < 1024 ? IOV_MAX : 1024;
+  struct iovec pieces[kMaxPieces];
+  int64_t total = 0;
+  std::size_t next = 0;  // the first piece not yet handed over
+  std::size_t skip = 0;  // bytes of buffers[next] already written
+  while (next < count) {
+    std::size_t n = 0;
+    for (std::size_t i = next; i < count && n < kMaxPieces; ++i) {
+      const std::size_t offset = i == next ? skip : 0;
+      if (buffers[i].size == offset) continue;
+      pieces[n].iov_base = const_cast<char*>(static_cast<const char*>(buffers[i].data) + offset);
+      pieces[n].iov_len = buffers[i].size - offset;
+      ++n;
+    }
+    if (n == 0) break;
+    const ssize_t done = writev(static_cast<int>(file), pieces, static_cast<int>(n));
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) {
+      if (written != nullptr) *written = static_cast<std::size_t>(total);
+      return -1;
+    }
+    total += done;
+    // Step over what was written, piece by piece.
+    auto left = static_cast<std::size_t>(done);
+    while (next < count && left >= buffers[next].size - skip) {
+      left -= buffers[next].size - skip;
+      skip = 0;
+      ++next;
+    }
+    skip += left;
+  }
+  return total;
+}
+
+int64_t fileSize(FileHandle file) {
+  struct stat st;
+  if (fstat(static_cast<int>(file), &st) != 0) return -1;
+  return static_cast<int64_t>(st.st_size);
+}
+
+int64_t filePosition(FileHandle file) {
+  const off_t position = lseek(static_cast<int>(file), 0, SEEK_CUR);
+  return position < 0 ? -1 : static_cast<int64_t>(position);
+}
+
+bool regularFileSize(const char* path, int64_t* size) {
+  struct stat st;
+  if (stat(path, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  *size = static_cast<int64_t>(st.st_size);
+  return true;
+}
+
+int renameFile(const char* from, const char* to) { return std::rename(from, to) == 0 ? 0 : -1; }
+
+int removeFile(const char* path) { return std::remove(path) == 0 ? 0 : -1; }
 
 }  // namespace platform
 }  // namespace zel

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "utils/platform.h"
 
@@ -126,6 +127,91 @@ int copyPermissions(const char* /*model*/, std::FILE* /*file*/) {
   // read-only file cannot be replaced in the first place: nothing to copy.
   return 0;
 }
+
+FileHandle standardError() {
+  const HANDLE handle = GetStdHandle(STD_ERROR_HANDLE);
+  return handle == nullptr || handle == INVALID_HANDLE_VALUE ? kNoFile
+                                                             : reinterpret_cast<FileHandle>(handle);
+}
+
+FileHandle openAppend(const char* path) {
+  // FILE_APPEND_DATA alone: the system puts every write at the file's end.
+  // The sharing of the runtime's fopen: others may read and write.
+  const HANDLE handle = CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                    nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  return handle == INVALID_HANDLE_VALUE ? kNoFile : reinterpret_cast<FileHandle>(handle);
+}
+
+int closeFile(FileHandle file) { return CloseHandle(reinterpret_cast<HANDLE>(file)) != 0 ? 0 : -1; }
+
+namespace {
+
+// Writes `size` bytes at `data`, again after a partial write; adds what
+// went out to `*done`. True when all were written.
+bool writeWhole(HANDLE handle, const char* data, std::size_t size, std::size_t* done) {
+  while (size > 0) {
+    const DWORD chunk = size > 0x40000000 ? 0x40000000 : static_cast<DWORD>(size);
+    DWORD n = 0;
+    if (WriteFile(handle, data, chunk, &n, nullptr) == 0 || n == 0) return false;
+    data += n;
+    size -= n;
+    *done += n;
+  }
+  return true;
+}
+
+}  // namespace
+
+int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
+                 std::size_t* written) {
+  const auto handle = reinterpret_cast<HANDLE>(file);
+  std::size_t total = 0;
+  for (std::size_t i = 0; i < count; ++i) total += buffers[i].size;
+  std::size_t done = 0;
+  bool ok;
+  if (count == 1) {
+    ok = writeWhole(handle, static_cast<const char*>(buffers[0].data), total, &done);
+  } else {
+    // Join the pieces so that they reach the file in one WriteFile.
+    std::string joined;
+    joined.reserve(total);
+    for (std::size_t i = 0; i < count; ++i) {
+      joined.append(static_cast<const char*>(buffers[i].data), buffers[i].size);
+    }
+    ok = writeWhole(handle, joined.data(), joined.size(), &done);
+  }
+  if (ok) return static_cast<int64_t>(total);
+  if (written != nullptr) *written = done;
+  return -1;
+}
+
+int64_t fileSize(FileHandle file) {
+  LARGE_INTEGER size;
+  if (GetFileSizeEx(reinterpret_cast<HANDLE>(file), &size) == 0) return -1;
+  return static_cast<int64_t>(size.QuadPart);
+}
+
+int64_t filePosition(FileHandle file) {
+  LARGE_INTEGER zero;
+  zero.QuadPart = 0;
+  LARGE_INTEGER position;
+  if (SetFilePointerEx(reinterpret_cast<HANDLE>(file), zero, &position, FILE_CURRENT) == 0) {
+    return -1;
+  }
+  return static_cast<int64_t>(position.QuadPart);
+}
+
+bool regularFileSize(const char* path, int64_t* size) {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (GetFileAttributesExA(path, GetFileExInfoStandard, &data) == 0) return false;
+  if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return false;
+  *size = (static_cast<int64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+  return true;
+}
+
+int renameFile(const char* from, const char* to) { return std::rename(from, to) == 0 ? 0 : -1; }
+
+int removeFile(const char* path) { return std::remove(path) == 0 ? 0 : -1; }
 
 }  // namespace platform
 }  // namespace zel

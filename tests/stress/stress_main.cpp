@@ -6,7 +6,11 @@
 //  - every line logged is in the live or a rotated file exactly once, whole,
 //    and each thread's lines are in its posting order; lines may be missing
 //    only when rotated files were deleted for the kept count, and then only
-//    the oldest lines of each thread (a contiguous run from its first line);
+//    the oldest lines of each thread (a contiguous run from its first line),
+//    or when the Logger's full queue dropped them: every line logged was
+//    then either written or dropped, exactly (posted = written + dropped),
+//    and the writer's drop notices account for the dropped lines;
+//  - peak resident memory stays within the queue bound plus 24 MiB;
 //  - every Worker closure ran once, in posting order per poster, and none
 //    handed to a stopped Worker ran;
 //  - no one-shot timer fired twice and no timer fired after its Stop()
@@ -48,6 +52,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// The Logger's default queue bound, which the load leaves in place.
+constexpr std::size_t kQueueBound = std::size_t{64} * 1024 * 1024;
+
 struct Options {
   double seconds = 60;
   int logThreads = 8;
@@ -71,8 +78,8 @@ void Usage() {
       "  --file-count N      log files kept (default 255)\n"
       "  --max-backlog N     logging threads wait while more than N lines are\n"
       "                      queued and not yet written (default 100000; 0: no\n"
-      "                      bound, the queue then grows as fast as the threads\n"
-      "                      outrun the writer)\n"
+      "                      wait: the threads outrun the writer, the Logger's\n"
+      "                      queue bound drops lines and counts them)\n"
       "  --dir PATH          log base directory, kept afterwards (default: a\n"
       "                      temporary directory, removed afterwards)\n"
       "  --no-memory-check   do not compare resident memory (for sanitizer builds)\n");
@@ -168,9 +175,10 @@ void LogLoad(int thread, const std::atomic<bool>* stop, long maxBacklog, uint64_
   std::string payload;
   uint64_t seq = *count;
   while (!stop->load(std::memory_order_relaxed)) {
-    // The Logger's queue has no bound; the load keeps it at `maxBacklog`
-    // lines so that the run tests concurrency and rotation, not how much
-    // memory a queue can take (--max-backlog 0 shows that).
+    // The load keeps the Logger's queue at `maxBacklog` lines so that the
+    // run tests concurrency and rotation; with --max-backlog 0 the threads
+    // outrun the writer and the queue's own bound (64 MiB, lines dropped)
+    // holds the memory.
     if (maxBacklog > 0 &&
         gPosted.load(std::memory_order_relaxed) >
             gWritten.written.load(std::memory_order_relaxed) + static_cast<uint64_t>(maxBacklog)) {
@@ -258,12 +266,17 @@ std::vector<std::string> LogFilesInOrder(const std::string& dir, int* rotatedCou
 struct LogCheck {
   uint64_t linesFound = 0;
   uint64_t linesLost = 0;
+  uint64_t linesSkipped = 0;  // gaps in a thread's lines, where lines were dropped
+  uint64_t droppedNoted = 0;  // the sum of the drop notices found
   uint64_t bytes = 0;
   int files = 0;
 };
 
 // Reads the log files and checks every line against what each thread logged.
-LogCheck CheckLogFiles(const std::string& dir, const std::vector<uint64_t>& logged, int fileCount) {
+// `dropped` lines were dropped by the full queue: a thread's lines may then
+// have gaps, and the files may end before its last line.
+LogCheck CheckLogFiles(const std::string& dir, const std::vector<uint64_t>& logged, int fileCount,
+                       uint64_t dropped) {
   LogCheck result;
   int rotatedCount = 0;
   const std::vector<std::string> files = LogFilesInOrder(dir, &rotatedCount);
@@ -286,6 +299,22 @@ LogCheck CheckLogFiles(const std::string& dir, const std::vector<uint64_t>& logg
         break;
       }
       const char* q = p;
+      // The writer's notice of lines dropped by the full queue.
+      static const char kNotice[] = "zel log: ";
+      static const char kNoticeEnd[] = " lines dropped (queue full)";
+      uint64_t count = 0;
+      const char* n = p;
+      if (SkipPrefix(&n, eol) && static_cast<std::size_t>(eol - n) > sizeof(kNotice) - 1 &&
+          std::memcmp(n, kNotice, sizeof(kNotice) - 1) == 0) {
+        n += sizeof(kNotice) - 1;
+        if (ParseNumber(&n, eol, &count) &&
+            static_cast<std::size_t>(eol - n) == sizeof(kNoticeEnd) - 1 &&
+            std::memcmp(n, kNoticeEnd, sizeof(kNoticeEnd) - 1) == 0) {
+          result.droppedNoted += count;
+          p = eol + 1;
+          continue;
+        }
+      }
       uint64_t thread = 0;
       uint64_t seq = 0;
       uint64_t len = 0;
@@ -307,7 +336,9 @@ LogCheck CheckLogFiles(const std::string& dir, const std::vector<uint64_t>& logg
           next[thread] = seq;
           result.linesLost += seq;
         }
-        if (seq != next[thread]) {
+        if (dropped > 0 && seq > next[thread]) {
+          result.linesSkipped += seq - next[thread];
+        } else if (seq != next[thread]) {
           Violation("thread %" PRIu64 ": line %" PRIu64 " where %" PRIu64
                     " was expected (duplicate, lost or out of order)",
                     thread, seq, next[thread]);
@@ -318,7 +349,9 @@ LogCheck CheckLogFiles(const std::string& dir, const std::vector<uint64_t>& logg
     }
   }
   for (std::size_t t = 0; t < threads; ++t) {
-    if (next[t] != logged[t]) {
+    if (dropped > 0 && next[t] < logged[t]) {
+      result.linesSkipped += logged[t] - next[t];
+    } else if (next[t] != logged[t]) {
       Violation("thread %zu: logged %" PRIu64 " lines, the files end at %" PRIu64, t, logged[t],
                 next[t]);
     }
@@ -583,7 +616,22 @@ int main(int argc, char** argv) {
   uint64_t totalLogged = 0;
   for (uint64_t n : logged) totalLogged += n;
   const uint64_t measuredLines = totalLogged - loggedBefore;
-  const LogCheck check = CheckLogFiles(zel::Logger::GetLogPath(), logged, options.fileCount);
+  const uint64_t dropped = zel_log_dropped();
+  const LogCheck check =
+      CheckLogFiles(zel::Logger::GetLogPath(), logged, options.fileCount, dropped);
+  // Every line logged was either taken by the writer (the backend saw it)
+  // or dropped by the full queue, and counted exactly once.
+  const uint64_t taken = gWritten.written.load();
+  if (totalLogged != taken + dropped) {
+    Violation("lines logged %" PRIu64 " != written %" PRIu64 " + dropped %" PRIu64, totalLogged,
+              taken, dropped);
+  }
+  // Each drop notice reports lines that were dropped; a notice in a file
+  // deleted for the kept count is gone with it.
+  if (check.droppedNoted > dropped || (check.linesLost == 0 && check.droppedNoted != dropped)) {
+    Violation("drop notices report %" PRIu64 " lines, %" PRIu64 " were dropped", check.droppedNoted,
+              dropped);
+  }
 
   // A second flush: it runs in a later pass of the writer's loop, so what
   // the pass of the first one held is released by then.
@@ -613,6 +661,10 @@ int main(int argc, char** argv) {
               "with rotated files: %" PRIu64 "\n",
               check.linesFound, check.files, static_cast<double>(check.bytes) / 1048576.0,
               check.linesLost);
+  std::printf("stress: lines written %" PRIu64 " + dropped by the full queue %" PRIu64
+              " = logged %" PRIu64 " (%s); drop notices found for %" PRIu64 " lines\n",
+              taken, dropped, totalLogged, taken + dropped == totalLogged ? "exact" : "MISMATCH",
+              check.droppedNoted);
   std::printf("stress: worker closures %" PRIu64 ", timer rounds %" PRIu64 " (%" PRIu64
               " firings), config reads %" PRIu64 "\n",
               totalPosted, timerRounds, timerFirings, totalReads);
@@ -621,6 +673,15 @@ int main(int argc, char** argv) {
       "stress: resident memory %ld KiB before, %ld KiB after, peak %ld KiB; heap in use "
       "%zu KiB, held free %zu KiB\n",
       rssBefore, rssAfter, rssPeak, (heap.uordblks + heap.hblkhd) / 1024, heap.fordblks / 1024);
+  // The queue holds at most its bound of text (64 MiB by default); the
+  // rest of the process stays within 24 MiB of it.
+  const long rssLimit = static_cast<long>(kQueueBound / 1024) + 24 * 1024;
+  std::printf("stress: peak resident memory %ld KiB, queue bound %zu KiB + 24 MiB = %ld KiB (%s)\n",
+              rssPeak, kQueueBound / 1024, rssLimit, rssPeak <= rssLimit ? "within" : "ABOVE");
+  if (options.memoryCheck && rssPeak > rssLimit) {
+    Violation("peak resident memory %ld KiB above the queue bound plus 24 MiB (%ld KiB)", rssPeak,
+              rssLimit);
+  }
   if (options.memoryCheck && rssAfter > rssBefore + rssBefore / 10) {
     Violation("resident memory %ld KiB after the load, more than 10%% above %ld KiB", rssAfter,
               rssBefore);

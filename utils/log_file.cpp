@@ -1,0 +1,236 @@
+#include "utils/log_file.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <mutex>
+
+#include "utils/process_path.h"
+
+namespace zel {
+
+namespace {
+
+constexpr int kPrefixLine = 158;
+constexpr int kRenameErrorLine = 516;
+constexpr int kPathSize = LogFile::kPathSize;
+constexpr int32_t kDefaultMaxFileSize = 0x500000;
+constexpr int32_t kDefaultMaxFileCount = 10;
+constexpr int32_t kMaxFileCount = 256;
+
+// The base directory chosen by the client and the effective directory. The
+// client's threads write and read them while the writer thread reads and
+// writes them, so they are guarded; they are never destroyed because the
+// writer thread may still use them while the process exits.
+struct DirectoryTexts {
+  std::mutex mutex;
+  std::string fixedDirPrefix;  // mFixedDirPrefix: as given to SetLogPath
+  std::string dirPrefix;       // mDirPrefix: base followed by "YYYYMMDD/"
+};
+
+DirectoryTexts& directoryTexts() {
+  static DirectoryTexts* texts = new DirectoryTexts;
+  return *texts;
+}
+
+// Writes into `buf` (kPathSize bytes, zero-filled by the caller) the first
+// `dirLen` characters of `dir` followed by the file name "zel.log.<name>.
+// <start>.<suffix>"; everything is cut to fit and the result is terminated.
+void buildLogFilePath(char* buf, const std::string& dir, uint64_t dirLen, const std::string& name,
+                      const std::string& start, const char* suffix) {
+  std::size_t n = static_cast<std::size_t>(dirLen);
+  if (n > dir.size()) n = dir.size();
+  if (n > kPathSize - 1) n = kPathSize - 1;
+  std::memcpy(buf, dir.data(), n);
+  std::snprintf(buf + n, kPathSize - n, "zel.log.%s.%s.%s", name.c_str(), start.c_str(), suffix);
+  buf[kPathSize - 1] = '\0';
+}
+
+}  // namespace
+
+void logConsole(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::vprintf(format, args);
+  va_end(args);
+  std::fflush(stdout);
+}
+
+LogFile::LogFile()
+    : mMaxFileCount(kDefaultMaxFileCount),
+      mMaxFileSize(kDefaultMaxFileSize),
+      mTodaySecond(std::numeric_limits<int64_t>::min()),
+      mTodayDateDir{0} {}
+
+void LogFile::setBase(const std::string& path) {
+  DirectoryTexts& texts = directoryTexts();
+  std::lock_guard<std::mutex> lock(texts.mutex);
+  if (!path.empty() && path != texts.fixedDirPrefix) texts.fixedDirPrefix = path;
+}
+
+std::string LogFile::currentDir() {
+  DirectoryTexts& texts = directoryTexts();
+  std::lock_guard<std::mutex> lock(texts.mutex);
+  return texts.dirPrefix;
+}
+
+void LogFile::setLimits(int maxSize, int maxCount) {
+  // The rotation index has 8 bits: 256 names exist, so no more than 256
+  // files can be kept; a larger count would wrap to a smaller one.
+  mMaxFileSize.store(maxSize < 0 ? 0 : maxSize);
+  mMaxFileCount.store(maxCount < 0 ? 0 : maxCount > kMaxFileCount ? kMaxFileCount : maxCount);
+}
+
+int LogFile::logFileInit() {
+  updateLogDir();
+  mDirLen = mLogDir.size();
+  return 0;
+}
+
+const char* LogFile::todayDateDir() {
+  const int64_t second = platform::wallClockMs() / 1000;
+  if (second != mTodaySecond) {
+    std::tm tm{};
+    platform::localTime(static_cast<std::time_t>(second), &tm);
+    platform::formatDateDir(mTodayDateDir, sizeof(mTodayDateDir), tm);
+    mTodaySecond = second;
+  }
+  return mTodayDateDir;
+}
+
+std::string LogFile::getPrefix() {
+  const std::string processName = get_process_name();
+  std::tm tm{};
+  platform::localTime(static_cast<std::time_t>(platform::wallClockMs() / 1000), &tm);
+  char date[kPathSize];
+  platform::formatDateDir(date, sizeof(date), tm);
+
+  DirectoryTexts& texts = directoryTexts();
+  std::unique_lock<std::mutex> lock(texts.mutex);
+  if (mCurDate == date && !texts.dirPrefix.empty()) return texts.dirPrefix;
+
+  mCurDate = date;
+  platform::formatStartTime(mStartTimeBuf, sizeof(mStartTimeBuf), tm);
+  mStartTime = mStartTimeBuf;
+  mProcessName = processName;
+  if (texts.fixedDirPrefix.empty()) {
+    texts.dirPrefix = std::string(platform::kDefaultLogBase) + date;
+    std::string dir = texts.dirPrefix;
+    lock.unlock();
+    // A missing parent is made later by updateLogDir().
+    if (!platform::isDirectory(dir.c_str())) platform::makeDir(dir.c_str());
+    return dir;
+  }
+  texts.dirPrefix = texts.fixedDirPrefix + date;
+  std::string dir = texts.dirPrefix;
+  lock.unlock();
+  logConsole("%s %d: prefix[%s]\n", "zel::Logger::getPrefix", kPrefixLine, dir.c_str());
+  return dir;
+}
+
+void LogFile::updateLogDir() {
+  const std::string dir = getPrefix();
+  if (!platform::isDirectory(dir.c_str()) && !dir.empty() && dir.size() <= kPathSize - 1) {
+    char buf[kPathSize] = {0};
+    std::memcpy(buf, dir.data(), dir.size());
+    std::size_t len = dir.size();
+    if (buf[len - 1] != '/' && len < kPathSize - 1) buf[len++] = '/';
+    // Make each missing level, shortest first. A '\' is put back as '/'.
+    for (std::size_t i = 1; i < len; ++i) {
+      if (buf[i] != '/' && buf[i] != '\\') continue;
+      buf[i] = '\0';
+      if (!platform::isDirectory(buf) && !platform::pathExists(buf) &&
+          platform::makeDir(buf) == -1) {
+        logConsole("mkdir error,[%s]\n", buf);
+        break;
+      }
+      buf[i] = '/';
+    }
+  }
+  mLogDir = dir;
+}
+
+platform::FileHandle LogFile::getFile() {
+  if (mFile != platform::kNoFile) {
+    // One file-status query answers both whether a regular file is still at
+    // the path and how large it is. The live file's position is the size
+    // that counts; it is kept in mFileOffset as the lines are written. When
+    // the file at the path has that same size nobody else has written to it
+    // since, and the kept position holds; otherwise (a write from outside,
+    // a replaced or truncated file) the open file is asked. A missing file
+    // rotates whatever the size.
+    int64_t pathSize = 0;
+    const bool regular = platform::regularFileSize(mFilePath, &pathSize);
+    int64_t position = mFileOffset;
+    mRunPosition = regular && position >= 0 && pathSize == position ? position : -1;
+    if (regular && (position < 0 || pathSize != position)) {
+      position = platform::filePosition(mFile);
+      mFileOffset = position;
+    }
+    // Positions are 64-bit: a file grown past 2 GiB from outside still
+    // compares as larger than the limit.
+    const bool rotate =
+        (regular && position > mMaxFileSize.load()) || mCurDate != todayDateDir() || !regular;
+    if (!rotate) return mFile;
+
+    // Rotate: log.txt -> log.<index>; the counter steps on even when the
+    // rename fails, and the file that falls out of the kept set is deleted.
+    platform::closeFile(mFile);
+    char rotated[kPathSize] = {0};
+    buildLogFilePath(rotated, mLogDir, mDirLen, mProcessName, mStartTime,
+                     std::to_string(static_cast<unsigned>(mFileIndex)).c_str());
+    if (platform::renameFile(mFilePath, rotated) != 0) {
+      logConsole("%s %d,rename error\n", "zel::Logger::getFile", kRenameErrorLine);
+    }
+    mFile = platform::kNoFile;
+    ++mFileIndex;
+    updateLogFile(mFileIndex);
+  }
+
+  // A day change rotated above before updateLogDir(), so the old file was
+  // renamed in the old day's directory and the new one opens in the new.
+  updateLogDir();
+  std::memset(mFilePath, 0, sizeof(mFilePath));
+  buildLogFilePath(mFilePath, mLogDir, mDirLen, mProcessName, mStartTime, "txt");
+  mFile = platform::openAppend(mFilePath);
+  // The first line lands at the end of what the file holds already.
+  mFileOffset = mFile != platform::kNoFile ? platform::fileSize(mFile) : -1;
+  mRunPosition = mFileOffset;
+  return mFile;
+}
+
+void LogFile::updateLogFile(unsigned char index) {
+  const unsigned char old =
+      static_cast<unsigned char>(index - static_cast<unsigned char>(mMaxFileCount.load()));
+  if (mDirLen > kPathSize) return;
+  char path[kPathSize] = {0};
+  buildLogFilePath(path, mLogDir, mDirLen, mProcessName, mStartTime,
+                   std::to_string(static_cast<unsigned>(old)).c_str());
+  if (platform::isRegularFile(path) && platform::removeFile(path) != 0) {
+    logConsole("delete file: %s failed\n", path);
+  }
+}
+
+int64_t LogFile::write(platform::FileHandle file, const char* text, std::size_t size) {
+  const platform::WriteBuffer piece{text, size};
+  std::size_t written = 0;
+  return writeRun(file, &piece, 1, &written);
+}
+
+int64_t LogFile::writeRun(platform::FileHandle file, const platform::WriteBuffer* pieces,
+                          std::size_t count, std::size_t* written) {
+  const int64_t result = platform::writeAll(file, pieces, count, written);
+  if (file == mFile) {
+    if (result < 0) {
+      mFileOffset = -1;
+    } else if (mFileOffset >= 0) {
+      mFileOffset += result;
+    }
+    mRunPosition = -1;
+  }
+  return result;
+}
+
+}  // namespace zel
