@@ -472,15 +472,15 @@ TEST(TracerClientTest, FileTargetWrittenByFourThreadsKeepsEveryDocumentWhole) {
 }
 
 #if !defined(ZEL_TEST_ON_WINDOWS)
-TEST(TracerClientTest, FileTargetWrittenByTwoProcessesKeepsEveryDocumentWhole) {
+TEST(TracerClientTest, FileTargetWrittenByFourProcessesKeepsEveryDocumentWhole) {
   TempDir dir;
   const std::string path = dir.path() + "trace.jsonl";
   setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
-  constexpr int kProcesses = 2;
-  constexpr int kPerProcess = 60;
-  // Larger than any stdio or pipe buffer: written in pieces, two
+  constexpr int kProcesses = 4;
+  constexpr int kPerProcess = 100;
+  // Larger than any stdio or pipe buffer: written in pieces, the
   // processes' documents would interleave.
-  constexpr std::size_t kPadding = 200000;
+  constexpr std::size_t kPadding = 100000;
   std::vector<pid_t> children;
   for (int p = 0; p < kProcesses; ++p) {
     const pid_t pid = fork();

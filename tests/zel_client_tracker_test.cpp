@@ -780,7 +780,8 @@ TEST_F(ZelClientTrackerTest, SendsAndInitsFromManyThreadsAtOnce) {
 TEST_F(ZelClientTrackerTest, InvalidUtf8AndControlBytesStillGiveValidJson) {
   ZelClientTracker tracker;
   const std::string invalid = "bad \xff\xfe utf8 \xc3 cut \xe2\x82";
-  const std::string control = std::string("ctl \x01\x02\x1f\x7f end\0nul", 19);
+  static const char kControl[] = "ctl \x01\x02\x1f\x7f end\0nul";
+  const std::string control(kControl, sizeof(kControl) - 1);
   tracker.SendTrackError(invalid, control, "\xc3\xa9t\xc3\xa9");
   ZelClientTrackDevice device{1, 2, control, 2, {8}, 1, 7};
   tracker.SendTrackDevice(control, device, invalid);
