@@ -20,7 +20,7 @@
 #      unbatched; reported: events/s stored, inserts made, parts left,
 #      p50/p99 time from postTrace() to visible in a query, client memory.
 #
-# Run time on a 2-core machine: about 2 minutes after the build. Prints its
+# Run time on a 2-core machine: about 2.5 minutes after the build. Prints its
 # report (also in build/clickhouse/report.txt); fails on any violation.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -219,7 +219,7 @@ fleet() {
   local before after stored
   before="$(inserts)"
   rm -f "$work"/times.* "$work"/fleet.*
-  "$client" poll --url "$url" --version "$name" --seconds "$((seconds + 12))" \
+  "$client" poll --url "$url" --version "$name" --seconds "$((seconds + 20))" \
     --out "$work/polls" &
   local poller=$!
   senders=()
