@@ -863,6 +863,20 @@ TEST(TracerClientTest, BatchBytesLimitSplitsBatchesAndALargerDocumentGoesAlone) 
                                               sent[4], sent[5], sent[6]}));
 }
 
+TEST(TracerClientTest, EmptyDocumentsKeepTheirLinesInABatch) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  UseEndpoint(server.url());
+  UseBatches("3", "1048576", "60000");
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  const std::vector<std::string> sent = {"", "{}", ""};
+  for (const std::string& text : sent) EXPECT_TRUE(client->postTrace(text));
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 1; }));
+  client->deregister();
+  EXPECT_EQ(server.delivered(), std::vector<std::string>{"\n{}\n"});
+  EXPECT_EQ(server.deliveredDocuments(), sent);
+}
+
 TEST(TracerClientTest, GzipCompressesEveryBody) {
   TestHttpServer server(TestHttpServer::Mode::kAnswer);
   UseEndpoint(server.url());

@@ -263,9 +263,9 @@ class HttpSink : public Sink {
       plain = *texts[0];
     } else {
       plain.reserve(bytes);
-      for (const std::string* text : texts) {
-        if (!plain.empty()) plain.push_back('\n');
-        appendOneLine(plain, *text);
+      for (std::size_t i = 0; i < texts.size(); ++i) {
+        if (i > 0) plain.push_back('\n');
+        appendOneLine(plain, *texts[i]);
       }
     }
     batch.compressed = settings_.gzip && gzipInto(plain, batch.body);
