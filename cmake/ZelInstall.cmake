@@ -82,12 +82,12 @@ foreach(dir LIBDIR INCLUDEDIR)
     set(ZEL_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
   endif()
 endforeach()
-# Shared libraries keep GLib, JsonCpp and libcurl to themselves; only a
+# Shared libraries keep GLib, JsonCpp, libcurl and zlib to themselves; only a
 # static link needs them (pkg-config --static).
 if(ZEL_BUILD_SHARED)
   set(ZEL_PC_REQUIRES_PRIVATE "")
 else()
-  set(ZEL_PC_REQUIRES_PRIVATE "Requires.private: glib-2.0 jsoncpp libcurl")
+  set(ZEL_PC_REQUIRES_PRIVATE "Requires.private: glib-2.0 jsoncpp libcurl zlib")
 endif()
 configure_file(cmake/zel.pc.in ${PROJECT_BINARY_DIR}/zel.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zel.pc DESTINATION ${ZEL_PC_INSTALL_DIR}

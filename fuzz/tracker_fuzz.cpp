@@ -4,7 +4,8 @@
 // redirtype, status, vmid, first class code), then lines: the event, the
 // product name, the message, the error code, the version. Each post must
 // leave exactly one document, a JSON object whose texts are those given when
-// they are plain printable ASCII.
+// they are plain printable ASCII, and exactly one document per send: the
+// file holds one JSON value and its newline, nothing before or after.
 #include <json/json.h>
 
 #include <cstddef>
@@ -31,18 +32,24 @@ bool PlainAscii(const std::string& text) {
   return true;
 }
 
-// Reads the one document in the trace file, which must end with a newline.
+// Reads the trace file, which must hold exactly one document: one JSON
+// object, then the newline the file client adds, and nothing else. A second
+// document, a second newline or a torn one fails the strict reader, which
+// refuses anything after the first value.
 Json::Value ReadDocument() {
   std::ifstream in(gTracePath, std::ios::binary);
   std::ostringstream text;
   text << in.rdbuf();
   const std::string document = text.str();
-  if (document.empty() || document.back() != '\n') std::abort();
+  if (document.size() < 2 || document.back() != '\n') std::abort();
+  // The writer never ends a document with a line break of its own.
+  if (document[document.size() - 2] == '\n') std::abort();
   Json::Value value;
   Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   std::string errors;
-  if (!reader->parse(document.data(), document.data() + document.size(), &value, &errors) ||
+  if (!reader->parse(document.data(), document.data() + document.size() - 1, &value, &errors) ||
       !value.isObject()) {
     std::abort();
   }

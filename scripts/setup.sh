@@ -9,6 +9,6 @@ cd "$(dirname "$0")/.."
 bash scripts/need.sh \
   g++ cmake ninja-build pkg-config make \
   googletest libgtest-dev \
-  libglib2.0-dev libjsoncpp-dev libcurl4-openssl-dev \
+  libglib2.0-dev libjsoncpp-dev libcurl4-openssl-dev zlib1g-dev \
   faketime clang-format \
   clang libclang-rt-14-dev

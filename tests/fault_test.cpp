@@ -397,6 +397,9 @@ TEST(FaultTest, TraceServiceKilledAndRestartedLosesNoDocument) {
   setenv("ZEL_TRACE_CONNECT_TIMEOUT_MS", "1000", 1);
   setenv("ZEL_TRACE_TIMEOUT_MS", "2000", 1);
   setenv("ZEL_TRACE_DEREGISTER_MS", "20000", 1);
+  // One document per request: a request whose answer a kill cut off then
+  // brings back one document, as the check below allows.
+  setenv("ZEL_TRACE_BATCH_MAX", "1", 1);
 
   auto startService = [&] {
     const pid_t pid = fork();

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <stdlib.h>
+#include <zlib.h>
 #if defined(ZEL_TEST_ON_WINDOWS)
 #include <winsock2.h>
 #include <ws2tcpip.h>
@@ -9,6 +10,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #endif
 
@@ -17,6 +19,7 @@
 #include <cctype>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
@@ -27,6 +30,7 @@
 
 #include "tests/test_util.h"
 #include "tracer/tracer_client.h"
+#include "tracer/tracer_config.h"
 
 namespace {
 
@@ -68,6 +72,7 @@ void CloseSocket(Socket s) { close(s); }
 //   kSilent  requests are read and recorded but never answered;
 //   kAnswer  requests are recorded and answered, by default with 200; a
 //            script of status codes can be given for the next answers.
+// A body sent with "Content-Encoding: gzip" is recorded decompressed.
 // One thread accepts, one thread serves each connection; all are stopped and
 // joined by the destructor.
 class TestHttpServer {
@@ -124,6 +129,12 @@ class TestHttpServer {
     if (listen) startListeningLocked();
   }
 
+  // Every later answer carries "Location: <url>" (for redirects).
+  void SetLocation(const std::string& url) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    location_ = url;
+  }
+
   // The status codes of the next answers, in order; 200 after them.
   void ScriptStatuses(const std::vector<int>& statuses) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -138,6 +149,22 @@ class TestHttpServer {
   std::vector<Request> requests() {
     std::lock_guard<std::mutex> lock(mutex_);
     return requests_;
+  }
+
+  // The documents of the requests answered with a 2xx status, in arrival
+  // order: a body of several documents has one per line.
+  std::vector<std::string> deliveredDocuments() {
+    std::vector<std::string> documents;
+    for (const std::string& body : delivered()) {
+      std::size_t start = 0;
+      for (;;) {
+        const std::size_t end = body.find('\n', start);
+        documents.push_back(body.substr(start, end - start));
+        if (end == std::string::npos) break;
+        start = end + 1;
+      }
+    }
+    return documents;
   }
 
   // The bodies of the requests answered with a 2xx status, in arrival order.
@@ -214,6 +241,10 @@ class TestHttpServer {
       }
       request.body = buffer.substr(0, length);
       buffer.erase(0, length);
+      const auto encoding = request.headers.find("content-encoding");
+      if (encoding != request.headers.end() && encoding->second == "gzip") {
+        request.body = Gunzip(request.body);
+      }
       request.received = Clock::now();
 
       std::unique_lock<std::mutex> lock(mutex_);
@@ -233,11 +264,31 @@ class TestHttpServer {
         statuses_.pop_front();
       }
       requests_.push_back(request);
-      const std::string answer =
-          "HTTP/1.1 " + std::to_string(request.status) + " Status\r\nContent-Length: 0\r\n\r\n";
+      const std::string answer = "HTTP/1.1 " + std::to_string(request.status) + " Status\r\n" +
+                                 (location_.empty() ? "" : "Location: " + location_ + "\r\n") +
+                                 "Content-Length: 0\r\n\r\n";
       lock.unlock();
       send(conn, answer.data(), static_cast<int>(answer.size()), kSendFlags);
     }
+  }
+
+  // `data` decompressed from the gzip format; "<not gzip>" when it is not.
+  static std::string Gunzip(const std::string& data) {
+    z_stream stream{};
+    if (inflateInit2(&stream, 15 + 16) != Z_OK) return "<not gzip>";
+    std::string out;
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+    stream.avail_in = static_cast<uInt>(data.size());
+    int result = Z_OK;
+    while (result == Z_OK) {
+      char chunk[65536];
+      stream.next_out = reinterpret_cast<Bytef*>(chunk);
+      stream.avail_out = sizeof(chunk);
+      result = inflate(&stream, Z_NO_FLUSH);
+      out.append(chunk, sizeof(chunk) - stream.avail_out);
+    }
+    inflateEnd(&stream);
+    return result == Z_STREAM_END ? out : "<not gzip>";
   }
 
   static Request parseHead(const std::string& head) {
@@ -271,6 +322,7 @@ class TestHttpServer {
   std::mutex mutex_;
   Mode mode_;                                   // guarded by mutex_
   std::deque<int> statuses_;                    // guarded by mutex_
+  std::string location_;                        // guarded by mutex_
   int connections_ = 0;                         // guarded by mutex_
   std::vector<Request> requests_;               // guarded by mutex_
   std::vector<std::thread> connectionThreads_;  // guarded by mutex_
@@ -284,6 +336,13 @@ void UseEndpoint(const std::string& endpoint) {
   setenv("ZEL_TRACE_RETRY_MS", "20", 1);
   setenv("ZEL_TRACE_RETRY_MAX_MS", "50", 1);
   setenv("ZEL_TRACE_DEREGISTER_MS", "10000", 1);
+  unsetenv("ZEL_TRACE_QUEUE_MAX");
+  unsetenv("ZEL_TRACE_QUEUE_BYTES");
+  // One request per document unless a test batches.
+  setenv("ZEL_TRACE_BATCH_MAX", "1", 1);
+  unsetenv("ZEL_TRACE_BATCH_BYTES");
+  setenv("ZEL_TRACE_BATCH_DELAY_MS", "0", 1);
+  unsetenv("ZEL_TRACE_GZIP");
 }
 
 // A compact JSON document numbered `n`, `padding` characters long or more.
@@ -412,6 +471,64 @@ TEST(TracerClientTest, FileTargetWrittenByFourThreadsKeepsEveryDocumentWhole) {
   }
   for (int n : next) EXPECT_EQ(n, kPerThread);
 }
+
+#if !defined(ZEL_TEST_ON_WINDOWS)
+TEST(TracerClientTest, FileTargetWrittenByFourProcessesKeepsEveryDocumentWhole) {
+  TempDir dir;
+  const std::string path = dir.path() + "trace.jsonl";
+  setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
+  constexpr int kProcesses = 4;
+#if defined(__SANITIZE_THREAD__)
+  // ThreadSanitizer slows every write and copy many times over: fewer
+  // documents keep the test within its time limit on a busy machine.
+  constexpr int kPerProcess = 40;
+#else
+  constexpr int kPerProcess = 100;
+#endif
+  // Larger than any stdio or pipe buffer: written in pieces, the
+  // processes' documents would interleave.
+  constexpr std::size_t kPadding = 100000;
+  // Built by hand, as Document() would, so that the test stays quick under
+  // the sanitizers: {"n":"<n>","pad":"xx...","tag":"<p>"}.
+  const std::string pad(kPadding, 'x');
+  auto record = [&pad](int p, int n) {
+    return "{\"n\":\"" + std::to_string(n) + "\",\"pad\":\"" + pad + "\",\"tag\":\"" +
+           std::to_string(p) + "\"}";
+  };
+  ASSERT_EQ(record(1, 2), Document("1", 2, kPadding));
+  std::vector<pid_t> children;
+  for (int p = 0; p < kProcesses; ++p) {
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      TracerClient* client = TracerClient::registerClient("test");
+      bool ok = client != nullptr;
+      for (int i = 0; ok && i < kPerProcess; ++i) ok = client->postTrace(record(p, i));
+      if (client != nullptr) client->deregister();
+      _exit(ok ? 0 : 1);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  const std::vector<std::string> lines = SplitLines(ReadFile(path));
+  ASSERT_EQ(lines.size(), static_cast<std::size_t>(kProcesses * kPerProcess));
+  std::vector<int> next(kProcesses, 0);
+  for (const std::string& line : lines) {
+    // The process's number is the text after the last "tag":".
+    const std::size_t tag = line.rfind("\"tag\":\"");
+    ASSERT_NE(tag, std::string::npos) << line.substr(0, 80);
+    const int p = std::atoi(line.c_str() + tag + 7);
+    ASSERT_GE(p, 0);
+    ASSERT_LT(p, kProcesses);
+    // Whole, and in each process's posting order.
+    ASSERT_EQ(line, record(p, next[static_cast<std::size_t>(p)]++) + "\n") << line.substr(0, 80);
+  }
+}
+#endif
 
 // ---------------------------------------------------------------------------
 // http:// target.
@@ -648,6 +765,399 @@ TEST(TracerClientTest, DeregisterWithNothingQueuedReturnsAtOnce) {
   EXPECT_LT(Clock::now() - start, milliseconds(10000));
   // A client sends nothing of its own.
   EXPECT_TRUE(server.requests().empty());
+}
+
+// ---------------------------------------------------------------------------
+// Batches.
+
+// `text` on one line, as a batch carries it.
+std::string OneLine(const std::string& text) {
+  std::string line;
+  bool afterBreak = false;
+  for (char c : text) {
+    if (c == '\n') {
+      afterBreak = true;
+    } else if (!(afterBreak && c == '\t')) {
+      afterBreak = false;
+      line.push_back(c);
+    }
+  }
+  return line;
+}
+
+// Sets batching: at most `max` documents and `bytes` bytes, `delayMs`.
+void UseBatches(const char* max, const char* bytes, const char* delayMs) {
+  setenv("ZEL_TRACE_BATCH_MAX", max, 1);
+  setenv("ZEL_TRACE_BATCH_BYTES", bytes, 1);
+  setenv("ZEL_TRACE_BATCH_DELAY_MS", delayMs, 1);
+}
+
+TEST(TracerClientTest, FullBatchesGoAtOnceAsNewlineDelimitedDocuments) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  UseEndpoint(server.url());
+  // The delay never ends within the test: only full batches and
+  // deregister() send.
+  UseBatches("10", "1048576", "60000");
+  TracerClient* client = TracerClient::registerClient("zelModule");
+  ASSERT_NE(client, nullptr);
+  std::vector<std::string> sent;
+  for (int i = 0; i < 25; ++i) {
+    // Documents as the tracker writes them: over several lines.
+    sent.push_back("{\n\t\"n\" : \"" + std::to_string(i) + "\",\n\t\"t\" : \"a b\\n\"\n}");
+    EXPECT_TRUE(client->postTrace(sent.back()));
+  }
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 2; }));
+  // The last five wait for more until deregister() sends them.
+  EXPECT_EQ(server.requests().size(), 2u);
+  client->deregister();
+  const std::vector<TestHttpServer::Request> requests = server.requests();
+  ASSERT_EQ(requests.size(), 3u);
+  std::size_t next = 0;
+  const std::size_t sizes[] = {10, 10, 5};
+  for (std::size_t r = 0; r < requests.size(); ++r) {
+    SCOPED_TRACE(r);
+    EXPECT_EQ(requests[r].headers.at("content-type"), "application/x-ndjson");
+    EXPECT_EQ(requests[r].headers.count("content-encoding"), 0u);
+    EXPECT_EQ(requests[r].headers.at("x-trace-client"), "zelModule");
+    const std::vector<std::string> lines = SplitLines(requests[r].body + "\n");
+    ASSERT_EQ(lines.size(), sizes[r]);
+    for (const std::string& line : lines) {
+      // Each document on one line of its own, meaning what it meant.
+      EXPECT_EQ(line, OneLine(sent[next]) + "\n");
+      EXPECT_EQ(Parse(line), Parse(sent[next]));
+      ++next;
+    }
+  }
+  EXPECT_EQ(next, sent.size());
+}
+
+TEST(TracerClientTest, APartialBatchWaitsForTheDelayFromItsFirstDocument) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  UseEndpoint(server.url());
+  UseBatches("100", "1048576", "400");
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  const Clock::time_point first = Clock::now();
+  std::vector<std::string> sent;
+  for (int i = 0; i < 3; ++i) {
+    sent.push_back(Document("delay", i));
+    EXPECT_TRUE(client->postTrace(sent.back()));
+  }
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 1; }));
+  const std::vector<TestHttpServer::Request> requests = server.requests();
+  ASSERT_EQ(requests.size(), 1u);
+  // Not before the delay; all three in the one request.
+  EXPECT_GE(requests[0].received - first, milliseconds(400));
+  EXPECT_EQ(requests[0].body, sent[0] + "\n" + sent[1] + "\n" + sent[2]);
+  // A batch of one is the plain request of one document.
+  const std::string alone = Document("alone", 0);
+  EXPECT_TRUE(client->postTrace(alone));
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 2; }));
+  client->deregister();
+  EXPECT_EQ(server.requests()[1].body, alone);
+  EXPECT_EQ(server.requests()[1].headers.at("content-type"), "application/json");
+}
+
+TEST(TracerClientTest, BatchBytesLimitSplitsBatchesAndALargerDocumentGoesAlone) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  UseEndpoint(server.url());
+  // Two 40-byte documents and their newline fit in 100 bytes, three do not.
+  UseBatches("100", "100", "60000");
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  std::vector<std::string> sent;
+  for (char c = 'a'; c < 'f'; ++c) sent.push_back(std::string(40, c));
+  sent.push_back(std::string(150, 'z'));
+  sent.push_back(std::string(40, 'y'));
+  for (const std::string& text : sent) EXPECT_TRUE(client->postTrace(text));
+  client->deregister();
+  std::vector<std::string> bodies;
+  for (const TestHttpServer::Request& r : server.requests()) bodies.push_back(r.body);
+  EXPECT_EQ(bodies, (std::vector<std::string>{sent[0] + "\n" + sent[1], sent[2] + "\n" + sent[3],
+                                              sent[4], sent[5], sent[6]}));
+}
+
+TEST(TracerClientTest, EmptyDocumentsKeepTheirLinesInABatch) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  UseEndpoint(server.url());
+  UseBatches("3", "1048576", "60000");
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  const std::vector<std::string> sent = {"", "{}", ""};
+  for (const std::string& text : sent) EXPECT_TRUE(client->postTrace(text));
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 1; }));
+  client->deregister();
+  EXPECT_EQ(server.delivered(), std::vector<std::string>{"\n{}\n"});
+  EXPECT_EQ(server.deliveredDocuments(), sent);
+}
+
+TEST(TracerClientTest, GzipCompressesEveryBody) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  UseEndpoint(server.url());
+  UseBatches("4", "1048576", "60000");
+  setenv("ZEL_TRACE_GZIP", "1", 1);
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  std::vector<std::string> sent;
+  for (int i = 0; i < 5; ++i) {
+    sent.push_back(Document("gzip", i, 2000));
+    EXPECT_TRUE(client->postTrace(sent.back()));
+  }
+  client->deregister();
+  unsetenv("ZEL_TRACE_GZIP");
+  const std::vector<TestHttpServer::Request> requests = server.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  for (const TestHttpServer::Request& r : requests) {
+    EXPECT_EQ(r.headers.at("content-encoding"), "gzip");
+    // Compressed on the wire: far smaller than the documents.
+    EXPECT_LT(std::stoul(r.headers.at("content-length")), r.body.size() / 4);
+  }
+  EXPECT_EQ(requests[0].headers.at("content-type"), "application/x-ndjson");
+  EXPECT_EQ(requests[1].headers.at("content-type"), "application/json");
+  EXPECT_EQ(server.deliveredDocuments(), sent);
+}
+
+TEST(TracerClientTest, AFailedBatchIsRetriedWholeAndOrderIsKept) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  server.ScriptStatuses({503, 500});
+  UseEndpoint(server.url());
+  UseBatches("3", "1048576", "60000");
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  std::vector<std::string> sent;
+  for (int i = 0; i < 7; ++i) {
+    sent.push_back(Document("retry", i));
+    EXPECT_TRUE(client->postTrace(sent.back()));
+  }
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 2; }));
+  client->deregister();
+  const std::vector<TestHttpServer::Request> requests = server.requests();
+  ASSERT_EQ(requests.size(), 5u);
+  const std::string firstBatch = sent[0] + "\n" + sent[1] + "\n" + sent[2];
+  EXPECT_EQ(requests[0].body, firstBatch);
+  EXPECT_EQ(requests[1].body, firstBatch);
+  EXPECT_EQ(requests[2].body, firstBatch);
+  EXPECT_EQ(requests[2].status, 200);
+  EXPECT_EQ(server.deliveredDocuments(), sent);
+}
+
+TEST(TracerClientTest, OneConnectionCarriesEveryRequest) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  UseEndpoint(server.url());
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(client->postTrace(Document("keep", i)));
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 20; }));
+  client->deregister();
+  EXPECT_EQ(server.requests().size(), 20u);
+  EXPECT_EQ(server.connections(), 1);
+}
+
+TEST(TracerClientTest, ABadRequestAnswerDropsTheBatchAndSaysSoOnce) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  server.ScriptStatuses({400});
+  UseEndpoint(server.url());
+  UseBatches("3", "1048576", "60000");
+  zel_test::StderrCapture captured;
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  std::vector<std::string> sent;
+  for (int i = 0; i < 6; ++i) {
+    sent.push_back(Document("bad", i));
+    EXPECT_TRUE(client->postTrace(sent.back()));
+  }
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 1; }));
+  client->deregister();
+  const std::string errors = captured.Stop();
+  EXPECT_EQ(server.requests().size(), 2u);
+  EXPECT_EQ(server.deliveredDocuments(), (std::vector<std::string>{sent[3], sent[4], sent[5]}));
+  EXPECT_EQ(errors, "zel_tracer: 3 document(s) dropped: " + server.url() + " answered 400\n");
+}
+
+TEST(TracerClientTest, BackOffDoublesUpToItsCap) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  server.ScriptStatuses({503, 503, 503, 503, 503, 503, 503});
+  UseEndpoint(server.url());
+  setenv("ZEL_TRACE_RETRY_MS", "40", 1);
+  setenv("ZEL_TRACE_RETRY_MAX_MS", "160", 1);
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  EXPECT_TRUE(client->postTrace(Document("backoff", 0)));
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 1; }));
+  client->deregister();
+  const std::vector<TestHttpServer::Request> requests = server.requests();
+  ASSERT_EQ(requests.size(), 8u);
+  std::vector<Clock::duration> gaps;
+  for (std::size_t i = 1; i < requests.size(); ++i) {
+    gaps.push_back(requests[i].received - requests[i - 1].received);
+  }
+  // Never sooner than the back-off: 40, 80, 160, then 160 each time.
+  const int expected[] = {40, 80, 160, 160, 160, 160, 160};
+  for (std::size_t i = 0; i < gaps.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_GE(gaps[i], milliseconds(expected[i]));
+  }
+  // Capped: without the cap the last gaps would be 320 ms to 1280 ms; with
+  // it each stays far below four times the cap.
+  for (std::size_t i = 3; i < gaps.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_LT(gaps[i], milliseconds(640));
+  }
+}
+
+TEST(TracerClientTest, RequestTimeoutAnswerIsRetried) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  server.ScriptStatuses({408});
+  UseEndpoint(server.url());
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  const std::string text = Document("timeout", 0);
+  EXPECT_TRUE(client->postTrace(text));
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 1; }));
+  client->deregister();
+  const std::vector<TestHttpServer::Request> requests = server.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].status, 408);
+  EXPECT_EQ(requests[1].body, text);
+  EXPECT_EQ(server.delivered(), std::vector<std::string>{text});
+}
+
+TEST(TracerClientTest, ARedirectIsNotFollowed) {
+  TestHttpServer elsewhere(TestHttpServer::Mode::kAnswer);
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  server.SetLocation(elsewhere.url());
+  server.ScriptStatuses({307, 308, 302});
+  UseEndpoint(server.url());
+  zel_test::StderrCapture captured;
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(client->postTrace(Document("moved", i)));
+  ASSERT_TRUE(WaitFor([&] { return server.requests().size() >= 4; }));
+  client->deregister();
+  captured.Stop();
+  // Each redirected document was dropped, none sent where the answer
+  // pointed, and the next one went to the configured service.
+  EXPECT_TRUE(elsewhere.requests().empty());
+  EXPECT_EQ(server.requests().size(), 4u);
+  EXPECT_EQ(server.delivered(), std::vector<std::string>{Document("moved", 3)});
+}
+
+TEST(TracerClientTest, InvalidSettingsTakeTheirDefaults) {
+  TestHttpServer server(TestHttpServer::Mode::kClose);
+  for (const char* value : {"4x", "0", "-4", " 4", "+4", "4 ", "", "0x4", "4.0"}) {
+    SCOPED_TRACE(value);
+    UseEndpoint(server.url());
+    setenv("ZEL_TRACE_QUEUE_MAX", value, 1);
+    setenv("ZEL_TRACE_DEREGISTER_MS", "1", 1);
+    TracerClient* client = TracerClient::registerClient("test");
+    ASSERT_NE(client, nullptr);
+    // The default queue: 1000 documents, not 4.
+    int accepted = 0;
+    for (int i = 0; i < 1001; ++i) accepted += client->postTrace(Document("q", i)) ? 1 : 0;
+    EXPECT_EQ(accepted, 1000);
+    client->deregister();
+  }
+  unsetenv("ZEL_TRACE_QUEUE_MAX");
+}
+
+TEST(TracerClientTest, SettingsAreWholeNumbersClampedToTheirRange) {
+  using zel_tracer_detail::parseSetting;
+  using zel_tracer_detail::SettingRange;
+  const SettingRange range{250, 1, 3600000};
+  EXPECT_EQ(parseSetting(nullptr, range), 250);
+  EXPECT_EQ(parseSetting("", range), 250);
+  EXPECT_EQ(parseSetting("1", range), 1);
+  EXPECT_EQ(parseSetting("0007", range), 7);
+  EXPECT_EQ(parseSetting("3600000", range), 3600000);
+  EXPECT_EQ(parseSetting("3600001", range), 3600000);
+  EXPECT_EQ(parseSetting("99999999999999999999999999999999", range), 3600000);
+  EXPECT_EQ(parseSetting("0", range), 250);
+  EXPECT_EQ(parseSetting("-1", range), 250);
+  EXPECT_EQ(parseSetting("12abc", range), 250);
+  EXPECT_EQ(parseSetting("1e3", range), 250);
+  EXPECT_EQ(parseSetting("99999999999999999999999x", range), 250);
+  // A setting whose range starts at 0 takes 0.
+  EXPECT_EQ(parseSetting("0", zel_tracer_detail::kBatchDelayRange), 0);
+  // Every tuning variable is read with its range.
+  UseEndpoint("http://127.0.0.1:9/");
+  setenv("ZEL_TRACE_QUEUE_BYTES", "99999999999999999999", 1);
+  setenv("ZEL_TRACE_BATCH_MAX", "1000000", 1);
+  setenv("ZEL_TRACE_BATCH_BYTES", "junk", 1);
+  setenv("ZEL_TRACE_RETRY_MS", "500", 1);
+  setenv("ZEL_TRACE_RETRY_MAX_MS", "100", 1);
+  setenv("ZEL_TRACE_CONNECT_TIMEOUT_MS", "999999999", 1);
+  setenv("ZEL_TRACE_GZIP", "yes", 1);
+  const zel_tracer_detail::HttpSettings s = zel_tracer_detail::HttpSettings::fromEnvironment();
+  EXPECT_EQ(s.queueBytes, 1073741824u);
+  EXPECT_EQ(s.batchMax, 100000u);
+  EXPECT_EQ(s.batchBytes, 1048576u);
+  EXPECT_EQ(s.retryMs, 500);
+  EXPECT_EQ(s.retryMaxMs, 500);  // never below the first back-off
+  EXPECT_EQ(s.connectTimeoutMs, 600000);
+  EXPECT_FALSE(s.gzip);
+  unsetenv("ZEL_TRACE_GZIP");
+  unsetenv("ZEL_TRACE_QUEUE_BYTES");
+  unsetenv("ZEL_TRACE_BATCH_BYTES");
+}
+
+TEST(TracerClientTest, UrlsThatLibcurlRejectsGiveNoClient) {
+  for (const char* endpoint :
+       {"http://exa mple/", "http://127.0.0.1:99999/", "http://user@:80/", "http://a%00b/",
+        "http://ex\xff"
+        "ample/",
+        "http://[::1/"}) {
+    SCOPED_TRACE(endpoint);
+    setenv("ZEL_TRACE_ENDPOINT", endpoint, 1);
+    EXPECT_EQ(TracerClient::registerClient("test"), nullptr);
+  }
+}
+
+TEST(TracerClientTest, APermanentTransferErrorDropsDocumentsAndIsSaidOnce) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  UseEndpoint(server.url());
+  // A proxy setting whose host has no ASCII form: every transfer fails
+  // before it starts, however often it is tried.
+  setenv("http_proxy",
+         "http://ex\xff"
+         "ample:1",
+         1);
+  unsetenv("no_proxy");
+  unsetenv("NO_PROXY");
+  zel_test::StderrCapture captured;
+  TracerClient* client = TracerClient::registerClient("test");
+  ASSERT_NE(client, nullptr);
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(client->postTrace(Document("proxy", i)));
+  const Clock::time_point start = Clock::now();
+  client->deregister();
+  unsetenv("http_proxy");
+  const std::string errors = captured.Stop();
+  // Not retried until the deregister deadline: dropped at once.
+  EXPECT_LT(Clock::now() - start, milliseconds(5000));
+  EXPECT_EQ(zel_test::CountOccurrences(errors, "zel_tracer: "), 1) << errors;
+  EXPECT_NE(errors.find("1 document(s) dropped: " + server.url() + ": "), std::string::npos)
+      << errors;
+  EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(TracerClientTest, AClientNameThatCannotBeAHeaderIsLeftOut) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  UseEndpoint(server.url());
+  for (const std::string& name : {std::string("two\r\nX-Injected: 1"), std::string("caf\xc3\xa9"),
+                                  std::string("tab\t"), std::string()}) {
+    TracerClient* client = TracerClient::registerClient(name);
+    ASSERT_NE(client, nullptr);
+    EXPECT_TRUE(client->postTrace("{}"));
+    client->deregister();
+  }
+  const std::vector<TestHttpServer::Request> requests = server.requests();
+  ASSERT_EQ(requests.size(), 4u);
+  for (const TestHttpServer::Request& r : requests) {
+    // Delivered, without the client header and without what the name
+    // would have smuggled in.
+    EXPECT_EQ(r.body, "{}");
+    EXPECT_EQ(r.headers.count("x-trace-client"), 0u);
+    EXPECT_EQ(r.headers.count("x-injected"), 0u);
+  }
 }
 
 }  // namespace

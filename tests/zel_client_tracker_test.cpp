@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -543,18 +544,19 @@ TEST_F(ZelClientTrackerTest, SendAfterUninitRegistersAgainAndPosts) {
   EXPECT_EQ(Parse(Double().posts[0].text)["zelVersion"].asString(), "2.0");
 }
 
-TEST_F(ZelClientTrackerTest, InitTwiceAbandonsTheFirstClient) {
+TEST_F(ZelClientTrackerTest, InitTwiceDeregistersTheFirstClient) {
   ZelClientTracker tracker;
   tracker.Init("1");
   tracker.Init("2");
   EXPECT_EQ(Double().registeredNames.size(), 2u);
-  EXPECT_TRUE(Double().deregistered.empty());
+  // The replaced client is given up, not leaked with its sender thread.
+  EXPECT_EQ(Double().deregistered, std::vector<int>{0});
   tracker.SendTrackError("e", "c", "m");
   ASSERT_EQ(Double().posts.size(), 1u);
   EXPECT_EQ(Double().posts[0].client, 1);
   EXPECT_EQ(Parse(Double().posts[0].text)["zelVersion"].asString(), "2");
   tracker.Uninit();
-  EXPECT_EQ(Double().deregistered, std::vector<int>{1});
+  EXPECT_EQ(Double().deregistered, (std::vector<int>{0, 1}));
 }
 
 TEST_F(ZelClientTrackerTest, DeviceWithVidZeroSendsNothing) {
@@ -704,6 +706,110 @@ TEST_F(ZelClientTrackerTest, CopiesShareTheClientAndKeepItOnDestruction) {
   }
   original.Uninit();
   EXPECT_EQ(Double().deregistered, std::vector<int>{0});
+}
+
+// ---------------------------------------------------------------------------
+// Several threads and copies.
+
+TEST_F(ZelClientTrackerTest, CopiesNeverDeregisterOneClientTwice) {
+  ZelClientTracker original;
+  original.Init("1");
+  ZelClientTracker copy(original);
+  ZelClientTracker assigned;
+  assigned = original;
+  original.Uninit();
+  EXPECT_EQ(Double().deregistered, std::vector<int>{0});
+  // The copies still hold the pointer of the client that is gone: they
+  // neither deregister it again nor post to it.
+  copy.Uninit();
+  EXPECT_EQ(Double().deregistered, std::vector<int>{0});
+  assigned.SendTrackError("e", "c", "m");
+  EXPECT_EQ(Double().registeredNames.size(), 2u);
+  ASSERT_EQ(Double().posts.size(), 1u);
+  EXPECT_EQ(Double().posts[0].client, 1);
+  assigned.Uninit();
+  assigned.Uninit();
+  EXPECT_EQ(Double().deregistered, (std::vector<int>{0, 1}));
+}
+
+TEST_F(ZelClientTrackerTest, SendsAndInitsFromManyThreadsAtOnce) {
+  zel_set_log_level(2);  // no debug line per post
+  ZelClientTracker* tracker = ZelClientTracker::GetInstance();
+  tracker->Init("0");
+  constexpr int kThreads = 6;
+  constexpr int kPerThread = 300;
+  constexpr int kInits = 50;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([tracker, t] {
+      ZelClientTrackDevice device{1, 2, "Disk", 2, {8}, 1, static_cast<uint32_t>(t)};
+      for (int i = 0; i < kPerThread; ++i) {
+        if (i % 2 == 0) {
+          tracker->SendTrackError("e", std::to_string(t), std::to_string(i));
+        } else {
+          tracker->SendTrackDevice("e", device, std::to_string(i));
+        }
+      }
+    });
+  }
+  // Meanwhile the version changes and each Init replaces the client.
+  for (int i = 1; i <= kInits; ++i) tracker->Init(std::to_string(i));
+  for (std::thread& th : threads) th.join();
+  tracker->Uninit();
+
+  TracerDouble& d = Double();
+  ASSERT_EQ(d.posts.size(), static_cast<std::size_t>(kThreads * kPerThread));
+  // Every client was registered by an Init and deregistered exactly once.
+  EXPECT_EQ(d.registeredNames.size(), static_cast<std::size_t>(kInits + 1));
+  std::vector<int> deregistered = d.deregistered;
+  std::sort(deregistered.begin(), deregistered.end());
+  std::vector<int> all(static_cast<std::size_t>(kInits + 1));
+  for (std::size_t i = 0; i < all.size(); ++i) all[i] = static_cast<int>(i);
+  EXPECT_EQ(deregistered, all);
+  for (const TracerDouble::Post& post : d.posts) {
+    const Json::Value doc = Parse(post.text);
+    ASSERT_TRUE(doc.isObject());
+    // Whole versions only, never a torn text.
+    const int version = std::stoi(doc["zelVersion"].asString());
+    EXPECT_GE(version, 0);
+    EXPECT_LE(version, kInits);
+    EXPECT_EQ(std::to_string(version), doc["zelVersion"].asString());
+  }
+}
+
+TEST_F(ZelClientTrackerTest, InvalidUtf8AndControlBytesStillGiveValidJson) {
+  ZelClientTracker tracker;
+  const std::string invalid = "bad \xff\xfe utf8 \xc3 cut \xe2\x82";
+  static const char kControl[] = "ctl \x01\x02\x1f\x7f end\0nul";
+  const std::string control(kControl, sizeof(kControl) - 1);
+  tracker.SendTrackError(invalid, control, "\xc3\xa9t\xc3\xa9");
+  ZelClientTrackDevice device{1, 2, control, 2, {8}, 1, 7};
+  tracker.SendTrackDevice(control, device, invalid);
+  ASSERT_EQ(Double().posts.size(), 2u);
+  for (const TracerDouble::Post& post : Double().posts) {
+    // Only ASCII (DEL is valid JSON as it is) and the writer's own layout
+    // reach the wire: the text is valid UTF-8 and valid JSON whatever the
+    // input bytes were.
+    for (char c : post.text) {
+      const auto byte = static_cast<unsigned char>(c);
+      EXPECT_TRUE((byte >= 0x20 && byte <= 0x7f) || c == '\n' || c == '\t') << int(byte);
+    }
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value root;
+    std::string errors;
+    ASSERT_TRUE(
+        reader->parse(post.text.data(), post.text.data() + post.text.size(), &root, &errors))
+        << errors;
+    ASSERT_TRUE(root.isObject());
+  }
+  // Control bytes come back exactly; valid UTF-8 too.
+  const Json::Value error = Parse(Double().posts[0].text);
+  EXPECT_EQ(error["errorCode"].asString(), control);
+  EXPECT_EQ(error["message"].asString(), "\xc3\xa9t\xc3\xa9");
+  const Json::Value deviceDoc = Parse(Double().posts[1].text);
+  EXPECT_EQ(deviceDoc["productName"].asString(), control);
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 #include "tracer/tracer_client.h"
 
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <unistd.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +17,22 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <vector>
+
+#include "tracer/tracer_config.h"
+
+// Descriptor flags that only some systems have: the file target's bytes go
+// to disk as they are, and its descriptor is not inherited by children.
+#ifndef O_BINARY
+#define O_BINARY 0
+#endif
+#ifndef O_CLOEXEC
+#ifdef O_NOINHERIT
+#define O_CLOEXEC O_NOINHERIT
+#else
+#define O_CLOEXEC 0
+#endif
+#endif
 
 namespace zel_tracer_detail {
 
@@ -31,36 +50,23 @@ class Sink {
 
 namespace {
 
+using zel_tracer_detail::Endpoint;
+using zel_tracer_detail::HttpSettings;
 using zel_tracer_detail::Sink;
 using Clock = std::chrono::steady_clock;
 
-constexpr char kFileScheme[] = "file://";
-constexpr char kHttpScheme[] = "http://";
-constexpr char kHttpsScheme[] = "https://";
-
-// True when `text` begins with the literal `prefix`.
-template <std::size_t N>
-bool startsWith(const std::string& text, const char (&prefix)[N]) {
-  return text.compare(0, N - 1, prefix) == 0;
-}
-
-// The positive number in environment variable `name`, or `fallback` when
-// it is unset, not a whole decimal number, zero, negative or too large.
-long envPositive(const char* name, long fallback) {
-  const char* value = std::getenv(name);
-  if (value == nullptr || *value == '\0') return fallback;
-  char* end = nullptr;
-  errno = 0;
-  const long number = std::strtol(value, &end, 10);
-  if (errno != 0 || *end != '\0' || number <= 0) return fallback;
-  return number;
+// Reports a delivery problem on standard error, one line, whole.
+void report(const std::string& text) {
+  const std::string line = "zel_tracer: " + text + "\n";
+  static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
+  static_cast<void>(std::fflush(stderr));
 }
 
 // ---------------------------------------------------------------------------
 // file:// target.
 
 // Serialises the appends of every file client of the process, so that
-// documents written by several threads or clients never mix.
+// documents written by several threads or clients keep their order.
 std::mutex& appendMutex() {
   // Never destroyed: a client may still post while static data goes away.
   static std::mutex* mutex = new std::mutex;
@@ -76,15 +82,26 @@ class FileSink : public Sink {
     record.push_back('\n');
     std::lock_guard<std::mutex> lock(appendMutex());
     // Opened per document: a file moved away or removed from outside is
-    // simply created again.
-    FILE* file = std::fopen(path_.c_str(), "ab");
-    if (file == nullptr) return false;
-    // Fully buffered with room for the whole record, so that it reaches the
-    // file in one write at fclose. Should that buffer be refused, the default
-    // one still keeps the record whole: the lock is held until fclose.
-    static_cast<void>(std::setvbuf(file, nullptr, _IOFBF, record.size() + 1));
-    const bool written = std::fwrite(record.data(), 1, record.size(), file) == record.size();
-    return (std::fclose(file) == 0) && written;
+    // simply created again. In append mode every write lands at the end
+    // of the file as it is then, so the record, written with one call,
+    // stays whole even when other processes append to the same file.
+    const int fd =
+        ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_BINARY | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    std::size_t done = 0;
+    bool written = true;
+    while (done < record.size()) {
+      // Only a full disk or a signal makes one call write less; the rest
+      // then follows at once.
+      const auto n = ::write(fd, record.data() + done, static_cast<unsigned>(record.size() - done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        written = false;
+        break;
+      }
+      done += static_cast<std::size_t>(n);
+    }
+    return (::close(fd) == 0) && written;
   }
 
   void close() override {}
@@ -96,53 +113,12 @@ class FileSink : public Sink {
 // ---------------------------------------------------------------------------
 // http:// and https:// targets.
 
-struct HttpSettings {
-  long connectTimeoutMs;
-  long timeoutMs;
-  long retryMs;
-  long retryMaxMs;
-  std::size_t queueMax;
-  std::size_t queueBytes;
-  long deregisterMs;
-
-  static HttpSettings fromEnvironment() {
-    HttpSettings s;
-    s.connectTimeoutMs = envPositive("ZEL_TRACE_CONNECT_TIMEOUT_MS", 2000);
-    s.timeoutMs = envPositive("ZEL_TRACE_TIMEOUT_MS", 5000);
-    s.retryMs = envPositive("ZEL_TRACE_RETRY_MS", 250);
-    s.retryMaxMs = std::max(s.retryMs, envPositive("ZEL_TRACE_RETRY_MAX_MS", 30000));
-    s.queueMax = static_cast<std::size_t>(envPositive("ZEL_TRACE_QUEUE_MAX", 1000));
-    s.queueBytes = static_cast<std::size_t>(envPositive("ZEL_TRACE_QUEUE_BYTES", 8388608));
-    s.deregisterMs = envPositive("ZEL_TRACE_DEREGISTER_MS", 5000);
-    return s;
-  }
-};
-
 // libcurl's process-wide set-up, done once before the first HTTP client and
 // never undone (clients of other threads may still run at exit). Returns
 // whether it succeeded.
 bool curlReady() {
   static const bool ready = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
   return ready;
-}
-
-// True when `url`, after its scheme `schemeLen` characters long, names a
-// host right away and parses as a URL with a host. libcurl alone would also
-// take "http:///x" as the host "x".
-bool hasHost(const std::string& url, std::size_t schemeLen) {
-  if (url.size() <= schemeLen || url.find_first_of("/?#", schemeLen) == schemeLen) return false;
-  CURLU* handle = curl_url();
-  if (handle == nullptr) return false;
-  bool ok = false;
-  if (curl_url_set(handle, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
-    char* host = nullptr;
-    if (curl_url_get(handle, CURLUPART_HOST, &host, 0) == CURLUE_OK && host != nullptr) {
-      ok = host[0] != '\0';
-    }
-    curl_free(host);
-  }
-  curl_url_cleanup(handle);
-  return ok;
 }
 
 // True when `name` can travel in a header line as it is.
@@ -154,6 +130,57 @@ bool isHeaderSafe(const std::string& name) {
 // Discards the body of the service's answer.
 size_t discardBody(char* /*data*/, size_t size, size_t count, void* /*user*/) {
   return size * count;
+}
+
+// Appends `text` to `body` on one line: its line breaks and the spaces and
+// tabs that follow each of them are left out. In a JSON text a raw line
+// break can only stand between tokens, so the document means the same.
+void appendOneLine(std::string& body, const std::string& text) {
+  bool afterBreak = false;
+  for (char c : text) {
+    if (c == '\n' || c == '\r') {
+      afterBreak = true;
+      continue;
+    }
+    if (afterBreak && (c == ' ' || c == '\t')) continue;
+    afterBreak = false;
+    body.push_back(c);
+  }
+}
+
+// `body` compressed in the gzip format into `out`; false when zlib fails.
+bool gzipInto(const std::string& body, std::string& out) {
+  z_stream stream{};
+  // 15 window bits plus 16: a gzip header and trailer around the data.
+  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
+      Z_OK) {
+    return false;
+  }
+  out.resize(deflateBound(&stream, static_cast<uLong>(body.size())) + 32);
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(body.data()));
+  stream.avail_in = static_cast<uInt>(body.size());
+  stream.next_out = reinterpret_cast<Bytef*>(&out[0]);
+  stream.avail_out = static_cast<uInt>(out.size());
+  const int result = deflate(&stream, Z_FINISH);
+  out.resize(stream.total_out);
+  deflateEnd(&stream);
+  return result == Z_STREAM_END;
+}
+
+// True for the libcurl errors that the same request would meet again
+// however often it were tried: the URL or the build cannot work.
+bool isPermanent(CURLcode code) {
+  switch (code) {
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_URL_MALFORMAT:
+    case CURLE_NOT_BUILT_IN:
+    case CURLE_BAD_FUNCTION_ARGUMENT:
+    case CURLE_FUNCTION_NOT_FOUND:
+    case CURLE_UNKNOWN_OPTION:
+      return true;
+    default:
+      return false;
+  }
 }
 
 class HttpSink : public Sink {
@@ -173,7 +200,7 @@ class HttpSink : public Sink {
     if (stopping_.load(std::memory_order_relaxed)) return false;
     if (queue_.size() >= settings_.queueMax) return false;
     if (text.size() > settings_.queueBytes - queuedBytes_) return false;
-    queue_.push_back(text);
+    queue_.push_back(Entry{text, Clock::now()});
     queuedBytes_ += text.size();
     wake_.notify_one();
     return true;
@@ -190,69 +217,174 @@ class HttpSink : public Sink {
   }
 
  private:
-  enum class Outcome { kDelivered, kRejected, kRetry, kAborted };
+  enum class Outcome { kDelivered, kRejected, kPermanent, kRetry, kAborted };
 
-  // The sender thread: sends the queue's front document until it is
+  struct Entry {
+    std::string text;
+    Clock::time_point queued;
+  };
+
+  // One request body ready to go: the first `count` documents of the queue.
+  struct Batch {
+    std::size_t count = 0;
+    std::string body;  // as sent (compressed when gzip is on)
+    bool compressed = false;
+  };
+
+  // True when the queue holds a batch's worth: nothing is gained by
+  // waiting for more. Called with mutex_ held.
+  bool batchFull() const {
+    return queue_.size() >= settings_.batchMax ||
+           queuedBytes_ + queue_.size() - 1 >= settings_.batchBytes;
+  }
+
+  // Takes the next batch from the front of the queue: as many documents as
+  // ZEL_TRACE_BATCH_MAX and ZEL_TRACE_BATCH_BYTES allow (the newlines
+  // between them counted), always at least one. Called with `lock` held;
+  // the body is built without it.
+  Batch takeBatch(std::unique_lock<std::mutex>& lock) {
+    std::vector<const std::string*> texts;
+    std::size_t bytes = 0;
+    for (const Entry& entry : queue_) {
+      if (texts.size() == settings_.batchMax) break;
+      const std::size_t add = entry.text.size() + (texts.empty() ? 0 : 1);
+      if (!texts.empty() && bytes + add > settings_.batchBytes) break;
+      bytes += add;
+      texts.push_back(&entry.text);
+    }
+    // Only this thread removes documents, and adding at the back of a
+    // deque leaves references to its elements valid, so the texts can be
+    // read without the lock.
+    lock.unlock();
+    Batch batch;
+    batch.count = texts.size();
+    std::string plain;
+    if (texts.size() == 1) {
+      plain = *texts[0];
+    } else {
+      plain.reserve(bytes);
+      for (std::size_t i = 0; i < texts.size(); ++i) {
+        if (i > 0) plain.push_back('\n');
+        appendOneLine(plain, *texts[i]);
+      }
+    }
+    batch.compressed = settings_.gzip && gzipInto(plain, batch.body);
+    if (!batch.compressed) batch.body.swap(plain);
+    lock.lock();
+    return batch;
+  }
+
+  // Drops the queue's first `count` documents. Called with mutex_ held.
+  void dropFront(std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      queuedBytes_ -= queue_.front().text.size();
+      queue_.pop_front();
+    }
+  }
+
+  // The sender thread: waits until a batch is full or its first document
+  // has waited ZEL_TRACE_BATCH_DELAY_MS, then sends it until it is
   // delivered or rejected, backing off while the service is unreachable,
   // until close() asks it to stop and the queue is empty or the deadline
   // has passed.
   void run() {
     CURL* easy = curl_easy_init();
     CURLM* multi = curl_multi_init();
-    curl_slist* headers = nullptr;
-    headers = curl_slist_append(headers, "Content-Type: application/json");
-    // Without this, libcurl waits up to a second for "100 Continue" before
-    // sending a larger body.
-    headers = curl_slist_append(headers, "Expect:");
-    if (!clientHeader_.empty()) headers = curl_slist_append(headers, clientHeader_.c_str());
+    // Header lists, by [several documents][compressed body]: one document
+    // goes as JSON, several as newline-delimited JSON, and a compressed
+    // body says so (with gzip on, a body that zlib failed on goes plain).
+    curl_slist* headers[2][2] = {{nullptr, nullptr}, {nullptr, nullptr}};
+    for (int several = 0; several < 2; ++several) {
+      for (int compressed = 0; compressed < 2; ++compressed) {
+        curl_slist*& list = headers[several][compressed];
+        list = curl_slist_append(list, several != 0 ? "Content-Type: application/x-ndjson"
+                                                    : "Content-Type: application/json");
+        // Without this, libcurl waits up to a second for "100 Continue"
+        // before sending a larger body.
+        list = curl_slist_append(list, "Expect:");
+        if (!clientHeader_.empty()) list = curl_slist_append(list, clientHeader_.c_str());
+        if (compressed != 0) list = curl_slist_append(list, "Content-Encoding: gzip");
+      }
+    }
     if (easy != nullptr) {
       curl_easy_setopt(easy, CURLOPT_URL, url_.c_str());
-      curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
       curl_easy_setopt(easy, CURLOPT_POST, 1L);
       curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
       curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, settings_.connectTimeoutMs);
       curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, settings_.timeoutMs);
       curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &discardBody);
+      // A redirect is an answer like any other non-2xx one: the documents
+      // are never sent on to wherever it points.
+      curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
     }
 
     long backoffMs = settings_.retryMs;
-    bool drainTried = false;  // the immediate try after deregister() was made
+    bool drainTried = false;     // the immediate try after deregister() was made
+    bool permanentSaid = false;  // the permanent failure has been reported
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
       wake_.wait(lock, [this] { return stopping_.load() || !queue_.empty(); });
       if (queue_.empty()) break;
       if (stopping_.load() && Clock::now() >= deadline_) break;
-
-      // Only this thread removes documents, and adding at the back of a
-      // deque leaves references to its elements valid, so the front can be
-      // sent without the lock and without a copy.
-      const std::string& text = queue_.front();
-      lock.unlock();
-      const Outcome outcome =
-          (easy != nullptr && multi != nullptr) ? transfer(easy, multi, text) : Outcome::kRetry;
-      lock.lock();
-
-      if (outcome == Outcome::kDelivered || outcome == Outcome::kRejected) {
-        queuedBytes_ -= queue_.front().size();
-        queue_.pop_front();
-        backoffMs = settings_.retryMs;
-        continue;
+      // Let the batch fill, for at most the delay from its first
+      // document's post; deregister() sends at once.
+      if (!stopping_.load() && !batchFull()) {
+        const Clock::time_point sendAt =
+            queue_.front().queued + std::chrono::milliseconds(settings_.batchDelayMs);
+        wake_.wait_until(lock, sendAt, [this] { return stopping_.load() || batchFull(); });
       }
-      if (outcome == Outcome::kAborted) break;
-      // Unreachable: wait before trying the same document again. Once
-      // deregister() has been called, the next try comes at once (a wait
-      // that runs then is cut short), and later waits end at the deadline.
-      const auto retryAt = Clock::now() + std::chrono::milliseconds(backoffMs);
-      if (!stopping_.load()) {
-        wake_.wait_until(lock, retryAt, [this] { return stopping_.load(); });
-        if (stopping_.load()) drainTried = true;
-      } else if (!drainTried) {
-        drainTried = true;
-        continue;
-      } else {
-        wake_.wait_until(lock, std::min(retryAt, deadline_));
+
+      const Batch batch = takeBatch(lock);
+      curl_slist* batchHeaders = headers[batch.count > 1 ? 1 : 0][batch.compressed ? 1 : 0];
+      // The same batch, whole, until it is delivered, rejected or given up.
+      for (;;) {
+        lock.unlock();
+        const Outcome outcome = (easy != nullptr && multi != nullptr)
+                                    ? transfer(easy, multi, batchHeaders, batch.body)
+                                    : Outcome::kRetry;
+        lock.lock();
+        if (outcome == Outcome::kDelivered) {
+          dropFront(batch.count);
+          backoffMs = settings_.retryMs;
+          break;
+        }
+        if (outcome == Outcome::kRejected) {
+          report(std::to_string(batch.count) + " document(s) dropped: " + url_ + " answered " +
+                 std::to_string(lastStatus_));
+          dropFront(batch.count);
+          backoffMs = settings_.retryMs;
+          break;
+        }
+        if (outcome == Outcome::kPermanent) {
+          if (!permanentSaid) {
+            report(std::to_string(batch.count) + " document(s) dropped: " + url_ + ": " +
+                   curl_easy_strerror(lastError_) +
+                   " (later documents that fail so are dropped without a word)");
+            permanentSaid = true;
+          }
+          dropFront(batch.count);
+          break;
+        }
+        if (outcome == Outcome::kAborted) break;
+        // Unreachable: wait before trying the same batch again. Once
+        // deregister() has been called, the next try comes at once (a wait
+        // that runs then is cut short), and later waits end at the
+        // deadline.
+        if (stopping_.load() && Clock::now() >= deadline_) break;
+        const auto retryAt = Clock::now() + std::chrono::milliseconds(backoffMs);
+        if (!stopping_.load()) {
+          wake_.wait_until(lock, retryAt, [this] { return stopping_.load(); });
+          if (stopping_.load()) drainTried = true;
+        } else if (!drainTried) {
+          drainTried = true;
+          continue;
+        } else {
+          wake_.wait_until(lock, std::min(retryAt, deadline_));
+        }
+        backoffMs = std::min(backoffMs * 2, settings_.retryMaxMs);
+        if (stopping_.load() && Clock::now() >= deadline_) break;
       }
-      backoffMs = std::min(backoffMs * 2, settings_.retryMaxMs);
+      if (stopping_.load() && Clock::now() >= deadline_) break;
     }
     // What is left could not be sent in time.
     queue_.clear();
@@ -261,14 +393,18 @@ class HttpSink : public Sink {
 
     if (multi != nullptr) curl_multi_cleanup(multi);
     if (easy != nullptr) curl_easy_cleanup(easy);
-    curl_slist_free_all(headers);
+    for (auto& row : headers) {
+      for (curl_slist* list : row) curl_slist_free_all(list);
+    }
   }
 
-  // Sends `text` once. The multi interface lets the wait for the service
-  // be cut off when deregister()'s deadline passes.
-  Outcome transfer(CURL* easy, CURLM* multi, const std::string& text) {
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(text.size()));
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, text.data());
+  // Sends `body` once with `headers`. The multi interface lets the wait for
+  // the service be cut off when deregister()'s deadline passes; the easy
+  // handle keeps its connection open for the next request.
+  Outcome transfer(CURL* easy, CURLM* multi, curl_slist* headers, const std::string& body) {
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
     if (curl_multi_add_handle(multi, easy) != CURLM_OK) return Outcome::kRetry;
 
     CURLcode result = CURLE_OK;
@@ -294,9 +430,14 @@ class HttpSink : public Sink {
     curl_multi_remove_handle(multi, easy);
 
     if (aborted) return Outcome::kAborted;
+    if (done && isPermanent(result)) {
+      lastError_ = result;
+      return Outcome::kPermanent;
+    }
     if (!done || result != CURLE_OK) return Outcome::kRetry;
     long status = 0;
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    lastStatus_ = status;
     if (status >= 200 && status < 300) return Outcome::kDelivered;
     if (status == 408 || status == 429 || status >= 500) return Outcome::kRetry;
     return Outcome::kRejected;
@@ -316,45 +457,40 @@ class HttpSink : public Sink {
   std::string clientHeader_;  // "" when the name cannot be sent
 
   std::mutex mutex_;
-  std::condition_variable wake_;   // a document was queued, or close()
-  std::deque<std::string> queue_;  // guarded by mutex_; front is being sent
-  std::size_t queuedBytes_ = 0;    // guarded by mutex_
-  Clock::time_point deadline_;     // guarded by mutex_; set by close()
+  std::condition_variable wake_;  // a document was queued, or close()
+  std::deque<Entry> queue_;       // guarded by mutex_; the front batch is being sent
+  std::size_t queuedBytes_ = 0;   // guarded by mutex_
+  Clock::time_point deadline_;    // guarded by mutex_; set by close()
   std::atomic<bool> stopping_{false};
   std::thread thread_;
+  // The sender thread's own: the last answer's status, the last error.
+  long lastStatus_ = 0;
+  CURLcode lastError_ = CURLE_OK;
 };
 
 }  // namespace
 
 TracerClient* TracerClient::registerClient(const std::string& name) {
-  const char* endpoint = std::getenv("ZEL_TRACE_ENDPOINT");
-  if (endpoint == nullptr) return nullptr;
-  const std::string target(endpoint);
-
-  if (startsWith(target, kFileScheme)) {
-    const std::string path = target.substr(sizeof(kFileScheme) - 1);
-    if (path.empty()) return nullptr;
-    std::unique_ptr<Sink> sink(new FileSink(path));
-    // The memory is allocated before release() runs, so a failed
-    // allocation still frees the sink.
-    return new TracerClient(sink.release());
+  const Endpoint endpoint = zel_tracer_detail::parseEndpoint(std::getenv("ZEL_TRACE_ENDPOINT"));
+  std::unique_ptr<Sink> sink;
+  switch (endpoint.kind) {
+    case Endpoint::Kind::kNone:
+      return nullptr;
+    case Endpoint::Kind::kFile:
+      sink.reset(new FileSink(endpoint.location));
+      break;
+    case Endpoint::Kind::kHttp:
+      if (!curlReady()) return nullptr;
+      try {
+        sink.reset(new HttpSink(endpoint.location, name, HttpSettings::fromEnvironment()));
+      } catch (const std::system_error&) {
+        return nullptr;  // the sender thread could not be started
+      }
+      break;
   }
-
-  if (startsWith(target, kHttpScheme) || startsWith(target, kHttpsScheme)) {
-    const std::size_t schemeLen =
-        startsWith(target, kHttpScheme) ? sizeof(kHttpScheme) - 1 : sizeof(kHttpsScheme) - 1;
-    if (!curlReady() || !hasHost(target, schemeLen)) return nullptr;
-    std::unique_ptr<Sink> sink;
-    try {
-      sink.reset(new HttpSink(target, name, HttpSettings::fromEnvironment()));
-    } catch (const std::system_error&) {
-      return nullptr;  // the sender thread could not be started
-    }
-    // The memory is allocated before release() runs, so a failed
-    // allocation still frees the sink.
-    return new TracerClient(sink.release());
-  }
-  return nullptr;
+  // The memory is allocated before release() runs, so a failed allocation
+  // still frees the sink.
+  return new TracerClient(sink.release());
 }
 
 TracerClient::TracerClient(zel_tracer_detail::Sink* sink) : sink_(sink) {}

@@ -6,43 +6,86 @@
 //   file://<path>       Each posted document is appended to the file <path>
 //                       (created when missing) exactly as it came, followed
 //                       by one newline. postTrace() writes before it
-//                       returns, under a lock shared by every client of the
-//                       process, so the file is a stream of complete
-//                       documents: none is torn or interleaved with another,
-//                       whichever threads post. A stream of JSON documents
-//                       written this way is read by `jq . <path>`.
+//                       returns: one write() on a descriptor opened in
+//                       append mode (not inherited by child processes), so
+//                       the file is a stream of complete documents: none is
+//                       torn or interleaved with another, whichever threads
+//                       or processes append to it. A stream of JSON
+//                       documents written this way is read by
+//                       `jq . <path>`.
 //   http://host[:port]/path, https://...
-//                       Each document is sent as the body of one HTTP POST
-//                       with "Content-Type: application/json" (and the
-//                       header "X-Trace-Client: <name>" when the name is
-//                       printable ASCII), by the client's own sender thread,
-//                       in posting order. postTrace() only queues the
-//                       document. A 2xx answer delivers it. When the service
-//                       is unreachable (no connection, a timeout, no answer)
-//                       or answers 408, 429 or 5xx, the same document is
+//                       Documents are sent by the client's own sender
+//                       thread, in posting order, as the bodies of HTTP
+//                       POSTs over one connection that is kept open between
+//                       requests. postTrace() only queues the document.
+//                       Batches: a request carries up to
+//                       ZEL_TRACE_BATCH_MAX documents and
+//                       ZEL_TRACE_BATCH_BYTES bytes; the sender waits at
+//                       most ZEL_TRACE_BATCH_DELAY_MS from the post of a
+//                       batch's first document for the batch to fill
+//                       (deregister() sends at once). A batch of one
+//                       document is that document unchanged with
+//                       "Content-Type: application/json"; a batch of
+//                       several has one document per line, separated by
+//                       "\n", with "Content-Type: application/x-ndjson",
+//                       each document put on one line by leaving out its
+//                       line breaks and the spaces and tabs after them (for
+//                       a JSON text, whitespace between tokens only). With
+//                       ZEL_TRACE_GZIP=1 the body is compressed
+//                       ("Content-Encoding: gzip"). Every request carries
+//                       "X-Trace-Client: <name>" when the name is non-empty
+//                       printable ASCII, and no such header otherwise.
+//                       A 2xx answer delivers the batch. When the service is
+//                       unreachable (no connection, a timeout, no answer) or
+//                       answers 408, 429 or 5xx, the same batch, whole, is
 //                       tried again after a back-off that starts at
 //                       ZEL_TRACE_RETRY_MS and doubles up to
 //                       ZEL_TRACE_RETRY_MAX_MS; nothing behind it is lost
 //                       while the queue has room. Any other answer (a 4xx,
-//                       a redirect) rejects the document for good: it is
-//                       dropped and the next one is sent.
+//                       a redirect, which is never followed) rejects the
+//                       batch for good: it is dropped, one line
+//                       "zel_tracer: <n> document(s) dropped: <url> answered
+//                       <status>" goes to standard error, and the next batch
+//                       is sent. A libcurl error that no retry can mend (a
+//                       malformed URL or proxy setting, an unsupported
+//                       protocol) drops the batch too; the first such drop
+//                       of a client is reported on standard error, later
+//                       ones silently.
 //
-// Any other target, an empty one, a file target without a path or an HTTP
-// target without a host gives no client.
+// Any other target, an empty one, a file target without a path, an HTTP
+// target without a host or one that libcurl's URL parser refuses (spaces,
+// a bad port, a host without an ASCII form) gives no client.
 //
-// Tuning of HTTP clients, read from the environment by registerClient();
-// each is a positive decimal number, and an unset or invalid value takes
-// the default:
-//   ZEL_TRACE_CONNECT_TIMEOUT_MS  connection timeout, ms (default 2000)
-//   ZEL_TRACE_TIMEOUT_MS          whole-request timeout, ms (default 5000)
-//   ZEL_TRACE_RETRY_MS            first back-off, ms (default 250)
-//   ZEL_TRACE_RETRY_MAX_MS        longest back-off, ms (default 30000)
-//   ZEL_TRACE_QUEUE_MAX           documents queued at most, the one being
-//                                 sent included (default 1000)
-//   ZEL_TRACE_QUEUE_BYTES         bytes of documents queued at most, the one
-//                                 being sent included (default 8388608)
-//   ZEL_TRACE_DEREGISTER_MS       time deregister() keeps sending, ms
+// Tuning, read from the environment by registerClient(). Each numeric
+// setting is a whole decimal number of digits only; a value above its range
+// is taken as the range's top, and anything else (unset, empty, a sign,
+// letters, spaces, a value below the range) takes the default:
+//   ZEL_TRACE_CONNECT_TIMEOUT_MS  connection timeout, ms: 1 to 600000
+//                                 (default 2000)
+//   ZEL_TRACE_TIMEOUT_MS          whole-request timeout, ms: 1 to 3600000
 //                                 (default 5000)
+//   ZEL_TRACE_RETRY_MS            first back-off, ms: 1 to 3600000
+//                                 (default 250)
+//   ZEL_TRACE_RETRY_MAX_MS        longest back-off, ms: 1 to 3600000, never
+//                                 below ZEL_TRACE_RETRY_MS (default 30000)
+//   ZEL_TRACE_QUEUE_MAX           documents queued at most, those being
+//                                 sent included: 1 to 10000000 (default 1000)
+//   ZEL_TRACE_QUEUE_BYTES         bytes of documents queued at most, those
+//                                 being sent included: 1 to 1073741824
+//                                 (default 8388608)
+//   ZEL_TRACE_DEREGISTER_MS       time deregister() keeps sending, ms: 1 to
+//                                 3600000 (default 5000)
+//   ZEL_TRACE_BATCH_MAX           documents per request at most: 1 to
+//                                 100000 (default 500; 1 sends each alone)
+//   ZEL_TRACE_BATCH_BYTES         bytes per request at most, before
+//                                 compression, the newlines counted: 1 to
+//                                 67108864 (default 1048576); a larger
+//                                 document goes alone
+//   ZEL_TRACE_BATCH_DELAY_MS      longest wait for a batch to fill, ms: 0 to
+//                                 60000 (default 1000; 0 sends what is
+//                                 queued at once)
+//   ZEL_TRACE_GZIP                "1" compresses request bodies; anything
+//                                 else does not (default)
 //
 // Threads: an HTTP client owns one sender thread from registerClient() to
 // deregister(); a file client owns none. postTrace() may be called from any
@@ -93,16 +136,17 @@ class ZEL_TRACER_API TracerClient {
   // HTTP target: returns true when `text` was queued for sending, false when
   // the queue is full (ZEL_TRACE_QUEUE_MAX documents or
   // ZEL_TRACE_QUEUE_BYTES bytes; a document larger than the byte limit is
-  // always refused); a refused document is not kept. True does not mean
-  // that the service received it.
+  // always refused) or deregister() has begun; a refused document is not
+  // kept. True does not mean that the service received it.
   // Threads: any thread, at the same time as others; a file post blocks for
   // the write, an HTTP post only for the queue's lock.
   bool postTrace(const std::string& text);
 
   // Ends the client and frees it: the pointer is invalid when this returns.
-  // An HTTP client first keeps sending what is queued, retries included,
-  // for at most ZEL_TRACE_DEREGISTER_MS ms (a transfer still running then
-  // is cut off); documents still queued after that are dropped. Then its
+  // An HTTP client first sends what is queued at once, without waiting for
+  // batches to fill, retries included, for at most ZEL_TRACE_DEREGISTER_MS
+  // ms (a transfer still running then is cut off); documents still queued
+  // after that are dropped. Then its
   // sender thread is stopped and joined. Threads: blocks until the sender
   // thread has ended; call it once, after the last postTrace() returned.
   void deregister();

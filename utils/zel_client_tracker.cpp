@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <sstream>
 
 #include "tracer/tracer_client.h"
@@ -47,6 +49,31 @@ std::string hex16(uint16_t value) {
   return std::string(buf);
 }
 
+// The one lock of every tracker's registration, version and posting, and
+// the clients that trackers registered and have not deregistered yet.
+// Copies of a tracker share a client pointer: whichever deregisters it
+// first removes it here, so the others neither post to it nor deregister
+// it again. Never destroyed: a tracker may be used while static data goes
+// away at exit.
+struct TrackerState {
+  std::mutex mutex;
+  std::set<const TracerClient*> live;  // guarded by mutex
+};
+
+TrackerState& state() {
+  static TrackerState* s = new TrackerState;
+  return *s;
+}
+
+// Takes `client` out of the live set when it is in it and returns it, for
+// the caller to deregister once the lock is released (a deregistration may
+// take seconds); null when there is nothing to deregister. Called with the
+// lock held: no post can be running on the client then, and none can start
+// on it later.
+TracerClient* retireLocked(TracerClient* client) {
+  return (client != nullptr && state().live.erase(client) != 0) ? client : nullptr;
+}
+
 }  // namespace
 
 std::atomic<ZelClientTracker*> ZelClientTracker::sZelClientTracker{nullptr};
@@ -75,21 +102,39 @@ ZelClientTracker& ZelClientTracker::operator=(const ZelClientTracker& other) = d
 ZelClientTracker::~ZelClientTracker() = default;
 
 void ZelClientTracker::Init(const std::string& version) {
-  if (&version != &mVersion) mVersion = version;
-  mTracerClient = TracerClient::registerClient(kModuleName);
-  if (mTracerClient == nullptr && zel_log_level() >= kErrorLevel) {
+  TracerClient* client = nullptr;
+  TracerClient* replaced = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    if (&version != &mVersion) mVersion = version;
+    // The client this one replaces is given up, not leaked with its
+    // sender thread.
+    replaced = retireLocked(mTracerClient);
+    mTracerClient = TracerClient::registerClient(kModuleName);
+    if (mTracerClient != nullptr) state().live.insert(mTracerClient);
+    client = mTracerClient;
+  }
+  if (replaced != nullptr) replaced->deregister();
+  if (client == nullptr && zel_log_level() >= kErrorLevel) {
     log_print(kErrorLevel, 1, "[%s][%s %s %d] Error:trace registerClient is null !!!\n", "", kFile,
               "zel::ZelClientTracker::Init", __LINE__);
   }
 }
 
 void ZelClientTracker::Uninit() {
-  if (mTracerClient == nullptr) return;
-  mTracerClient->deregister();
-  mTracerClient = nullptr;
+  TracerClient* retired = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    retired = retireLocked(mTracerClient);
+    mTracerClient = nullptr;
+  }
+  if (retired != nullptr) retired->deregister();
 }
 
-void ZelClientTracker::initTrackJsonValue(Json::Value& value) { value[kKeyZelVersion] = mVersion; }
+void ZelClientTracker::initTrackJsonValue(Json::Value& value) {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  value[kKeyZelVersion] = mVersion;
+}
 
 void ZelClientTracker::SendTrackDevice(const std::string& event, ZelClientTrackDevice& device,
                                        const std::string& message) {
@@ -121,12 +166,20 @@ void ZelClientTracker::SendTrackError(const std::string& event, const std::strin
 }
 
 void ZelClientTracker::postTrace(const Json::Value& value) {
-  if (mTracerClient == nullptr) {
-    mTracerClient = TracerClient::registerClient(kModuleName);
-    if (mTracerClient == nullptr) return;
-  }
   const std::string text = convertJsonToStr(value);
-  const bool ok = mTracerClient->postTrace(text);
+  bool ok = false;
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    // A client that a copy of this tracker deregistered is gone: register
+    // anew, as without a client.
+    if (mTracerClient != nullptr && state().live.count(mTracerClient) == 0) mTracerClient = nullptr;
+    if (mTracerClient == nullptr) {
+      mTracerClient = TracerClient::registerClient(kModuleName);
+      if (mTracerClient == nullptr) return;
+      state().live.insert(mTracerClient);
+    }
+    ok = mTracerClient->postTrace(text);
+  }
   if (zel_log_level() >= kDebugLevel) {
     log_print(kDebugLevel, 1, "[%s][%s %s %d] Debug:zel client [%d] trace[%s]\n", "", kFile,
               "zel::ZelClientTracker::postTrace", __LINE__, ok ? 1 : 0, text.c_str());

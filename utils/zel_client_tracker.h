@@ -10,9 +10,10 @@
 //
 // Threads: the tracker has no thread, queue or buffer of its own. A send
 // builds its document and posts it on the caller's thread and returns when
-// TracerClient::postTrace() returns. Only GetInstance() is safe to call from
-// several threads at once; a caller that uses the other operations from
-// several threads serialises them itself.
+// TracerClient::postTrace() returns. Every operation may be called from
+// several threads at once: one process-wide lock, shared by all trackers
+// and their copies, covers registration, the version and each post (not
+// the building of the document, the debug line or a deregistration).
 //
 // Example:
 //   zel::ZelClientTracker* tracker = zel::ZelClientTracker::GetInstance();
@@ -65,8 +66,12 @@ class ZEL_API ZelClientTracker {
   // GetInstance() instead.
   ZelClientTracker();
 
-  // The copies share the client pointer and copy the version text. Defined
-  // out of line (as the compiler would) so that they are exported too.
+  // The copies share the client pointer and copy the version text. Whichever
+  // of them deregisters the client first (Uninit(), or Init() replacing it)
+  // ends it for all: the others then register anew on their next send and
+  // never deregister it a second time. Defined out of line so that they are
+  // exported too. Threads: not while `other` is being changed by another
+  // thread.
   ZelClientTracker(const ZelClientTracker& other);
   ZelClientTracker& operator=(const ZelClientTracker& other);
 
@@ -76,16 +81,19 @@ class ZEL_API ZelClientTracker {
 
   // Keeps `version` (sent as "zelVersion" in every later document) and
   // registers a tracing client under "zelModule", replacing the held one.
-  // A client registered earlier is abandoned, neither deregistered nor
-  // reused. When registration fails the tracker holds no client and logs
-  // "Error:trace registerClient is null !!!" (level 0, also handed to the
-  // log backends); the next send tries to register again. Threads: one
-  // thread at a time with the other operations.
+  // A client held before is deregistered (an HTTP client first sends what
+  // it has queued, for at most its deregister time), after the new one is
+  // registered and outside the lock. When registration fails the tracker
+  // holds no client and logs "Error:trace registerClient is null !!!"
+  // (level 0, also handed to the log backends); the next send tries to
+  // register again. Threads: any thread.
   void Init(const std::string& version);
 
-  // Deregisters the held client and forgets it; does nothing without one.
-  // The version is kept, and a later send registers again. Threads: one
-  // thread at a time with the other operations.
+  // Deregisters the held client and forgets it; does nothing without one,
+  // or when a copy of this tracker has already deregistered it. The version
+  // is kept, and a later send registers again. Threads: any thread; the
+  // deregistration runs outside the lock, so other threads' sends do not
+  // wait for it.
   void Uninit();
 
   // Posts a device event: "zelVersion", "eventType"
@@ -96,16 +104,16 @@ class ZEL_API ZelClientTracker {
   // registers one first; when that fails the document is dropped silently.
   // After the post it logs the debug line "Debug:zel client [1|0]
   // trace[<document>]" (level 3, also handed to the log backends), 1 when
-  // the client accepted the document. Threads: blocks the caller for as long
-  // as TracerClient::postTrace() takes; one thread at a time.
+  // the client accepted the document. Threads: any thread; blocks the
+  // caller for as long as TracerClient::postTrace() takes, under the lock.
   void SendTrackDevice(const std::string& event, ZelClientTrackDevice& device,
                        const std::string& message);
 
   // Posts an error event: "zelVersion", "eventType"
   // ("ZEL_TRACKER_TYPE_ERROR"), `event`, `errorCode` and `message`. Empty
   // texts are sent as empty strings. Registration, dropping and the debug
-  // line are as for SendTrackDevice(). Threads: blocks the caller for as
-  // long as TracerClient::postTrace() takes; one thread at a time.
+  // line are as for SendTrackDevice(). Threads: any thread; blocks the
+  // caller for as long as TracerClient::postTrace() takes, under the lock.
   void SendTrackError(const std::string& event, const std::string& errorCode,
                       const std::string& message);
 
