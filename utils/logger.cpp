@@ -4,7 +4,9 @@
 #include <cstring>
 #include <new>
 
+#include "utils/log_crash.h"
 #include "utils/log_file.h"
+#include "utils/log_retention.h"
 #include "utils/platform.h"
 
 namespace zel {
@@ -148,16 +150,13 @@ void Logger::writeLine(const char* text, std::size_t size, bool forward) {
   tOnWriterThread = true;
   const std::intptr_t file = getLogFp();
   if (file == platform::kNoFile) {
-    logConsole("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
+    // A refused directory was reported once; its lines go nowhere quietly.
+    if (!mLogFile->refused()) {
+      logConsole("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
+    }
     return;
   }
-  if (forward) {
-    std::shared_lock<std::shared_mutex> lock(mBackendLock);
-    if (!mBackends.empty()) {
-      const std::string line(text, size);
-      for (LogBackend* backend : mBackends) backend->Log(line);
-    }
-  }
+  if (forward) callBackends(text, size);
   // What fprintf(fp, "%s", text) does on an unbuffered stream: the text up
   // to its first NUL in one write; the count, 0 for an empty text, or -1
   // when the write failed.
@@ -168,6 +167,48 @@ void Logger::writeLine(const char* text, std::size_t size, bool forward) {
   logConsole("zel log write error,ret[%d] \n", static_cast<int>(ret));
   UpdateLogDir();
 }
+
+void Logger::callBackends(const char* text, std::size_t size) {
+  std::shared_lock<std::shared_mutex> lock(mBackendLock);
+  if (mBackends.empty()) return;
+  // An exception from a backend (or from copying the line) must not end
+  // the writer thread, and with it the process: it is counted, reported
+  // once, and the line still goes to the other backends and the file.
+  std::string line;
+  try {
+    line.assign(text, size);
+  } catch (...) {
+    backendFailed();
+    return;
+  }
+  for (LogBackend* backend : mBackends) {
+    try {
+      backend->Log(line);
+    } catch (...) {
+      backendFailed();
+    }
+  }
+}
+
+void Logger::backendFailed() {
+  if (mBackendFailures.fetch_add(1) == 0) {
+    logConsole(
+        "zel log: a log backend threw an exception; the line is still written "
+        "(reported once)\n");
+  }
+}
+
+uint64_t Logger::BackendFailures() const { return mBackendFailures.load(); }
+
+int Logger::InstallCrashHandler() {
+  try {
+    return crash::install(GetInstance());
+  } catch (...) {
+    return -1;
+  }
+}
+
+void Logger::SetRetention(int days, std::int64_t totalBytes) { retention::set(days, totalBytes); }
 
 std::intptr_t Logger::getLogFp() { return mToFile ? getFile() : platform::standardError(); }
 
@@ -196,22 +237,47 @@ using zel::Logger;
 
 extern "C" {
 
+// No exception leaves these functions: each catches everything and behaves
+// as its declaration says for a failure.
+
 void zel_set_log_path(const char* path) {
   if (path[0] == '\0') return;
-  Logger::SetLogPath(path);
+  try {
+    Logger::SetLogPath(path);
+  } catch (...) {
+    // Out of memory: the base stays as it was.
+  }
 }
 
 int zel_get_log_path(char* buffer, int size) {
   if (buffer == nullptr || size < 1) return -1;
-  const std::string dir = Logger::GetLogPath();
-  if (dir.empty()) return -1;
-  std::strncpy(buffer, dir.c_str(), static_cast<std::size_t>(size) - 1);
-  return 0;
+  try {
+    const std::string dir = Logger::GetLogPath();
+    if (dir.empty()) return -1;
+    std::strncpy(buffer, dir.c_str(), static_cast<std::size_t>(size) - 1);
+    return 0;
+  } catch (...) {
+    return -1;
+  }
 }
 
 void zel_log_flush(void) {
-  Logger* logger = Logger::sLogger.load(std::memory_order_acquire);
-  if (logger != nullptr) logger->Flush();
+  try {
+    Logger* logger = Logger::sLogger.load(std::memory_order_acquire);
+    if (logger != nullptr) logger->Flush();
+  } catch (...) {
+    // The barrier could not be posted or waited for: return.
+  }
+}
+
+int zel_log_install_crash_handler(void) { return Logger::InstallCrashHandler(); }
+
+void zel_set_log_retention(int days, long long total_bytes) {
+  try {
+    Logger::SetRetention(days, static_cast<std::int64_t>(total_bytes));
+  } catch (...) {
+    // A lock failure: the settings stay as they were.
+  }
 }
 
 }  // extern "C"
