@@ -44,6 +44,16 @@ class FlushMessage : public Message {
   State* state_;
 };
 
+// Counts an exception thrown by a backend into `failures` and reports the
+// first one.
+void countBackendFailure(std::atomic<uint64_t>* failures) {
+  if (failures->fetch_add(1) == 0) {
+    logConsole(
+        "zel log: a log backend threw an exception; the line is still written "
+        "(reported once)\n");
+  }
+}
+
 }  // namespace
 
 std::atomic<Logger*> Logger::sLogger{nullptr};
@@ -156,7 +166,26 @@ void Logger::writeLine(const char* text, std::size_t size, bool forward) {
     }
     return;
   }
-  if (forward) callBackends(text, size);
+  if (forward) {
+    // An exception from a backend (or from copying the line) must not end
+    // the writer thread, and with it the process: it is counted, reported
+    // once, and the line still goes to the other backends and the file.
+    std::shared_lock<std::shared_mutex> lock(mBackendLock);
+    if (!mBackends.empty()) {
+      try {
+        const std::string line(text, size);
+        for (LogBackend* backend : mBackends) {
+          try {
+            backend->Log(line);
+          } catch (...) {
+            countBackendFailure(&mBackendFailures);
+          }
+        }
+      } catch (...) {
+        countBackendFailure(&mBackendFailures);
+      }
+    }
+  }
   // What fprintf(fp, "%s", text) does on an unbuffered stream: the text up
   // to its first NUL in one write; the count, 0 for an empty text, or -1
   // when the write failed.
@@ -166,36 +195,6 @@ void Logger::writeLine(const char* text, std::size_t size, bool forward) {
   if (ret > 0) return;
   logConsole("zel log write error,ret[%d] \n", static_cast<int>(ret));
   UpdateLogDir();
-}
-
-void Logger::callBackends(const char* text, std::size_t size) {
-  std::shared_lock<std::shared_mutex> lock(mBackendLock);
-  if (mBackends.empty()) return;
-  // An exception from a backend (or from copying the line) must not end
-  // the writer thread, and with it the process: it is counted, reported
-  // once, and the line still goes to the other backends and the file.
-  std::string line;
-  try {
-    line.assign(text, size);
-  } catch (...) {
-    backendFailed();
-    return;
-  }
-  for (LogBackend* backend : mBackends) {
-    try {
-      backend->Log(line);
-    } catch (...) {
-      backendFailed();
-    }
-  }
-}
-
-void Logger::backendFailed() {
-  if (mBackendFailures.fetch_add(1) == 0) {
-    logConsole(
-        "zel log: a log backend threw an exception; the line is still written "
-        "(reported once)\n");
-  }
 }
 
 uint64_t Logger::BackendFailures() const { return mBackendFailures.load(); }

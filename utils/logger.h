@@ -254,10 +254,6 @@ class ZEL_API Logger : public LogBackend {
   // Returns the file to write to (an operating-system handle), rotating
   // first when needed; -1 when no file can be opened.
   std::intptr_t getFile();
-  // Hands the line to every registered backend, catching what they throw.
-  void callBackends(const char* text, std::size_t size);
-  // Counts an exception of a backend and reports the first.
-  void backendFailed();
   // The file choice of the write handler: getFile() or standard error.
   std::intptr_t getLogFp();
   // Same as the directory part of init(); returns 0. Not used by the
