@@ -21,6 +21,10 @@ struct Settings {
   bool due = false;
 };
 
+// True while settings wait to be applied: the writer tests it for every line
+// without taking the lock.
+std::atomic<bool> sDue{false};
+
 Settings& settings() {
   static Settings* s = new Settings;  // never destroyed: the writer may run at exit
   return *s;
@@ -56,13 +60,16 @@ void set(int days, int64_t totalBytes) {
   s.days = days > 0 ? days : 0;
   s.totalBytes = totalBytes > 0 ? totalBytes : 0;
   s.due = true;
+  sDue.store(true);
 }
 
 bool takeDue(int* days, int64_t* totalBytes) {
+  if (!sDue.load(std::memory_order_acquire)) return false;
   Settings& s = settings();
   std::lock_guard<std::mutex> lock(s.mutex);
   if (!s.due) return false;
   s.due = false;
+  sDue.store(false);
   if (s.days == 0 && s.totalBytes == 0) return false;
   *days = s.days;
   *totalBytes = s.totalBytes;
@@ -73,6 +80,7 @@ void markDue() {
   Settings& s = settings();
   std::lock_guard<std::mutex> lock(s.mutex);
   s.due = true;
+  sDue.store(true);
 }
 
 int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {

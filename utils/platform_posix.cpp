@@ -277,11 +277,12 @@ bool installFatalHandler(FatalHook hook) {
   // overflow of this thread too. The stack is never freed: the handler may
   // run until the process ends.
   constexpr std::size_t kAltStackSize = 64 * 1024;
-  stack_t stack{};
-  stack.ss_sp = std::malloc(kAltStackSize);
-  if (stack.ss_sp != nullptr) {
+  static void* altStack = std::malloc(kAltStackSize);
+  if (altStack != nullptr) {
+    stack_t stack{};
+    stack.ss_sp = altStack;
     stack.ss_size = kAltStackSize;
-    if (sigaltstack(&stack, nullptr) != 0) std::free(stack.ss_sp);
+    sigaltstack(&stack, nullptr);
   }
   sFatalHook = hook;
   struct sigaction action {};
