@@ -397,6 +397,12 @@ void ExpectDrainedThenFatalLine(const CrashResult& result, int sig) {
   }
   EXPECT_TRUE(std::regex_match(lines.back(), std::regex(FatalLinePattern(sig, result.faultingTid))))
       << lines.back();
+  // The fatal line's local date and hour, made without the C library, are
+  // those of the line before it (made by log_print).
+  const std::string before = lines[lines.size() - 2];
+  const std::string fatal = lines.back();
+  EXPECT_EQ(fatal.substr(0, fatal.find(':')), before.substr(0, before.find(':')))
+      << before << fatal;
 }
 
 TEST(CrashDrainTest, NullPointerWritesEveryQueuedLineThenTheFatalLine) {

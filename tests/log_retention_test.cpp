@@ -5,8 +5,10 @@
 // foreign files and links, which must be left alone.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -199,6 +201,73 @@ TEST(LogRetentionTest, SetAfterStartUpAppliesAtTheNextLine) {
   zel_log_flush();
   out.Stop();
   EXPECT_FALSE(FileExists(day9));
+}
+
+// Runs the test `test` of this executable again in a child process whose
+// wall clock starts at `start` (local time, TZ=UTC) under faketime, with
+// the base `base` in the environment. Returns the child's exit status.
+constexpr char kChildBaseVariable[] = "ZEL_TEST_CHILD_BASE";
+
+int RunSelfUnderFaketime(const std::string& start, const std::string& test,
+                         const std::string& base) {
+  char self[4096] = {0};
+  if (readlink("/proc/self/exe", self, sizeof(self) - 1) <= 0) return -1;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setenv(kChildBaseVariable, base.c_str(), 1);
+    setenv("TZ", "UTC", 1);
+    setenv("FAKETIME_DONT_FAKE_MONOTONIC", "1", 1);
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    const std::string asanOptions =
+        std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0";
+    setenv("ASAN_OPTIONS", asanOptions.c_str(), 1);
+    const std::string filter = "--gtest_filter=" + test;
+    execlp("faketime", "faketime", "-f", ("@" + start).c_str(), self, filter.c_str(),
+           static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+TEST(LogRetentionTest, AppliedAtStartUpAndAgainAfterTheChangeOfDay) {
+  if (const char* childBase = std::getenv(kChildBaseVariable)) {
+    // Child, under a clock that starts 3 s before midnight of 22 November.
+    const std::string base = childBase;
+    Logger::SetRetention(3, 0);
+    LogOneLine(base);
+    // At start-up on the 22nd: the 18th is more than 3 days old, the 19th
+    // not yet.
+    ASSERT_FALSE(FileExists(base + "20261118"));
+    ASSERT_TRUE(FileExists(base + "20261119/zel.log.a.090000.txt"));
+    ASSERT_TRUE(zel_test::WaitFor(
+        [] {
+          std::time_t t = std::time(nullptr);
+          std::tm tm{};
+          localtime_r(&t, &tm);
+          return tm.tm_mday == 23;
+        },
+        std::chrono::milliseconds(20000)));
+    log_print(3, 0, "after midnight\n");
+    zel_log_flush();
+    return;
+  }
+  TempDir tmp;
+  for (const char* day : {"20261118", "20261119", "20261120"}) {
+    const std::string dir = tmp.path() + day + "/";
+    mkdir(dir.c_str(), 0700);
+    MakeFile(dir + "zel.log.a.090000.txt", 10);
+  }
+  ASSERT_EQ(RunSelfUnderFaketime("2026-11-22 23:59:57",
+                                 "LogRetentionTest.AppliedAtStartUpAndAgainAfterTheChangeOfDay",
+                                 tmp.path()),
+            0);
+  // On the 23rd the 19th is more than 3 days old; the 20th stays.
+  EXPECT_FALSE(FileExists(tmp.path() + "20261118"));
+  EXPECT_FALSE(FileExists(tmp.path() + "20261119"));
+  EXPECT_TRUE(FileExists(tmp.path() + "20261120/zel.log.a.090000.txt"));
+  EXPECT_TRUE(FileExists(tmp.path() + "20261123"));
 }
 
 }  // namespace
