@@ -4,17 +4,28 @@
 // of the live file (the write under way), each thread's lines must be in
 // posting order without a gap or a duplicate, and every line for which a
 // Flush() had returned before the kill must be there.
+//
+// The crash drain: a child installs it, logs from several threads through a
+// slow writer and then faults (a null pointer, abort(), a raised signal);
+// every line it queued must be in the file, followed by the fatal line, and
+// it must die of the same signal as without the drain.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cinttypes>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <random>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -178,6 +189,263 @@ TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
   // not written anything yet.
   EXPECT_GT(roundsWithLines, kRounds / 2);
   munmap(shared, sizeof(Shared));
+}
+
+// ---------------------------------------------------------------------------
+// The crash drain.
+
+constexpr int kCrashLinesPerThread = 500;
+
+// What the crashing child tells the test through shared memory.
+struct CrashShared {
+  std::atomic<uint64_t> faultingTid;
+  std::atomic<int64_t> linesInFileBeforeFault;  // -1 until known
+  std::atomic<int> installResult;
+};
+
+// A backend that holds up the writer: each line costs it `delay`.
+class SlowBackend : public zel::LogBackend {
+ public:
+  explicit SlowBackend(std::chrono::microseconds delay) : delay_(delay) {}
+  void Log(const std::string&) override { std::this_thread::sleep_for(delay_); }
+
+ private:
+  std::chrono::microseconds delay_;
+};
+
+// A backend that never returns: the writer stays blocked in it.
+class StuckBackend : public zel::LogBackend {
+ public:
+  void Log(const std::string&) override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    cond_.wait(lock, [] { return false; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+};
+
+enum class Fault { kNullPointer, kAbort, kRaiseBus };
+
+int SignalOf(Fault fault) {
+  switch (fault) {
+    case Fault::kNullPointer:
+      return SIGSEGV;
+    case Fault::kAbort:
+      return SIGABRT;
+    case Fault::kRaiseBus:
+      return SIGBUS;
+  }
+  return 0;
+}
+
+const char* NameOf(int sig) {
+  switch (sig) {
+    case SIGSEGV:
+      return "SIGSEGV";
+    case SIGABRT:
+      return "SIGABRT";
+    case SIGBUS:
+      return "SIGBUS";
+    default:
+      return "?";
+  }
+}
+
+int CountNewlines(const std::string& path) {
+  return zel_test::CountOccurrences(ReadFile(path), "\n");
+}
+
+// The live file of the child's one day directory under `base`.
+std::string LiveFile(const std::string& base) {
+  for (const std::string& day : ListDir(base)) {
+    for (const std::string& name : ListDir(base + day)) {
+      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) {
+        return base + day + "/" + name;
+      }
+    }
+  }
+  return std::string();
+}
+
+void Crash(Fault fault) {
+  switch (fault) {
+    case Fault::kNullPointer: {
+      // An address in the unmapped page at null; not null itself, so that
+      // the undefined-behaviour sanitizer lets the fault happen.
+      volatile std::uintptr_t address = 16;
+      *reinterpret_cast<volatile int*>(address) = 1;
+      break;
+    }
+    case Fault::kAbort:
+      std::abort();
+    case Fault::kRaiseBus:
+      raise(SIGBUS);
+      break;
+  }
+}
+
+// A previous handler of the application: appends a marker to the file
+// whose descriptor it was given, then lets the signal end the process.
+int sPriorMarkerFd = -1;
+void PriorHandler(int sig) {
+  const char marker[] = "prior handler ran\n";
+  if (write(sPriorMarkerFd, marker, sizeof(marker) - 1) < 0) _exit(97);
+  signal(sig, SIG_DFL);
+  raise(sig);
+}
+
+// The child: installs the crash drain (after `prior` as the application's
+// own handler of the fault's signal, when given), logs kCrashLinesPerThread
+// lines from each of kThreads threads through a writer slowed down by a
+// backend (or stuck in one), then faults.
+[[noreturn]] void RunCrashChild(const std::string& base, CrashShared* shared, Fault fault,
+                                bool stuckWriter, const std::string& priorMarker) {
+  // A plain application: the default actions (a sanitizer's own handlers
+  // would change the exit status), and no core file.
+  for (int sig : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT}) signal(sig, SIG_DFL);
+  struct rlimit noCore = {0, 0};
+  setrlimit(RLIMIT_CORE, &noCore);
+  if (!priorMarker.empty()) {
+    sPriorMarkerFd = open(priorMarker.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    signal(SignalOf(fault), PriorHandler);
+  }
+  // The drain tests wait as long as a loaded machine under a sanitizer may
+  // need; the test of a stuck writer sets its own short wait.
+  setenv("ZEL_LOG_CRASH_WAIT_MS", "30000", 0);
+  zel_set_log_level(-1);
+  zel_set_log_path(base.c_str());
+  shared->installResult.store(zel_log_install_crash_handler());
+  zel::Logger* logger = zel::Logger::GetInstance();
+  static SlowBackend slow(std::chrono::microseconds(200));
+  static StuckBackend stuck;
+  logger->RegisterBackend(stuckWriter ? static_cast<zel::LogBackend*>(&stuck) : &slow);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int seq = 0; seq < kCrashLinesPerThread; ++seq) log_print(3, 1, "T %d %d\n", t, seq);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const std::string live = LiveFile(base);
+  shared->linesInFileBeforeFault.store(live.empty() ? 0 : CountNewlines(live));
+  shared->faultingTid.store(static_cast<uint64_t>(zel_test::OsThreadId()));
+  Crash(fault);
+  _exit(98);  // not reached: the fault ends the process
+}
+
+struct CrashResult {
+  int status = 0;
+  std::chrono::milliseconds took{0};
+  std::string log;
+  int64_t linesBeforeFault = -1;
+  uint64_t faultingTid = 0;
+  int installResult = -2;
+};
+
+CrashResult RunCrash(const std::string& base, Fault fault, bool stuckWriter,
+                     const std::string& priorMarker = std::string()) {
+  auto* shared = static_cast<CrashShared*>(mmap(
+      nullptr, sizeof(CrashShared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  CrashResult result;
+  if (shared == MAP_FAILED) return result;
+  shared->faultingTid.store(0);
+  shared->linesInFileBeforeFault.store(-1);
+  shared->installResult.store(-2);
+  const pid_t child = fork();
+  if (child == 0) RunCrashChild(base, shared, fault, stuckWriter, priorMarker);
+  // Measured from the moment the child has decided to fault.
+  WaitFor([shared] { return shared->faultingTid.load() != 0; }, std::chrono::milliseconds(60000));
+  const auto start = std::chrono::steady_clock::now();
+  waitpid(child, &result.status, 0);
+  result.took = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - start);
+  result.linesBeforeFault = shared->linesInFileBeforeFault.load();
+  result.faultingTid = shared->faultingTid.load();
+  result.installResult = shared->installResult.load();
+  const std::string live = LiveFile(base);
+  if (!live.empty()) result.log = ReadFile(live);
+  munmap(shared, sizeof(CrashShared));
+  return result;
+}
+
+std::string FatalLinePattern(int sig, uint64_t tid) {
+  return R"(\[\d+-\d+ \d\d:\d\d:\d\d\.\d\d\d\]\[tid:)" + std::to_string(tid) +
+         R"(\] zel log: fatal signal )" + std::to_string(sig) + " \\(" + NameOf(sig) + "\\)\n";
+}
+
+// Every queued line is in the file, each thread's in order, followed by the
+// fatal line and nothing else.
+void ExpectDrainedThenFatalLine(const CrashResult& result, int sig) {
+  ASSERT_EQ(result.installResult, 0);
+  ASSERT_TRUE(WIFSIGNALED(result.status)) << "status " << result.status;
+  EXPECT_EQ(WTERMSIG(result.status), sig);
+  // The writer was behind when the fault came: the drain had work to do.
+  EXPECT_LT(result.linesBeforeFault, kThreads * kCrashLinesPerThread);
+  const std::vector<std::string> lines = zel_test::SplitLines(result.log);
+  ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kCrashLinesPerThread + 1));
+  std::vector<int> next(kThreads, 0);
+  static const std::regex logged(R"(\[\d+-\d+ [\d:.]+\]\[tid:\d+\] T (\d) (\d+)\n)");
+  for (std::size_t i = 0; i + 1 < lines.size(); ++i) {
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(lines[i], match, logged)) << "line " << i << ": " << lines[i];
+    const int t = std::stoi(match[1]);
+    ASSERT_LT(t, kThreads);
+    EXPECT_EQ(std::stoi(match[2]), next[static_cast<std::size_t>(t)]) << "thread " << t;
+    ++next[static_cast<std::size_t>(t)];
+  }
+  EXPECT_TRUE(std::regex_match(lines.back(), std::regex(FatalLinePattern(sig, result.faultingTid))))
+      << lines.back();
+  // The fatal line's local date and hour, made without the C library, are
+  // those of the line before it (made by log_print).
+  const std::string before = lines[lines.size() - 2];
+  const std::string fatal = lines.back();
+  EXPECT_EQ(fatal.substr(0, fatal.find(':')), before.substr(0, before.find(':')))
+      << before << fatal;
+}
+
+TEST(CrashDrainTest, NullPointerWritesEveryQueuedLineThenTheFatalLine) {
+  TempDir dir;
+  ExpectDrainedThenFatalLine(RunCrash(dir.path(), Fault::kNullPointer, false), SIGSEGV);
+}
+
+TEST(CrashDrainTest, AbortWritesEveryQueuedLineThenTheFatalLine) {
+  TempDir dir;
+  ExpectDrainedThenFatalLine(RunCrash(dir.path(), Fault::kAbort, false), SIGABRT);
+}
+
+TEST(CrashDrainTest, RaisedSignalWritesEveryQueuedLineThenTheFatalLine) {
+  TempDir dir;
+  ExpectDrainedThenFatalLine(RunCrash(dir.path(), Fault::kRaiseBus, false), SIGBUS);
+}
+
+TEST(CrashDrainTest, PreviousHandlerStillRunsAfterTheDrain) {
+  TempDir dir;
+  const std::string marker = dir.path() + "marker";
+  const CrashResult result = RunCrash(dir.path() + "log/", Fault::kNullPointer, false, marker);
+  ExpectDrainedThenFatalLine(result, SIGSEGV);
+  EXPECT_EQ(ReadFile(marker), "prior handler ran\n");
+}
+
+TEST(CrashDrainTest, BlockedWriterStillDiesWithinTheWait) {
+  TempDir dir;
+  setenv("ZEL_LOG_CRASH_WAIT_MS", "500", 1);
+  const CrashResult result = RunCrash(dir.path(), Fault::kNullPointer, true);
+  unsetenv("ZEL_LOG_CRASH_WAIT_MS");
+  ASSERT_EQ(result.installResult, 0);
+  ASSERT_TRUE(WIFSIGNALED(result.status));
+  EXPECT_EQ(WTERMSIG(result.status), SIGSEGV);
+  // It waited for the writer, then gave up: not before the wait, and not
+  // for ever (generous bound for a loaded machine).
+  EXPECT_GE(result.took.count(), 500);
+  EXPECT_LT(result.took.count(), 10000);
+  // The writer is stuck in the backend with the first line: nothing was
+  // written but the fatal line.
+  const std::vector<std::string> lines = zel_test::SplitLines(result.log);
+  ASSERT_EQ(lines.size(), 1u) << result.log;
+  EXPECT_TRUE(std::regex_match(lines[0], std::regex(FatalLinePattern(SIGSEGV, result.faultingTid))))
+      << lines[0];
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <limits>
 #include <mutex>
 
+#include "utils/log_crash.h"
+#include "utils/log_retention.h"
 #include "utils/process_path.h"
 
 namespace zel {
@@ -112,9 +114,12 @@ std::string LogFile::getPrefix() {
   if (mCurDate == date && !texts.dirPrefix.empty()) return texts.dirPrefix;
 
   mCurDate = date;
+  retention::markDue();  // start-up or a change of day
   platform::formatStartTime(mStartTimeBuf, sizeof(mStartTimeBuf), tm);
   mStartTime = mStartTimeBuf;
   mProcessName = processName;
+  mBase =
+      texts.fixedDirPrefix.empty() ? std::string(platform::kDefaultLogBase) : texts.fixedDirPrefix;
   if (texts.fixedDirPrefix.empty()) {
     texts.dirPrefix = std::string(platform::kDefaultLogBase) + date;
     std::string dir = texts.dirPrefix;
@@ -173,10 +178,14 @@ platform::FileHandle LogFile::getFile() {
     // compares as larger than the limit.
     const bool rotate =
         (regular && position > mMaxFileSize.load()) || mCurDate != todayDateDir() || !regular;
-    if (!rotate) return mFile;
+    if (!rotate) {
+      applyRetentionIfDue();
+      return mFile;
+    }
 
     // Rotate: log.txt -> log.<index>; the counter steps on even when the
     // rename fails, and the file that falls out of the kept set is deleted.
+    crash::setLiveFile(platform::kNoFile);
     platform::closeFile(mFile);
     char rotated[kPathSize] = {0};
     buildLogFilePath(rotated, mLogDir, mDirLen, mProcessName, mStartTime,
@@ -194,11 +203,63 @@ platform::FileHandle LogFile::getFile() {
   updateLogDir();
   std::memset(mFilePath, 0, sizeof(mFilePath));
   buildLogFilePath(mFilePath, mLogDir, mDirLen, mProcessName, mStartTime, "txt");
+  if (!directoryIsSafe()) return platform::kNoFile;
   mFile = platform::openAppend(mFilePath);
+  if (mFile == platform::kNoFile &&
+      platform::checkDirectory(mFilePath, false) == platform::DirCheck::kLink) {
+    mFileOffset = -1;
+    mRunPosition = -1;
+    refuse(mFilePath, platform::DirCheck::kLink);
+    return mFile;
+  }
   // The first line lands at the end of what the file holds already.
   mFileOffset = mFile != platform::kNoFile ? platform::fileSize(mFile) : -1;
   mRunPosition = mFileOffset;
+  mRefused = false;
+  crash::setLiveFile(mFile);
+  if (mFile != platform::kNoFile) applyRetentionIfDue();
   return mFile;
+}
+
+bool LogFile::directoryIsSafe() {
+  // The directory that holds the day directories may be reached through a
+  // link the user chose; the day directory itself must be a real directory.
+  std::string dayDir(mFilePath, std::strlen(mFilePath));
+  dayDir.erase(dayDir.find_last_of("/\\") + 1);
+  while (!dayDir.empty() && (dayDir.back() == '/' || dayDir.back() == '\\')) dayDir.pop_back();
+  const std::size_t cut = dayDir.find_last_of("/\\");
+  std::string holder = cut == std::string::npos ? std::string(".") : dayDir.substr(0, cut + 1);
+  if (holder.size() > 1) holder.pop_back();  // "/a/b/" -> "/a/b"; "/" stays
+  platform::DirCheck check = platform::checkDirectory(holder.c_str(), true);
+  if (check != platform::DirCheck::kOk && check != platform::DirCheck::kMissing) {
+    refuse(holder, check);
+    return false;
+  }
+  check = platform::checkDirectory(dayDir.c_str(), false);
+  if (check != platform::DirCheck::kOk && check != platform::DirCheck::kMissing) {
+    refuse(dayDir, check);
+    return false;
+  }
+  return true;
+}
+
+void LogFile::refuse(const std::string& path, platform::DirCheck check) {
+  mRefused = true;
+  std::string text = path + ": " + platform::dirCheckText(check);
+  if (text == mRefusal) return;  // reported once
+  mRefusal = text;
+  logConsole("zel log: refusing to write the log into %s; lines are dropped\n", text.c_str());
+}
+
+void LogFile::applyRetentionIfDue() {
+  int days = 0;
+  int64_t totalBytes = 0;
+  if (!retention::takeDue(&days, &totalBytes)) return;
+  if (mCurDate.size() < 8) return;
+  const int64_t today = retention::daysFromCivil(
+      std::stoi(mCurDate.substr(0, 4)), static_cast<unsigned>(std::stoi(mCurDate.substr(4, 2))),
+      static_cast<unsigned>(std::stoi(mCurDate.substr(6, 2))));
+  retention::apply(mBase, days, totalBytes, mFilePath, today);
 }
 
 void LogFile::updateLogFile(unsigned char index) {

@@ -92,8 +92,22 @@ class LogFile {
   // -1 otherwise; then a run holds one line and the next getFile() asks
   // the file again.
   int64_t runPosition() const { return mRunPosition; }
+  // True while the directory or the live file was refused as unsafe (owned
+  // by another user, writable by others, a link): lines then go nowhere,
+  // and the refusal has been reported once on standard output.
+  bool refused() const { return mRefused; }
 
  private:
+  // Checks the directory that holds the day directories (links followed:
+  // the user may have chosen a link) and the day directory (no link) of the
+  // live file's path; refuses them with refuse() when unsafe.
+  bool directoryIsSafe();
+  // Records a refusal of `path` and reports it once.
+  void refuse(const std::string& path, platform::DirCheck check);
+  // Applies the retention settings when they are due (start-up, change of
+  // day, new settings).
+  void applyRetentionIfDue();
+
   // Today's date directory "YYYYMMDD/" (local time), converted at most once
   // per second of the wall clock.
   const char* todayDateDir();
@@ -102,6 +116,9 @@ class LogFile {
   std::string mStartTime;    // "hhmmss" at which the directory was chosen
   std::string mProcessName;  // executable file name, for the file names
   std::string mCurDate;      // "YYYYMMDD/" of the current directory
+  std::string mBase;         // the base the current directory was built on
+  bool mRefused = false;     // the directory or file was refused as unsafe
+  std::string mRefusal;      // the last refusal reported
   uint64_t mDirLen = 0;      // length of mLogDir measured by logFileInit()
   std::atomic<int32_t> mMaxFileCount;
   std::atomic<int32_t> mMaxFileSize;

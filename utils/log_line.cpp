@@ -338,13 +338,19 @@ int log_print(int level, int flag, const char* format, ...) {
   const std::size_t lineLen = zel::formatLogLine(line, format, args);
   va_end(args);
 
-  Logger* logger = zel::sCachedLogger.load(std::memory_order_acquire);
-  if (logger == nullptr) {
-    logger = Logger::GetInstance();
-    zel::sCachedLogger.store(logger, std::memory_order_release);
-    if (logger == nullptr) return 0;
+  // No exception leaves log_print: a Logger that cannot be made (memory, a
+  // thread that cannot start) or a line that cannot be queued drops the
+  // line.
+  try {
+    Logger* logger = zel::sCachedLogger.load(std::memory_order_acquire);
+    if (logger == nullptr) {
+      logger = Logger::GetInstance();
+      zel::sCachedLogger.store(logger, std::memory_order_release);
+      if (logger == nullptr) return 0;
+    }
+    logger->postLine(line, lineLen, level, flag != 0);
+  } catch (...) {
   }
-  logger->postLine(line, lineLen, level, flag != 0);
   return 0;
 }
 

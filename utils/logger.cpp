@@ -6,8 +6,10 @@
 #include <thread>
 #include <vector>
 
+#include "utils/log_crash.h"
 #include "utils/log_file.h"
 #include "utils/log_line.h"
+#include "utils/log_retention.h"
 #include "utils/platform.h"
 
 namespace zel {
@@ -150,6 +152,20 @@ class Logger::LineQueue {
 
   static std::atomic<void*> sSpareDrain;  // the memory of one drain message
 };
+
+namespace {
+
+// Counts an exception thrown by a backend into `failures` and reports the
+// first one.
+void countBackendFailure(std::atomic<uint64_t>* failures) {
+  if (failures->fetch_add(1) == 0) {
+    logConsole(
+        "zel log: a log backend threw an exception; the line is still written "
+        "(reported once)\n");
+  }
+}
+
+}  // namespace
 
 std::atomic<void*> Logger::LineQueue::sSpareDrain{nullptr};
 
@@ -339,8 +355,21 @@ void Logger::LineQueue::writeDropNotice(uint64_t count) {
 void Logger::LineQueue::forward(const char* text, std::size_t size) {
   std::shared_lock<std::shared_mutex> lock(logger_->mBackendLock);
   if (logger_->mBackends.empty()) return;
-  const std::string line(text, size);
-  for (LogBackend* backend : logger_->mBackends) backend->Log(line);
+  // An exception from a backend (or from copying the line) must not end the
+  // writer thread, and with it the process: it is counted, reported once,
+  // and the line still goes to the other backends and the file.
+  try {
+    const std::string line(text, size);
+    for (LogBackend* backend : logger_->mBackends) {
+      try {
+        backend->Log(line);
+      } catch (...) {
+        countBackendFailure(&logger_->mBackendFailures);
+      }
+    }
+  } catch (...) {
+    countBackendFailure(&logger_->mBackendFailures);
+  }
 }
 
 void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, std::size_t count) {
@@ -358,7 +387,10 @@ void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, 
     // replaced from outside) are made here, once, with one status query.
     const std::intptr_t handle = logger_->getLogFp();
     if (handle == platform::kNoFile) {
-      logConsole("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
+      // A refused directory was reported once; its lines go nowhere quietly.
+      if (!file.refused()) {
+        logConsole("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
+      }
       offset += static_cast<std::size_t>(records[i] & kRecordValue);
       ++i;
       continue;
@@ -510,6 +542,18 @@ void Logger::writeLine(const char* text, std::size_t size, bool forward) {
   mQueue->writeOne(text, size, forward);
 }
 
+uint64_t Logger::BackendFailures() const { return mBackendFailures.load(); }
+
+int Logger::InstallCrashHandler() {
+  try {
+    return crash::install(GetInstance());
+  } catch (...) {
+    return -1;
+  }
+}
+
+void Logger::SetRetention(int days, std::int64_t totalBytes) { retention::set(days, totalBytes); }
+
 std::intptr_t Logger::getLogFp() { return mToFile ? getFile() : platform::standardError(); }
 
 std::intptr_t Logger::getFile() { return mLogFile->getFile(); }
@@ -537,27 +581,56 @@ using zel::Logger;
 
 extern "C" {
 
+// No exception leaves these functions: each catches everything and behaves
+// as its declaration says for a failure.
+
 void zel_set_log_path(const char* path) {
   if (path[0] == '\0') return;
-  Logger::SetLogPath(path);
+  try {
+    Logger::SetLogPath(path);
+  } catch (...) {
+    // Out of memory: the base stays as it was.
+  }
 }
 
 int zel_get_log_path(char* buffer, int size) {
   if (buffer == nullptr || size < 1) return -1;
-  const std::string dir = Logger::GetLogPath();
-  if (dir.empty()) return -1;
-  std::strncpy(buffer, dir.c_str(), static_cast<std::size_t>(size) - 1);
-  return 0;
+  try {
+    const std::string dir = Logger::GetLogPath();
+    if (dir.empty()) return -1;
+    std::strncpy(buffer, dir.c_str(), static_cast<std::size_t>(size) - 1);
+    return 0;
+  } catch (...) {
+    return -1;
+  }
 }
 
 void zel_log_flush(void) {
-  Logger* logger = Logger::sLogger.load(std::memory_order_acquire);
-  if (logger != nullptr) logger->Flush();
+  try {
+    Logger* logger = Logger::sLogger.load(std::memory_order_acquire);
+    if (logger != nullptr) logger->Flush();
+  } catch (...) {
+    // The barrier could not be posted or waited for: return.
+  }
+}
+
+int zel_log_install_crash_handler(void) { return Logger::InstallCrashHandler(); }
+
+void zel_set_log_retention(int days, long long total_bytes) {
+  try {
+    Logger::SetRetention(days, static_cast<std::int64_t>(total_bytes));
+  } catch (...) {
+    // A lock failure: the settings stay as they were.
+  }
 }
 
 void zel_set_log_queue_limit(size_t bytes, int block) {
-  Logger::SetQueueLimit(bytes,
-                        block != 0 ? zel::QueueFullPolicy::kBlock : zel::QueueFullPolicy::kDrop);
+  try {
+    Logger::SetQueueLimit(bytes,
+                          block != 0 ? zel::QueueFullPolicy::kBlock : zel::QueueFullPolicy::kDrop);
+  } catch (...) {
+    // A lock failure while waking waiting callers: the new bound is set.
+  }
 }
 
 uint64_t zel_log_dropped(void) { return zel::sDroppedLines.load(std::memory_order_relaxed); }

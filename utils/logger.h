@@ -115,6 +115,16 @@ ZEL_API void zel_set_log_queue_limit(size_t bytes, int block);
 // process started (0 when none was, or before the first line). Threads: any
 // thread.
 ZEL_API uint64_t zel_log_dropped(void);
+// Installs the crash drain, as zel::Logger::InstallCrashHandler() does (see
+// there); creates the Logger when it does not exist yet. Returns 0 when
+// installed (or already installed), -1 when it could not be. Threads: any.
+ZEL_API int zel_log_install_crash_handler(void);
+
+// Sets the retention of log files across runs, as
+// zel::Logger::SetRetention() does (see there): `days` <= 0 keeps day
+// directories of any age, `total_bytes` <= 0 sets no total size, both
+// switch retention off (the default). Threads: any thread.
+ZEL_API void zel_set_log_retention(int days, long long total_bytes);
 
 }  // extern "C"
 
@@ -217,6 +227,41 @@ class ZEL_API Logger : public LogBackend {
   // room look at the new bound at once. Process-wide: may be called before
   // the Logger exists and does not create it. Threads: any thread.
   static void SetQueueLimit(std::size_t bytes, QueueFullPolicy policy);
+  // Installs the crash drain, once per process (opt-in). When the process
+  // then dies of SIGSEGV, SIGBUS, SIGILL, SIGFPE or SIGABRT (on Windows: an
+  // unhandled exception), the lines still queued are written first, at most
+  // ZEL_LOG_CRASH_WAIT_MS milliseconds (environment, read here; 0 to 600000,
+  // default 2000) are waited for that, and then one line of its own is
+  // written to the live file: "<prefix>zel log: fatal signal <N> (<name>)"
+  // (on Windows "fatal exception 0x<code> (<name>)"). The handler that was
+  // installed before is then put back and the fault raised again, so the
+  // exit status and core dump are those without the drain; handlers
+  // installed before are chained, not replaced. A second fault while
+  // draining, or a writer that does not finish in time, goes on to the
+  // previous handler at once. Creates the Logger when needed and starts one
+  // thread that waits for a fault. On POSIX the handler runs on an
+  // alternate signal stack on the calling thread (call it from the main
+  // thread, early). Returns 0, or -1 when it could not be installed.
+  // WARNING: a handler installed later for these signals replaces this one
+  // unless it chains. Threads: any thread.
+  static int InstallCrashHandler();
+
+  // Sets the retention of log files across runs (opt-in; by default files
+  // of earlier runs and earlier days stay for ever). When set, at the next
+  // line, at start-up and after each change of day, the writer removes
+  // below the base directory the day directories dated more than `days`
+  // days ago (`days` <= 0: no age limit) and then the oldest log files (by
+  // date, start time, rotation index) until the library's log files total
+  // at most `totalBytes` bytes (<= 0: no size limit). It touches only its
+  // own day directories and file names, never follows or removes a link,
+  // never removes the live file, leaves directories holding other files,
+  // and reports each removal on standard output. Threads: any thread.
+  static void SetRetention(int days, std::int64_t totalBytes);
+
+  // The number of exceptions that registered backends have thrown (each is
+  // caught on the writer thread, the first reported on standard output;
+  // the line is still written). Threads: any thread.
+  uint64_t BackendFailures() const;
 
  private:
   // The writer channel: the Looper whose thread writes, and the handler that
@@ -274,7 +319,8 @@ class ZEL_API Logger : public LogBackend {
   // The queued lines; destroyed after the writer thread has stopped.
   std::unique_ptr<LineQueue> mQueue;
   std::unique_ptr<Writer> mWriter;
-  std::list<LogBackend*> mBackends;  // guarded by mBackendLock; not owned
+  std::list<LogBackend*> mBackends;           // guarded by mBackendLock; not owned
+  std::atomic<uint64_t> mBackendFailures{0};  // exceptions thrown by backends
 
   static std::atomic<Logger*> sLogger;
   static std::mutex sMutex;  // serialises creation

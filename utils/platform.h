@@ -17,6 +17,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "utils/export.h"
 
@@ -50,7 +51,8 @@ uint64_t currentThreadId();
 // Returns false, leaving `out` zeroed, when the conversion fails.
 bool localTime(std::time_t t, std::tm* out);
 
-// Creates one directory level, as _mkdir does. Returns 0 or -1.
+// Creates one directory level, as _mkdir does; on POSIX with mode 0700
+// (only the user may read the log). Returns 0 or -1.
 int makeDir(const char* path);
 
 // True when something exists at `path` (_access with mode 0).
@@ -107,7 +109,10 @@ FileHandle standardError();
 // Opens the file at `path` for appending, creating it when missing (as
 // fopen's mode "a" does): every write lands at the file's end, also after
 // another process has written to it. The log file writer's only way to open
-// a file. Returns kNoFile on failure.
+// a file. The handle is not inherited by child processes; a symbolic link
+// (a reparse point on Windows) at `path` is refused; on Windows others may
+// read, write, rename and delete the file while it is open. Returns kNoFile
+// on failure.
 FileHandle openAppend(const char* path);
 
 // Closes `file` (not kNoFile). Returns 0, or -1 when the system reports an
@@ -148,6 +153,102 @@ int renameFile(const char* from, const char* to);
 
 // Deletes the file at `path`. Returns 0 or -1.
 int removeFile(const char* path);
+
+// ---------------------------------------------------------------------------
+// Safe log directories and files, retention, and the crash drain.
+
+// The result of checking a log directory before files are written into it.
+enum class DirCheck {
+  kOk,             // usable
+  kMissing,        // nothing there
+  kNotDirectory,   // something else than a directory
+  kLink,           // a symbolic link (or a reparse point on Windows)
+  kForeignOwner,   // owned by another user (and not by the administrator)
+  kWorldWritable,  // writable by other users without the sticky bit
+};
+
+// Checks the directory at `path` for the log. With `followLink` a link to a
+// directory is followed and the directory it names is checked (a base the
+// user gave); without it a link is refused (kLink). A directory is refused
+// when it is owned by neither the process's user nor the administrator
+// (root), or when other users may write into it without the sticky bit.
+// On Windows only the link (reparse point) test applies.
+DirCheck checkDirectory(const char* path, bool followLink);
+
+// A short English text for `check`, for the refusal report.
+inline const char* dirCheckText(DirCheck check) {
+  switch (check) {
+    case DirCheck::kOk:
+      return "usable";
+    case DirCheck::kMissing:
+      return "it does not exist";
+    case DirCheck::kNotDirectory:
+      return "it is not a directory";
+    case DirCheck::kLink:
+      return "it is a link";
+    case DirCheck::kForeignOwner:
+      return "it is owned by another user";
+    case DirCheck::kWorldWritable:
+      return "other users may write into it";
+  }
+  return "unknown";
+}
+
+// One entry of a directory, as listDirectory() gives it (links not followed).
+struct DirEntry {
+  std::string name;
+  bool isDirectory = false;  // a real directory, not a link to one
+  bool isFile = false;       // a regular file, not a link to one
+  int64_t size = 0;          // the file's size in bytes
+};
+
+// Lists the entries of the directory `path` (without "." and ".."), in no
+// particular order, without following links: a link is neither a directory
+// nor a file. Returns false when the directory cannot be read.
+bool listDirectory(const char* path, std::vector<DirEntry>* entries);
+
+// Removes the empty directory `path` (never through a link). Returns 0 or -1.
+int removeDirectory(const char* path);
+
+// The offset of local time from UTC, in seconds, at `t` (seconds since 1970).
+int64_t localOffsetSeconds(std::time_t t);
+
+// A one-way wake-up from one thread (or a signal handler) to another,
+// made in advance so that sending needs no allocation and no lock: a pipe on
+// POSIX, an auto-reset event on Windows.
+struct WakeChannel {
+  FileHandle readEnd = kNoFile;
+  FileHandle writeEnd = kNoFile;
+};
+
+// Makes `channel` (not inherited by child processes). Returns false on
+// failure.
+bool makeWakeChannel(WakeChannel* channel);
+
+// Wakes the waiter of `channel`. Safe in a signal handler.
+void wakeSend(const WakeChannel& channel);
+
+// Waits for one wake-up on `channel`, at most `timeoutMs` milliseconds
+// (negative: for ever). Returns true when woken, false on timeout or error.
+// Safe in a signal handler.
+bool wakeWait(const WakeChannel& channel, int64_t timeoutMs);
+
+// Called by the fatal handler with the signal number (POSIX) or the
+// exception code (Windows) and its name, on the faulting thread. It must do
+// only what is safe in a signal handler.
+using FatalHook = void (*)(uint32_t code, const char* name);
+
+// True where the fatal handler reports exception codes (Windows), false
+// where it reports signal numbers (POSIX).
+extern const bool kFatalCodeIsException;
+
+// Installs `hook` for the faults that end the process: SIGSEGV, SIGBUS,
+// SIGILL, SIGFPE and SIGABRT on POSIX (on an alternate signal stack for the
+// calling thread), the unhandled-exception filter on Windows. After the hook
+// returns the previous handler is restored and the fault raised again (on
+// Windows the previous filter is called), so the process ends as it would
+// have without it. Installing twice installs once. Returns false on failure.
+bool installFatalHandler(FatalHook hook);
 
 // ---------------------------------------------------------------------------
 // Pure rules.

@@ -1,5 +1,8 @@
 // POSIX (Linux) side of the operating-system layer.
+#include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
@@ -12,6 +15,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "utils/platform.h"
 
@@ -20,6 +24,7 @@ namespace platform {
 
 const char kPathSeparator = '/';
 const char* const kDefaultLogBase = "/tmp/zel/";
+const bool kFatalCodeIsException = false;
 
 namespace {
 
@@ -53,7 +58,7 @@ bool localTime(std::time_t t, std::tm* out) {
   return false;
 }
 
-int makeDir(const char* path) { return mkdir(path, 0755) == 0 ? 0 : -1; }
+int makeDir(const char* path) { return mkdir(path, 0700) == 0 ? 0 : -1; }
 
 bool pathExists(const char* path) { return access(path, F_OK) == 0; }
 
@@ -114,10 +119,11 @@ int copyPermissions(const char* model, std::FILE* file) {
 FileHandle standardError() { return STDERR_FILENO; }
 
 FileHandle openAppend(const char* path) {
-  // The flags and mode of fopen(path, "a").
+  // The flags and mode of fopen(path, "a"), not inherited by a child, and
+  // never through a symbolic link planted at the path.
   int fd;
   do {
-    fd = open(path, O_WRONLY | O_CREAT | O_APPEND, 0666);
+    fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
   } while (fd < 0 && errno == EINTR);
   return fd < 0 ? kNoFile : static_cast<FileHandle>(fd);
 }
@@ -181,6 +187,152 @@ bool regularFileSize(const char* path, int64_t* size) {
 int renameFile(const char* from, const char* to) { return std::rename(from, to) == 0 ? 0 : -1; }
 
 int removeFile(const char* path) { return std::remove(path) == 0 ? 0 : -1; }
+
+DirCheck checkDirectory(const char* path, bool followLink) {
+  struct stat st;
+  if ((followLink ? stat(path, &st) : lstat(path, &st)) != 0) {
+    return errno == ENOENT || errno == ENOTDIR ? DirCheck::kMissing : DirCheck::kNotDirectory;
+  }
+  if (S_ISLNK(st.st_mode)) return DirCheck::kLink;
+  if (!S_ISDIR(st.st_mode)) return DirCheck::kNotDirectory;
+  if (st.st_uid != geteuid() && st.st_uid != 0) return DirCheck::kForeignOwner;
+  if ((st.st_mode & S_IWOTH) != 0 && (st.st_mode & S_ISVTX) == 0) return DirCheck::kWorldWritable;
+  return DirCheck::kOk;
+}
+
+bool listDirectory(const char* path, std::vector<DirEntry>* entries) {
+  DIR* dir = opendir(path);
+  if (dir == nullptr) return false;
+  const int dirFd = dirfd(dir);
+  while (struct dirent* entry = readdir(dir)) {
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    DirEntry out;
+    out.name = entry->d_name;
+    struct stat st;
+    if (fstatat(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      out.isDirectory = S_ISDIR(st.st_mode);
+      out.isFile = S_ISREG(st.st_mode);
+      out.size = static_cast<int64_t>(st.st_size);
+    }
+    entries->push_back(std::move(out));
+  }
+  closedir(dir);
+  return true;
+}
+
+int removeDirectory(const char* path) { return rmdir(path) == 0 ? 0 : -1; }
+
+int64_t localOffsetSeconds(std::time_t t) {
+  std::tm tm{};
+  if (localtime_r(&t, &tm) == nullptr) return 0;
+  return static_cast<int64_t>(tm.tm_gmtoff);
+}
+
+bool makeWakeChannel(WakeChannel* channel) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return false;
+  channel->readEnd = fds[0];
+  channel->writeEnd = fds[1];
+  return true;
+}
+
+void wakeSend(const WakeChannel& channel) {
+  const char byte = 1;
+  ssize_t n;
+  do {
+    n = write(static_cast<int>(channel.writeEnd), &byte, 1);
+  } while (n < 0 && errno == EINTR);
+}
+
+bool wakeWait(const WakeChannel& channel, int64_t timeoutMs) {
+  const int64_t deadline = monotonicNs() + timeoutMs * 1000000;
+  for (;;) {
+    int wait = -1;
+    if (timeoutMs >= 0) {
+      const int64_t left = (deadline - monotonicNs()) / 1000000;
+      wait = left <= 0 ? 0 : static_cast<int>(left > 3600000 ? 3600000 : left);
+    }
+    struct pollfd pfd;
+    pfd.fd = static_cast<int>(channel.readEnd);
+    pfd.events = POLLIN;
+    pfd.revents = 0;
+    const int ready = poll(&pfd, 1, wait);
+    if (ready < 0 && errno != EINTR) return false;
+    if (ready > 0) {
+      char byte;
+      const ssize_t n = read(pfd.fd, &byte, 1);
+      if (n == 1) return true;
+      if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) return false;
+    }
+    if (timeoutMs >= 0 && monotonicNs() >= deadline) return false;
+  }
+}
+
+namespace {
+
+constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
+constexpr int kFatalSignalCount = sizeof(kFatalSignals) / sizeof(kFatalSignals[0]);
+
+FatalHook sFatalHook = nullptr;
+struct sigaction sPreviousActions[kFatalSignalCount];
+
+const char* signalName(int sig) {
+  switch (sig) {
+    case SIGSEGV:
+      return "SIGSEGV";
+    case SIGBUS:
+      return "SIGBUS";
+    case SIGILL:
+      return "SIGILL";
+    case SIGFPE:
+      return "SIGFPE";
+    case SIGABRT:
+      return "SIGABRT";
+    default:
+      return "signal";
+  }
+}
+
+void onFatalSignal(int sig, siginfo_t*, void*) {
+  const int savedErrno = errno;
+  sFatalHook(static_cast<uint32_t>(sig), signalName(sig));
+  // Put the previous handler back and raise the signal again: it is blocked
+  // while this handler runs, so it is delivered to the previous handler (or
+  // ends the process, with a core dump where the default does that) as soon
+  // as this handler returns. A fault of the code returned to would fault
+  // again in any case.
+  for (int i = 0; i < kFatalSignalCount; ++i) {
+    if (kFatalSignals[i] == sig) sigaction(sig, &sPreviousActions[i], nullptr);
+  }
+  errno = savedErrno;
+  raise(sig);
+}
+
+}  // namespace
+
+bool installFatalHandler(FatalHook hook) {
+  if (sFatalHook != nullptr) return true;
+  // The handler runs on an alternate stack, so that it runs after a stack
+  // overflow of this thread too. The stack is never freed: the handler may
+  // run until the process ends.
+  constexpr std::size_t kAltStackSize = 64 * 1024;
+  static void* altStack = std::malloc(kAltStackSize);
+  if (altStack != nullptr) {
+    stack_t stack{};
+    stack.ss_sp = altStack;
+    stack.ss_size = kAltStackSize;
+    sigaltstack(&stack, nullptr);
+  }
+  sFatalHook = hook;
+  struct sigaction action {};
+  action.sa_sigaction = onFatalSignal;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+  sigemptyset(&action.sa_mask);
+  for (int i = 0; i < kFatalSignalCount; ++i) {
+    if (sigaction(kFatalSignals[i], &action, &sPreviousActions[i]) != 0) return false;
+  }
+  return true;
+}
 
 }  // namespace platform
 }  // namespace zel

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "utils/platform.h"
@@ -17,6 +18,7 @@ namespace platform {
 
 const char kPathSeparator = '\\';
 const char* const kDefaultLogBase = "c:\\Windows\\temp\\zel\\";
+const bool kFatalCodeIsException = true;
 
 namespace {
 
@@ -136,10 +138,22 @@ FileHandle standardError() {
 
 FileHandle openAppend(const char* path) {
   // FILE_APPEND_DATA alone: the system puts every write at the file's end.
-  // The sharing of the runtime's fopen: others may read and write.
-  const HANDLE handle = CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                    nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-  return handle == INVALID_HANDLE_VALUE ? kNoFile : reinterpret_cast<FileHandle>(handle);
+  // Others may read, write, and also rename or delete the file while it is
+  // open (FILE_SHARE_DELETE), so that a reader does not make a rotation
+  // fail. The handle is not inherited (no security attributes). A reparse
+  // point (a link) is opened as itself and refused.
+  const HANDLE handle =
+      CreateFileA(path, FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
+                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return kNoFile;
+  BY_HANDLE_FILE_INFORMATION info;
+  if (GetFileInformationByHandle(handle, &info) == 0 ||
+      (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+    CloseHandle(handle);
+    return kNoFile;
+  }
+  return reinterpret_cast<FileHandle>(handle);
 }
 
 int closeFile(FileHandle file) { return CloseHandle(reinterpret_cast<HANDLE>(file)) != 0 ? 0 : -1; }
@@ -212,6 +226,124 @@ bool regularFileSize(const char* path, int64_t* size) {
 int renameFile(const char* from, const char* to) { return std::rename(from, to) == 0 ? 0 : -1; }
 
 int removeFile(const char* path) { return std::remove(path) == 0 ? 0 : -1; }
+
+DirCheck checkDirectory(const char* path, bool followLink) {
+  // Ownership and access lists are left to the system's access checks; a
+  // reparse point (a symbolic link or a junction) is refused unless it is
+  // the base the user gave.
+  const DWORD attributes = GetFileAttributesA(path);
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    const DWORD error = GetLastError();
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? DirCheck::kMissing
+                                                                          : DirCheck::kNotDirectory;
+  }
+  if (!followLink && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) return DirCheck::kLink;
+  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) return DirCheck::kNotDirectory;
+  return DirCheck::kOk;
+}
+
+bool listDirectory(const char* path, std::vector<DirEntry>* entries) {
+  std::string pattern = path;
+  if (!pattern.empty() && pattern.back() != '/' && pattern.back() != '\\') pattern += '\\';
+  pattern += '*';
+  WIN32_FIND_DATAA data;
+  const HANDLE find = FindFirstFileA(pattern.c_str(), &data);
+  if (find == INVALID_HANDLE_VALUE) return GetLastError() == ERROR_FILE_NOT_FOUND;
+  do {
+    if (std::strcmp(data.cFileName, ".") == 0 || std::strcmp(data.cFileName, "..") == 0) continue;
+    DirEntry entry;
+    entry.name = data.cFileName;
+    const bool link = (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    const bool directory = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    entry.isDirectory = directory && !link;
+    entry.isFile = !directory && !link;
+    entry.size = (static_cast<int64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+    entries->push_back(std::move(entry));
+  } while (FindNextFileA(find, &data) != 0);
+  FindClose(find);
+  return true;
+}
+
+int removeDirectory(const char* path) {
+  // RemoveDirectoryA removes a directory junction or link itself, never
+  // what it points to; the callers pass real directories only.
+  return RemoveDirectoryA(path) != 0 ? 0 : -1;
+}
+
+int64_t localOffsetSeconds(std::time_t t) {
+  std::tm local{};
+  std::tm utc{};
+  if (localtime_s(&local, &t) != 0 || gmtime_s(&utc, &t) != 0) return 0;
+  // The difference of the two broken-down times, read both as UTC.
+  return static_cast<int64_t>(_mkgmtime(&local) - _mkgmtime(&utc));
+}
+
+bool makeWakeChannel(WakeChannel* channel) {
+  // One auto-reset event: set by the sender, consumed by the waiter.
+  const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+  if (event == nullptr) return false;
+  channel->readEnd = reinterpret_cast<FileHandle>(event);
+  channel->writeEnd = channel->readEnd;
+  return true;
+}
+
+void wakeSend(const WakeChannel& channel) { SetEvent(reinterpret_cast<HANDLE>(channel.writeEnd)); }
+
+bool wakeWait(const WakeChannel& channel, int64_t timeoutMs) {
+  DWORD wait = INFINITE;
+  if (timeoutMs >= 0) wait = timeoutMs >= 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<DWORD>(timeoutMs);
+  return WaitForSingleObject(reinterpret_cast<HANDLE>(channel.readEnd), wait) == WAIT_OBJECT_0;
+}
+
+namespace {
+
+FatalHook sFatalHook = nullptr;
+LPTOP_LEVEL_EXCEPTION_FILTER sPreviousFilter = nullptr;
+
+const char* exceptionName(DWORD code) {
+  switch (code) {
+    case EXCEPTION_ACCESS_VIOLATION:
+      return "EXCEPTION_ACCESS_VIOLATION";
+    case EXCEPTION_ARRAY_BOUNDS_EXCEEDED:
+      return "EXCEPTION_ARRAY_BOUNDS_EXCEEDED";
+    case EXCEPTION_DATATYPE_MISALIGNMENT:
+      return "EXCEPTION_DATATYPE_MISALIGNMENT";
+    case EXCEPTION_FLT_DIVIDE_BY_ZERO:
+      return "EXCEPTION_FLT_DIVIDE_BY_ZERO";
+    case EXCEPTION_ILLEGAL_INSTRUCTION:
+      return "EXCEPTION_ILLEGAL_INSTRUCTION";
+    case EXCEPTION_IN_PAGE_ERROR:
+      return "EXCEPTION_IN_PAGE_ERROR";
+    case EXCEPTION_INT_DIVIDE_BY_ZERO:
+      return "EXCEPTION_INT_DIVIDE_BY_ZERO";
+    case EXCEPTION_PRIV_INSTRUCTION:
+      return "EXCEPTION_PRIV_INSTRUCTION";
+    case EXCEPTION_STACK_OVERFLOW:
+      return "EXCEPTION_STACK_OVERFLOW";
+    default:
+      return "exception";
+  }
+}
+
+LONG WINAPI onUnhandledException(EXCEPTION_POINTERS* pointers) {
+  const DWORD code = pointers != nullptr && pointers->ExceptionRecord != nullptr
+                         ? pointers->ExceptionRecord->ExceptionCode
+                         : 0;
+  sFatalHook(static_cast<uint32_t>(code), exceptionName(code));
+  // Hand on to the filter that was there before; without one the system
+  // ends the process as it would have.
+  if (sPreviousFilter != nullptr) return sPreviousFilter(pointers);
+  return EXCEPTION_CONTINUE_SEARCH;
+}
+
+}  // namespace
+
+bool installFatalHandler(FatalHook hook) {
+  if (sFatalHook != nullptr) return true;
+  sFatalHook = hook;
+  sPreviousFilter = SetUnhandledExceptionFilter(onUnhandledException);
+  return true;
+}
 
 }  // namespace platform
 }  // namespace zel

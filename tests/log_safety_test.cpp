@@ -1,0 +1,302 @@
+// Safe log directories, files and handles: the log refuses a base owned by
+// another user or writable by others without the sticky bit, a linked day
+// directory and a linked live file (reported once, lines dropped); it makes
+// its directories private; a child process does not inherit the live file;
+// an exception of a backend or an allocation failure in log_print does not
+// escape.
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/test_util.h"
+#include "utils/logger.h"
+
+// Allocation failure on demand: while set on a thread, the next allocation
+// there throws std::bad_alloc (this executable's operator new comes first
+// in the dynamic linker's lookup, so the library's allocations use it too).
+namespace {
+thread_local bool tFailAllocations = false;
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (tFailAllocations) throw std::bad_alloc();
+  void* p = std::malloc(size == 0 ? 1 : size);
+  if (p == nullptr) throw std::bad_alloc();
+  return p;
+}
+// The pair of the operator new above: what it allocated with malloc goes
+// back with free (the compiler cannot see that they belong together).
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+#pragma GCC diagnostic pop
+
+namespace {
+
+using zel::Logger;
+using zel_test::CountOccurrences;
+using zel_test::FileExists;
+using zel_test::ListDir;
+using zel_test::ReadFile;
+using zel_test::StdoutCapture;
+using zel_test::TempDir;
+
+std::string Today() {
+  std::time_t t = std::time(nullptr);
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  char buf[48];
+  std::snprintf(buf, sizeof(buf), "%04d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
+  return buf;
+}
+
+void LogLine(const char* text) {
+  log_print(3, 0, "%s\n", text);
+  zel_log_flush();
+}
+
+void Start(const std::string& base) {
+  zel_set_log_level(-1);
+  zel_set_log_path(base.c_str());
+}
+
+std::string LiveFile(const std::string& base) {
+  const std::string dir = base + Today() + "/";
+  for (const std::string& name : ListDir(dir)) {
+    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) return dir + name;
+  }
+  return std::string();
+}
+
+// Every file below `dir`, links not followed.
+int CountFiles(const std::string& dir) {
+  int n = 0;
+  for (const std::string& name : ListDir(dir)) {
+    struct stat st;
+    const std::string path = dir + "/" + name;
+    if (lstat(path.c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      n += CountFiles(path);
+    } else {
+      ++n;
+    }
+  }
+  return n;
+}
+
+TEST(LogSafetyTest, BaseOwnedByAnotherUserIsRefusedOnce) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to give a directory to another user";
+  const passwd* nobody = getpwnam("nobody");
+  ASSERT_NE(nobody, nullptr);
+  TempDir tmp;
+  const std::string base = tmp.path() + "planted/";
+  ASSERT_EQ(mkdir(base.c_str(), 0755), 0);
+  ASSERT_EQ(chown(base.c_str(), nobody->pw_uid, nobody->pw_gid), 0);
+  StdoutCapture out;
+  Start(base);
+  LogLine("first");
+  LogLine("second");
+  const std::string printed = out.Stop();
+  EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
+  EXPECT_NE(printed.find(tmp.path() + "planted: it is owned by another user"), std::string::npos)
+      << printed;
+  EXPECT_EQ(printed.find("fp is null"), std::string::npos) << printed;
+  EXPECT_EQ(CountFiles(base), 0);
+}
+
+TEST(LogSafetyTest, WorldWritableBaseWithoutStickyBitIsRefused) {
+  TempDir tmp;
+  const std::string base = tmp.path() + "open/";
+  ASSERT_EQ(mkdir(base.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(base.c_str(), 0777), 0);
+  StdoutCapture out;
+  Start(base);
+  LogLine("first");
+  LogLine("second");
+  const std::string printed = out.Stop();
+  EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
+  EXPECT_NE(printed.find("other users may write into it"), std::string::npos) << printed;
+  EXPECT_EQ(CountFiles(base), 0);
+}
+
+TEST(LogSafetyTest, WorldWritableBaseWithStickyBitIsUsed) {
+  TempDir tmp;
+  const std::string base = tmp.path() + "sticky/";
+  ASSERT_EQ(mkdir(base.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(base.c_str(), 01777), 0);
+  StdoutCapture out;
+  Start(base);
+  LogLine("kept");
+  EXPECT_EQ(out.Stop().find("refusing"), std::string::npos);
+  const std::string live = LiveFile(base);
+  ASSERT_FALSE(live.empty());
+  EXPECT_NE(ReadFile(live).find("kept"), std::string::npos);
+}
+
+TEST(LogSafetyTest, BaseGivenAsALinkToTheUsersDirectoryIsUsed) {
+  TempDir tmp;
+  const std::string real = tmp.path() + "real/";
+  ASSERT_EQ(mkdir(real.c_str(), 0700), 0);
+  ASSERT_EQ(symlink(real.c_str(), (tmp.path() + "link").c_str()), 0);
+  StdoutCapture out;
+  Start(tmp.path() + "link/");
+  LogLine("through the link");
+  EXPECT_EQ(out.Stop().find("refusing"), std::string::npos);
+  const std::string live = LiveFile(real);
+  ASSERT_FALSE(live.empty());
+  EXPECT_NE(ReadFile(live).find("through the link"), std::string::npos);
+}
+
+TEST(LogSafetyTest, LinkedDayDirectoryIsRefused) {
+  TempDir tmp;
+  const std::string base = tmp.path() + "base/";
+  const std::string elsewhere = tmp.path() + "elsewhere/";
+  ASSERT_EQ(mkdir(base.c_str(), 0700), 0);
+  ASSERT_EQ(mkdir(elsewhere.c_str(), 0700), 0);
+  ASSERT_EQ(symlink(elsewhere.c_str(), (base + Today()).c_str()), 0);
+  StdoutCapture out;
+  Start(base);
+  LogLine("first");
+  LogLine("second");
+  const std::string printed = out.Stop();
+  EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
+  EXPECT_NE(printed.find(base + Today() + ": it is a link"), std::string::npos) << printed;
+  EXPECT_TRUE(ListDir(elsewhere).empty());
+}
+
+TEST(LogSafetyTest, LinkedLiveFileIsRefused) {
+  TempDir tmp;
+  const std::string base = tmp.path();
+  StdoutCapture out;
+  Start(base);
+  LogLine("first");
+  const std::string live = LiveFile(base);
+  ASSERT_FALSE(live.empty());
+  // The live file goes and a link to a file of the attacker's choice takes
+  // its name; a directory in the way keeps the rotation from renaming the
+  // link aside, so the writer opens the live file's name again.
+  const std::string victim = tmp.path() + "victim";
+  ASSERT_EQ(unlink(live.c_str()), 0);
+  ASSERT_EQ(mkdir((live.substr(0, live.size() - 3) + "0").c_str(), 0700), 0);
+  ASSERT_EQ(symlink(victim.c_str(), live.c_str()), 0);
+  LogLine("second");
+  LogLine("third");
+  const std::string printed = out.Stop();
+  EXPECT_FALSE(FileExists(victim));
+  EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
+  EXPECT_NE(printed.find(live + ": it is a link"), std::string::npos) << printed;
+}
+
+TEST(LogSafetyTest, DirectoriesAreMadePrivate) {
+  TempDir tmp;
+  const std::string base = tmp.path() + "a/b/";
+  Start(base);
+  LogLine("line");
+  for (const std::string& dir : {tmp.path() + "a", tmp.path() + "a/b", base + Today()}) {
+    struct stat st;
+    ASSERT_EQ(stat(dir.c_str(), &st), 0) << dir;
+    EXPECT_EQ(st.st_mode & 0777, 0700u) << dir;
+  }
+}
+
+TEST(LogSafetyTest, AChildProcessDoesNotInheritTheLiveFile) {
+  TempDir tmp;
+  Start(tmp.path());
+  LogLine("line");
+  const std::string live = LiveFile(tmp.path());
+  ASSERT_FALSE(live.empty());
+  // The child lists the files its descriptors refer to, after exec.
+  const std::string listing = tmp.path() + "fds";
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const std::string script =
+        "for f in /proc/$$/fd/*; do readlink \"$f\"; done > '" + listing + "'; exit 0";
+    execl("/bin/sh", "sh", "-c", script.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  const std::string fds = ReadFile(listing);
+  EXPECT_NE(fds.find("/dev/"), std::string::npos) << fds;  // the listing works
+  EXPECT_EQ(fds.find(live), std::string::npos) << fds;
+}
+
+// A backend that throws for every line.
+class ThrowingBackend : public zel::LogBackend {
+ public:
+  void Log(const std::string&) override { throw std::runtime_error("backend failed"); }
+};
+
+// A backend that counts its lines.
+class CountingBackend : public zel::LogBackend {
+ public:
+  void Log(const std::string&) override { ++count; }
+  std::atomic<int> count{0};
+};
+
+TEST(LogSafetyTest, AThrowingBackendIsCountedReportedOnceAndTheLineStillWritten) {
+  TempDir tmp;
+  static ThrowingBackend throwing;
+  static CountingBackend counting;
+  StdoutCapture out;
+  Start(tmp.path());
+  Logger* logger = Logger::GetInstance();
+  logger->RegisterBackend(&throwing);
+  logger->RegisterBackend(&counting);
+  log_print(3, 1, "one\n");
+  log_print(3, 1, "two\n");
+  zel_log_flush();
+  const std::string printed = out.Stop();
+  EXPECT_EQ(logger->BackendFailures(), 2u);
+  EXPECT_EQ(counting.count.load(), 2);
+  EXPECT_EQ(CountOccurrences(printed, "a log backend threw an exception"), 1) << printed;
+  const std::string text = ReadFile(LiveFile(tmp.path()));
+  EXPECT_NE(text.find("] one\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("] two\n"), std::string::npos) << text;
+}
+
+TEST(LogSafetyTest, AllocationFailureInLogPrintDropsTheLine) {
+  TempDir tmp;
+  Start(tmp.path());
+  LogLine("before");
+  int result = -1;
+  tFailAllocations = true;
+  EXPECT_NO_THROW(result = log_print(3, 0, "dropped\n"));
+  tFailAllocations = false;
+  EXPECT_EQ(result, 0);
+  LogLine("after");
+  const std::string text = ReadFile(LiveFile(tmp.path()));
+  EXPECT_NE(text.find("] before\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("] after\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find("dropped"), std::string::npos) << text;
+}
+
+TEST(LogSafetyTest, AllocationFailureWhenTheLoggerIsMadeDropsTheLine) {
+  TempDir tmp;
+  Start(tmp.path());
+  int result = -1;
+  tFailAllocations = true;
+  EXPECT_NO_THROW(result = log_print(3, 0, "dropped\n"));
+  tFailAllocations = false;
+  EXPECT_EQ(result, 0);
+  // The next line makes the Logger and is written.
+  LogLine("after");
+  const std::string text = ReadFile(LiveFile(tmp.path()));
+  EXPECT_EQ(text.find("dropped"), std::string::npos) << text;
+  EXPECT_NE(text.find("] after\n"), std::string::npos) << text;
+}
+
+}  // namespace

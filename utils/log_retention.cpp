@@ -1,0 +1,212 @@
+#include "utils/log_retention.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <tuple>
+#include <vector>
+
+#include "utils/platform.h"
+
+namespace zel {
+namespace retention {
+
+namespace {
+
+struct Settings {
+  std::mutex mutex;
+  int days = 0;
+  int64_t totalBytes = 0;
+  bool due = false;
+};
+
+// True while settings wait to be applied: the writer tests it for every line
+// without taking the lock.
+std::atomic<bool> sDue{false};
+
+Settings& settings() {
+  static Settings* s = new Settings;  // never destroyed: the writer may run at exit
+  return *s;
+}
+
+bool allDigits(const std::string& text, std::size_t from, std::size_t count) {
+  if (from + count > text.size()) return false;
+  for (std::size_t i = from; i < from + count; ++i) {
+    if (text[i] < '0' || text[i] > '9') return false;
+  }
+  return true;
+}
+
+void report(const char* what, const std::string& path) {
+  std::printf("zel log: retention removed %s %s\n", what, path.c_str());
+  std::fflush(stdout);
+}
+
+// One log file found below the base.
+struct Found {
+  int64_t day;
+  std::string startTime;
+  int index;
+  std::string path;
+  int64_t size;
+};
+
+}  // namespace
+
+void set(int days, int64_t totalBytes) {
+  Settings& s = settings();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.days = days > 0 ? days : 0;
+  s.totalBytes = totalBytes > 0 ? totalBytes : 0;
+  s.due = true;
+  sDue.store(true);
+}
+
+bool takeDue(int* days, int64_t* totalBytes) {
+  if (!sDue.load(std::memory_order_acquire)) return false;
+  Settings& s = settings();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (!s.due) return false;
+  s.due = false;
+  sDue.store(false);
+  if (s.days == 0 && s.totalBytes == 0) return false;
+  *days = s.days;
+  *totalBytes = s.totalBytes;
+  return true;
+}
+
+void markDue() {
+  Settings& s = settings();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  s.due = true;
+  sDue.store(true);
+}
+
+int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {
+  y -= m <= 2;
+  const int64_t era = (y >= 0 ? y : y - 399) / 400;
+  const auto yoe = static_cast<unsigned>(y - era * 400);
+  const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<int64_t>(doe) - 719468;
+}
+
+bool parseDayDirName(const std::string& name, const std::string& prefix, int64_t* day) {
+  if (name.size() != prefix.size() + 8 || name.compare(0, prefix.size(), prefix) != 0) return false;
+  if (!allDigits(name, prefix.size(), 8)) return false;
+  const int y = std::stoi(name.substr(prefix.size(), 4));
+  const int m = std::stoi(name.substr(prefix.size() + 4, 2));
+  const int d = std::stoi(name.substr(prefix.size() + 6, 2));
+  if (m < 1 || m > 12 || d < 1 || d > 31) return false;
+  // A date of the calendar: it survives a round trip through the day count.
+  const int64_t n = daysFromCivil(y, static_cast<unsigned>(m), static_cast<unsigned>(d));
+  if (d > 28) {
+    const unsigned nextMonth = m == 12 ? 1u : static_cast<unsigned>(m + 1);
+    const int nextYear = m == 12 ? y + 1 : y;
+    if (n >= daysFromCivil(nextYear, nextMonth, 1)) return false;
+  }
+  *day = n;
+  return true;
+}
+
+bool parseLogFileName(const std::string& name, std::string* startTime, int* index) {
+  static const std::string kHead = "zel.log.";
+  if (name.compare(0, kHead.size(), kHead) != 0) return false;
+  const std::size_t lastDot = name.rfind('.');
+  if (lastDot == std::string::npos || lastDot < kHead.size() + 7) return false;
+  const std::string suffix = name.substr(lastDot + 1);
+  int value = 256;
+  if (suffix != "txt") {
+    if (suffix.empty() || suffix.size() > 3 || !allDigits(suffix, 0, suffix.size())) return false;
+    if (suffix.size() > 1 && suffix[0] == '0') return false;
+    value = std::stoi(suffix);
+    if (value > 255) return false;
+  }
+  // ".<hhmmss>" right before the suffix; the process name (which may hold
+  // dots or be empty) between "zel.log." and it.
+  const std::size_t timeDot = lastDot - 7;
+  if (name[timeDot] != '.' || !allDigits(name, timeDot + 1, 6)) return false;
+  *startTime = name.substr(timeDot + 1, 6);
+  *index = value;
+  return true;
+}
+
+int apply(const std::string& base, int days, int64_t totalBytes, const std::string& livePath,
+          int64_t today) {
+  // The day directories are named base + "YYYYMMDD": they sit in the
+  // directory part of the base and start with its last part.
+  const std::size_t cut = base.find_last_of("/\\");
+  const std::string parent = cut == std::string::npos ? std::string() : base.substr(0, cut + 1);
+  const std::string prefix = cut == std::string::npos ? base : base.substr(cut + 1);
+  std::vector<platform::DirEntry> entries;
+  if (!platform::listDirectory(parent.empty() ? "." : parent.c_str(), &entries)) return 0;
+
+  int removed = 0;
+  std::vector<Found> files;
+  std::vector<std::string> dayDirs;  // expired, or a file was removed from it
+  for (const platform::DirEntry& entry : entries) {
+    int64_t day = 0;
+    // lstat: a link named like a day directory is not one of ours.
+    if (!entry.isDirectory || !parseDayDirName(entry.name, prefix, &day)) continue;
+    const std::string dir = parent + entry.name + "/";
+    std::vector<platform::DirEntry> inside;
+    if (!platform::listDirectory(dir.c_str(), &inside)) continue;
+    const bool expired = days > 0 && today - day > days;
+    for (const platform::DirEntry& file : inside) {
+      Found found;
+      if (!file.isFile || !parseLogFileName(file.name, &found.startTime, &found.index)) continue;
+      found.day = day;
+      found.path = dir + file.name;
+      found.size = file.size;
+      if (found.path == livePath) {
+        files.push_back(found);  // counted, never removed
+        continue;
+      }
+      if (expired) {
+        if (platform::removeFile(found.path.c_str()) == 0) {
+          report("file", found.path);
+          ++removed;
+        }
+        continue;
+      }
+      files.push_back(found);
+    }
+    if (expired) dayDirs.push_back(dir);
+  }
+
+  if (totalBytes > 0) {
+    int64_t total = 0;
+    for (const Found& f : files) total += f.size;
+    std::sort(files.begin(), files.end(), [](const Found& a, const Found& b) {
+      return std::tie(a.day, a.startTime, a.index, a.path) <
+             std::tie(b.day, b.startTime, b.index, b.path);
+    });
+    for (const Found& f : files) {
+      if (total <= totalBytes) break;
+      if (f.path == livePath) continue;
+      if (platform::removeFile(f.path.c_str()) == 0) {
+        report("file", f.path);
+        total -= f.size;
+        ++removed;
+        const std::string dir = f.path.substr(0, f.path.rfind('/') + 1);
+        if (std::find(dayDirs.begin(), dayDirs.end(), dir) == dayDirs.end()) dayDirs.push_back(dir);
+      }
+    }
+  }
+
+  // Day directories emptied here go too, except the live file's own.
+  for (const std::string& dir : dayDirs) {
+    if (livePath.compare(0, dir.size(), dir) == 0) continue;
+    std::vector<platform::DirEntry> inside;
+    if (!platform::listDirectory(dir.c_str(), &inside) || !inside.empty()) continue;
+    if (platform::removeDirectory(dir.c_str()) == 0) {
+      report("directory", dir);
+      ++removed;
+    }
+  }
+  return removed;
+}
+
+}  // namespace retention
+}  // namespace zel
