@@ -495,7 +495,9 @@ void Logger::RegisterBackend(LogBackend* backend) {
 }
 
 void Logger::Flush() {
-  if (tOnWriterThread) return;
+  // The writer thread itself, or no writer any more: when the process is
+  // ending on Windows (a DLL's static destructor) its other threads are gone.
+  if (tOnWriterThread || platform::processExiting()) return;
   FlushMessage::State state;
   if (mWriter->looper->PostMessageAAA(std::make_unique<FlushMessage>(&state)) != 0) return;
   std::unique_lock<std::mutex> lock(state.mutex);

@@ -93,7 +93,9 @@ ZEL_API int zel_get_log_path(char* buffer, int size);
 // Blocks until every line queued before the call has been written and
 // flushed. Returns at once when no line was ever logged. Call it before the
 // process exits. From the writer thread itself (a LogBackend) it returns at
-// once. Threads: any thread.
+// once. While the process is ending on Windows and the writer thread is
+// gone (from a DLL's static destructor at process exit) it returns at once;
+// lines still queued then are lost. Threads: any thread.
 ZEL_API void zel_log_flush(void);
 
 }  // extern "C"
@@ -161,7 +163,8 @@ class ZEL_API Logger : public LogBackend {
   static std::string GetLogPath();
 
   // Blocks until every line queued before the call has been written and
-  // flushed; returns at once when called on the writer thread.
+  // flushed; returns at once when called on the writer thread, and while
+  // the process is ending on Windows with the writer thread gone.
   // Lines are ordered by the wall clock at which they were posted: a clock
   // set back between a line and this call can let it return earlier.
   void Flush();

@@ -69,6 +69,14 @@ bool getEnv(const char* name, std::string* value);
 // on success, -1 on failure, when `from` is left where it was.
 int replaceFile(const char* from, const char* to);
 
+// True while the process is ending and the operating system has already
+// ended its other threads: on Windows, during the DLL detach of process exit
+// (ExitProcess, or a return from main), when the static destructors of DLLs
+// run. A wait for another thread of the library (the log writer, a worker)
+// would then never end. Always false on POSIX, where exit() leaves the other
+// threads running while static destructors run.
+bool processExiting();
+
 // ---------------------------------------------------------------------------
 // Pure rules.
 

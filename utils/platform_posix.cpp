@@ -22,6 +22,8 @@ int64_t wallClockMs() {
   return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
+bool processExiting() { return false; }
+
 int64_t monotonicNs() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "utils/platform.h"
 
@@ -15,13 +16,52 @@ namespace platform {
 const char kPathSeparator = '\\';
 const char* const kDefaultLogBase = "c:\\Windows\\temp\\zel\\";
 
+namespace win {
+
+using FileTimeFunction = void(WINAPI*)(LPFILETIME);
+
+// The clock that wallClockMs() reads: GetSystemTimePreciseAsFileTime (Windows
+// 8 and later, under a microsecond) when kernel32 has it, otherwise
+// GetSystemTimeAsFileTime, which moves only with the 1 to 16 ms tick.
+// Looked up once.
+FileTimeFunction wallClockSource() {
+  static const FileTimeFunction source = [] {
+    const HMODULE kernel = GetModuleHandleA("kernel32.dll");
+    FARPROC precise =
+        kernel != nullptr ? GetProcAddress(kernel, "GetSystemTimePreciseAsFileTime") : nullptr;
+    if (precise == nullptr) return &GetSystemTimeAsFileTime;
+    FileTimeFunction function;
+    static_assert(sizeof(function) == sizeof(precise), "function pointer sizes");
+    std::memcpy(&function, &precise, sizeof(function));
+    return function;
+  }();
+  return source;
+}
+
+}  // namespace win
+
 int64_t wallClockMs() {
   // FILETIME counts 100-nanosecond ticks since 1601-01-01 UTC.
   constexpr int64_t kTicksFrom1601To1970 = 116444736000000000LL;
   FILETIME ft;
-  GetSystemTimeAsFileTime(&ft);
+  win::wallClockSource()(&ft);
   const int64_t ticks = (static_cast<int64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
   return (ticks - kTicksFrom1601To1970) / 10000;
+}
+
+bool processExiting() {
+  // ntdll's RtlDllShutdownInProgress is true from the moment ExitProcess has
+  // ended the other threads and the DLLs are being detached.
+  using ShutdownQuery = BOOLEAN(WINAPI*)();
+  static const ShutdownQuery query = [] {
+    const HMODULE ntdll = GetModuleHandleA("ntdll.dll");
+    FARPROC address =
+        ntdll != nullptr ? GetProcAddress(ntdll, "RtlDllShutdownInProgress") : nullptr;
+    ShutdownQuery function = nullptr;
+    if (address != nullptr) std::memcpy(&function, &address, sizeof(function));
+    return function;
+  }();
+  return query != nullptr && query() != FALSE;
 }
 
 int64_t monotonicNs() {
