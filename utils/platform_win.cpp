@@ -117,7 +117,20 @@ bool getEnv(const char* name, std::string* value) {
 }
 
 int replaceFile(const char* from, const char* to) {
-  return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0 ? 0 : -1;
+  // A reader that holds `to` open (the runtime's fopen shares no delete
+  // access) makes the replacement fail with a sharing violation while it
+  // reads. Readers of a configuration file hold it briefly, so the move is
+  // tried again, for about two seconds at most, before it counts as failed.
+  constexpr int kAttempts = 200;
+  constexpr DWORD kPauseMs = 10;
+  for (int attempt = 1;; ++attempt) {
+    if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0) return 0;
+    const DWORD error = GetLastError();
+    const bool held = error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED ||
+                      error == ERROR_LOCK_VIOLATION;
+    if (!held || attempt == kAttempts) return -1;
+    Sleep(kPauseMs);
+  }
 }
 
 }  // namespace platform
