@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -54,19 +55,27 @@ class CountingBackend : public zel::LogBackend {
   std::string last_;
 };
 
+// The directory the demonstration writes under: the first argument, or a new
+// directory "zel_demo_<number>" in the system's temporary directory (TMPDIR
+// or /tmp on Linux, the user's Temp directory on Windows). Ends with a
+// separator; empty when no directory could be made.
 std::string MakeWorkDirectory(int argc, char** argv) {
   if (argc > 1) {
     std::string dir = argv[1];
-    if (dir.back() != '/') dir += '/';
+    if (dir.back() != '/' && dir.back() != '\\') dir += '/';
     return dir;
   }
-  const char* tmp = std::getenv("TMPDIR");
-  std::string tmpl =
-      std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/zel_demo_XXXXXX";
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) return std::string();
-  return std::string(buf.data()) + "/";
+  std::error_code error;
+  const std::filesystem::path base = std::filesystem::temp_directory_path(error);
+  if (error) return std::string();
+  std::random_device random;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const std::filesystem::path dir = base / ("zel_demo_" + std::to_string(random()));
+    // False when the name is taken: another number is tried.
+    if (std::filesystem::create_directory(dir, error)) return (dir / "").string();
+    if (error) return std::string();
+  }
+  return std::string();
 }
 
 // The last `count` lines of the file at `path`.
@@ -178,7 +187,7 @@ void DemoRotation(const std::string& dir) {
 int main(int argc, char** argv) {
   const std::string work = MakeWorkDirectory(argc, argv);
   if (work.empty()) {
-    std::perror("zel_demo: cannot make a working directory");
+    std::fprintf(stderr, "zel_demo: cannot make a working directory\n");
     return 1;
   }
   std::printf("== zel_utils demonstration, writing under %s\n", work.c_str());

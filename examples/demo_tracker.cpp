@@ -26,7 +26,10 @@ void DemoTracker(const std::string& workDir) {
   const char* preset = std::getenv("ZEL_TRACE_ENDPOINT");
   if (preset == nullptr) {
     const std::string endpoint = kFileScheme + workDir + "trace.jsonl";
-    setenv("ZEL_TRACE_ENDPOINT", endpoint.c_str(), 1);
+    // putenv keeps the text it is given: it must live as long as the variable.
+    static std::string setting;
+    setting = "ZEL_TRACE_ENDPOINT=" + endpoint;
+    putenv(&setting[0]);
   }
   const std::string endpoint = std::getenv("ZEL_TRACE_ENDPOINT");
   std::printf("target: %s\n", endpoint.c_str());

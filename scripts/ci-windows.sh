@@ -81,3 +81,17 @@ done
 
 step "tests"
 ctest --preset windows
+
+# The demonstration program under Wine, in a directory of its own: its
+# output, its log directory and its files.
+step "demo"
+bash scripts/windows-demo-check.sh build/windows/bin/zel_demo.exe build/windows/demo-run
+
+# The load program for 10 s (its short run is one of the tests above).
+step "load (10 s)"
+wine build/windows/bin/zel_stress.exe --seconds 10 >build/windows/stress.log 2>&1 </dev/null || {
+  cat build/windows/stress.log >&2
+  exit 1
+}
+grep '^stress: ' build/windows/stress.log | sed 's/^/windows: /'
+step "done"

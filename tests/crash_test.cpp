@@ -1,5 +1,6 @@
 // The log under a crash: a child process logs heavily from several threads
-// and is killed with SIGKILL at a random moment, many times over. Each time
+// and is killed (SIGKILL; TerminateProcess on Windows) at a random moment,
+// many times over. Each time
 // every line in its files must be whole, except possibly the very last one
 // of the live file (the write under way), each thread's lines must be in
 // posting order without a gap or a duplicate, and every line for which a
@@ -11,10 +12,12 @@
 // it must die of the same signal as without the drain.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#if !defined(ZEL_TEST_ON_WINDOWS)
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#endif
 #include <unistd.h>
 
 #include <atomic>
@@ -43,8 +46,9 @@ using zel_test::WaitFor;
 constexpr int kThreads = 4;
 
 // Shared between the test and its child (an anonymous shared mapping made
-// before the fork): how many lines each thread has posted, and how many of
-// them a returned Flush() covers.
+// before the fork; on Windows a named mapping that the child opens): how
+// many lines each thread has posted, and how many of them a returned Flush()
+// covers.
 struct Shared {
   std::atomic<uint64_t> posted[kThreads];
   std::atomic<uint64_t> flushed[kThreads];
@@ -82,6 +86,118 @@ std::size_t PayloadLength(uint64_t seq) { return 10 + static_cast<std::size_t>(s
   for (std::thread& thread : threads) thread.join();
   _exit(0);
 }
+
+// Starting, killing and reaping the child, and the memory shared with it.
+#if defined(ZEL_TEST_ON_WINDOWS)
+// Windows has no fork: the child is this program started again with
+// ZEL_CRASH_CHILD=<mapping name>|<log base> in its environment, which a
+// static initializer below turns into RunChild() before main.
+constexpr char kChildVariable[] = "ZEL_CRASH_CHILD";
+
+struct SharedMemory {
+  HANDLE mapping = nullptr;
+  Shared* shared = nullptr;
+  std::string name;
+};
+
+SharedMemory CreateShared() {
+  SharedMemory memory;
+  memory.name = "zel_crash_test_" + std::to_string(GetCurrentProcessId());
+  memory.mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                      sizeof(Shared), memory.name.c_str());
+  if (memory.mapping != nullptr) {
+    memory.shared = static_cast<Shared*>(
+        MapViewOfFile(memory.mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(Shared)));
+  }
+  return memory;
+}
+
+void ReleaseShared(const SharedMemory& memory) {
+  if (memory.shared != nullptr) UnmapViewOfFile(memory.shared);
+  if (memory.mapping != nullptr) CloseHandle(memory.mapping);
+}
+
+using ChildHandle = HANDLE;
+
+// Starts this program again as a child logging under `base`; null on failure.
+ChildHandle StartChild(const std::string& base, const SharedMemory& memory) {
+  char path[MAX_PATH + 1] = {0};
+  GetModuleFileNameA(nullptr, path, MAX_PATH);
+  std::string command = std::string("\"") + path + "\"";
+  _putenv_s(kChildVariable, (memory.name + "|" + base).c_str());
+  STARTUPINFOA startup{};
+  startup.cb = sizeof(startup);
+  PROCESS_INFORMATION child{};
+  const BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr,
+                                      nullptr, &startup, &child);
+  _putenv_s(kChildVariable, "");
+  if (!started) return nullptr;
+  CloseHandle(child.hThread);
+  return child.hProcess;
+}
+
+constexpr DWORD kKilledExitCode = 137;
+
+// Kills the child at once (TerminateProcess) and waits for it; true when it
+// ended by this kill, not before it.
+bool KillChild(ChildHandle child) {
+  TerminateProcess(child, kKilledExitCode);
+  WaitForSingleObject(child, INFINITE);
+  DWORD code = 0;
+  GetExitCodeProcess(child, &code);
+  CloseHandle(child);
+  return code == kKilledExitCode;
+}
+
+// In a child, runs it instead of the tests.
+const bool kRanAsChild = [] {
+  const char* value = std::getenv(kChildVariable);
+  if (value == nullptr || *value == '\0') return false;
+  const std::string text = value;
+  const std::size_t bar = text.find('|');
+  if (bar == std::string::npos) _exit(2);
+  HANDLE mapping = OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE, text.substr(0, bar).c_str());
+  if (mapping == nullptr) _exit(2);
+  auto* shared =
+      static_cast<Shared*>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(Shared)));
+  if (shared == nullptr) _exit(2);
+  RunChild(text.substr(bar + 1), shared);
+}();
+#else
+struct SharedMemory {
+  Shared* shared = nullptr;
+};
+
+SharedMemory CreateShared() {
+  SharedMemory memory;
+  void* address =
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (address != MAP_FAILED) memory.shared = static_cast<Shared*>(address);
+  return memory;
+}
+
+void ReleaseShared(const SharedMemory& memory) {
+  if (memory.shared != nullptr) munmap(memory.shared, sizeof(Shared));
+}
+
+using ChildHandle = pid_t;
+
+// Forks a child logging under `base`; -1 on failure.
+ChildHandle StartChild(const std::string& base, const SharedMemory& memory) {
+  const pid_t child = fork();
+  if (child == 0) RunChild(base, memory.shared);
+  return child;
+}
+
+// Kills the child at once (SIGKILL) and reaps it; true when it ended by
+// this kill, not before it.
+bool KillChild(ChildHandle child) {
+  kill(child, SIGKILL);
+  int status = 0;
+  if (waitpid(child, &status, 0) != child) return false;
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+#endif
 
 // Parses "[M-D hh:mm:ss.mmm][tid:N] C <t> <seq> <payload>\n"; false when the
 // line is not whole.
@@ -124,9 +240,9 @@ std::vector<std::string> ChildLogFiles(const std::string& base) {
 }
 
 TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
-  auto* shared = static_cast<Shared*>(
-      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  ASSERT_NE(shared, MAP_FAILED);
+  const SharedMemory memory = CreateShared();
+  Shared* shared = memory.shared;
+  ASSERT_NE(shared, nullptr);
   std::mt19937 random(std::random_device{}());
   constexpr int kRounds = 15;
   int roundsWithLines = 0;
@@ -140,9 +256,8 @@ TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
     }
     // Kill after a random number of posted lines (up to a few rotations).
     const uint64_t killAfter = std::uniform_int_distribution<uint64_t>(1, 3000)(random);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) RunChild(dir.path(), shared);
+    const ChildHandle child = StartChild(dir.path(), memory);
+    ASSERT_TRUE(child != ChildHandle{} && child != ChildHandle(-1)) << "no child";
 
     const bool reached = WaitFor(
         [shared, killAfter] {
@@ -151,11 +266,9 @@ TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
           return total >= killAfter;
         },
         std::chrono::milliseconds(60000));
-    kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    const bool killed = KillChild(child);
     ASSERT_TRUE(reached) << "the child did not log " << killAfter << " lines within 60 s";
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    ASSERT_TRUE(killed) << "the child ended before it was killed";
 
     uint64_t flushed[kThreads];
     for (int t = 0; t < kThreads; ++t) flushed[t] = shared->flushed[t].load();
@@ -188,7 +301,7 @@ TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
   // The kills must have hit a log under way, not only children that had
   // not written anything yet.
   EXPECT_GT(roundsWithLines, kRounds / 2);
-  munmap(shared, sizeof(Shared));
+  ReleaseShared(memory);
 }
 
 // ---------------------------------------------------------------------------

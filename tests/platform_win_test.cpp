@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +22,16 @@
 #include "utils/logger.h"
 #include "utils/platform.h"
 #include "utils/process_path.h"
+
+// Internal functions of the Windows platform layer (compiled into this test).
+namespace zel {
+namespace platform {
+namespace win {
+using FileTimeFunction = void(WINAPI*)(LPFILETIME);
+FileTimeFunction wallClockSource();
+}  // namespace win
+}  // namespace platform
+}  // namespace zel
 
 namespace {
 
@@ -120,6 +131,25 @@ TEST(PlatformWinTest, LogLinesEndInCarriageReturnLineFeedOnDisk) {
   EXPECT_EQ(ReadFile(logDir + live[0]).size() + 2, bytes.size());
 }
 
+TEST(PlatformWinTest, RotationCountsTheCarriageReturnsOnDisk) {
+  // Seven characters, fourteen bytes on disk: over a limit of 12 bytes only
+  // when the "\r" that text mode adds to each "\n" is counted.
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(12, 10);
+  Logger::GetInstance()->Log("\n\n\n\n\n\n\n");
+  zel_log_flush();
+  Logger::GetInstance()->Log("next\n");
+  zel_log_flush();
+  const std::string logDir = Logger::GetLogPath();
+  const std::vector<std::string> live = NamesEndingIn(logDir, ".txt");
+  ASSERT_EQ(live.size(), 1u);
+  const std::string run = live[0].substr(0, live[0].size() - 3);
+  EXPECT_EQ(ReadBytes(logDir + run + "0"), "\r\n\r\n\r\n\r\n\r\n\r\n\r\n");
+  EXPECT_EQ(ReadBytes(logDir + live[0]), "next\r\n");
+  EXPECT_EQ(ListDir(logDir).size(), 2u);
+}
+
 TEST(PlatformWinTest, WindowsRefusesToRenameAnOpenFile) {
   // The premise of the rotation test below: a file still open cannot be
   // renamed here, so a rotation that renamed before closing would fail.
@@ -153,6 +183,42 @@ TEST(PlatformWinTest, RotationClosesTheLiveFileBeforeRenamingIt) {
   EXPECT_EQ(ReadFile(logDir + run + "1"), "second line\n");
   EXPECT_EQ(ReadFile(logDir + live[0]), "third line\n");
   EXPECT_EQ(ListDir(logDir).size(), 3u);
+}
+
+TEST(PlatformWinTest, RotationTargetHeldOpenWithoutSharingLosesNoLine) {
+  // Another handle holds the first rotation target open and shares nothing
+  // (Windows checks sharing per handle, so one of this process stands for
+  // another process's): the rename onto it fails, the index steps on and the
+  // over-size file is rotated to the next name.
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  Logger::GetInstance()->SetLogFileInfo(100, 10);
+  log_print(0, 0, "first\n");
+  zel_log_flush();
+  const std::string logDir = Logger::GetLogPath();
+  const std::vector<std::string> live = NamesEndingIn(logDir, ".txt");
+  ASSERT_EQ(live.size(), 1u);
+  const std::string stem = logDir + live[0].substr(0, live[0].size() - 3);
+  const HANDLE held = CreateFileA((stem + "0").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                  CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+  ASSERT_NE(held, INVALID_HANDLE_VALUE) << GetLastError();
+  StdoutCapture out;
+  std::vector<std::string> lines;
+  for (int i = 0; i < 20; ++i) {
+    lines.push_back("line " + std::to_string(i) + " " + std::string(40, 'x') + "\n");
+    log_print(0, 0, "%s", lines.back().c_str());
+  }
+  zel_log_flush();
+  const std::string stdoutText = out.Stop();
+  CloseHandle(held);
+  EXPECT_NE(stdoutText.find(",rename error\n"), std::string::npos) << stdoutText;
+  EXPECT_EQ(ReadBytes(stem + "0"), "");
+  EXPECT_TRUE(FileExists(stem + "1"));
+  std::string text;
+  for (const std::string& name : ListDir(logDir)) text += ReadFile(logDir + name);
+  for (const std::string& line : lines) {
+    EXPECT_EQ(zel_test::CountOccurrences(text, "] " + line), 1) << line;
+  }
 }
 
 TEST(PlatformWinTest, AppDataPathIsBuiltWithBackslashes) {
@@ -211,6 +277,59 @@ TEST(PlatformWinTest, ClocksAndThreadIdComeFromWindows) {
   EXPECT_NE(other, zel::platform::currentThreadId());
 }
 
+TEST(PlatformWinTest, WallClockReadsThePreciseSystemTime) {
+  const HMODULE kernel = GetModuleHandleA("kernel32.dll");
+  ASSERT_NE(kernel, nullptr);
+  const FARPROC precise = GetProcAddress(kernel, "GetSystemTimePreciseAsFileTime");
+  ASSERT_NE(precise, nullptr) << "this Windows has no precise system clock";
+  EXPECT_EQ(reinterpret_cast<void*>(zel::platform::win::wallClockSource()),
+            reinterpret_cast<void*>(precise));
+  // The milliseconds move one at a time, not with the 1 to 16 ms tick: the
+  // smallest step seen between two readings is one millisecond.
+  int64_t smallestStep = INT64_MAX;
+  int64_t last = zel::platform::wallClockMs();
+  const int64_t start = zel::platform::monotonicNs();
+  while (zel::platform::monotonicNs() - start < 200LL * 1000 * 1000 && smallestStep > 1) {
+    const int64_t now = zel::platform::wallClockMs();
+    if (now != last && now - last < smallestStep) smallestStep = now - last;
+    last = now;
+  }
+  EXPECT_EQ(smallestStep, 1);
+}
+
+TEST(PlatformWinTest, FlushAndDoSyncReturnInADllDestructorAtProcessExit) {
+  // Not while this process runs normally.
+  EXPECT_FALSE(zel::platform::processExiting());
+  // exit_probe.exe, beside this program, arms exit_probe.dll and returns
+  // from main; the DLL's static destructor then calls zel_log_flush() and
+  // Worker::DoSync() with the writer and worker threads gone.
+  TempDir dir;
+  const std::string module = ModulePath();
+  const std::string probe = module.substr(0, module.rfind('\\') + 1) + "exit_probe.exe";
+  const std::string marker = dir.path() + "marker.txt";
+  std::string command = "\"" + probe + "\" \"" + marker + "\" \"" + dir.path() + "\"";
+  STARTUPINFOA startup{};
+  startup.cb = sizeof(startup);
+  PROCESS_INFORMATION child{};
+  ASSERT_TRUE(CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                             &startup, &child))
+      << GetLastError();
+  const DWORD waited = WaitForSingleObject(child.hProcess, 30000);
+  if (waited != WAIT_OBJECT_0) {
+    TerminateProcess(child.hProcess, 99);
+    WaitForSingleObject(child.hProcess, INFINITE);
+  }
+  DWORD code = 0;
+  GetExitCodeProcess(child.hProcess, &code);
+  CloseHandle(child.hThread);
+  CloseHandle(child.hProcess);
+  EXPECT_EQ(waited, static_cast<DWORD>(WAIT_OBJECT_0)) << "the probe hung at exit";
+  EXPECT_EQ(code, 0u);
+  // The closure of the late DoSync did not run (nothing could run it), and
+  // the worker was destroyed afterwards.
+  EXPECT_EQ(ReadBytes(marker), "armed\nexiting\nflushed\nsynced\nstopped\n");
+}
+
 TEST(PlatformWinTest, LogLineCarriesTheWindowsThreadId) {
   TempDir dir;
   zel_set_log_path(dir.path().c_str());
@@ -235,7 +354,9 @@ TEST(PlatformWinTest, LocalTimeMatchesTheRuntime) {
   EXPECT_EQ(got.tm_year, expected.tm_year);
   EXPECT_EQ(got.tm_yday, expected.tm_yday);
   EXPECT_EQ(got.tm_hour, expected.tm_hour);
-  EXPECT_EQ(got.tm_min, 13);
+  EXPECT_EQ(got.tm_min, expected.tm_min);
+  // Every time zone is a whole number of quarter hours from UTC.
+  EXPECT_EQ(got.tm_min % 15, 13);
   EXPECT_EQ(got.tm_sec, 20);
   // A time the runtime cannot convert leaves the result zeroed.
   std::tm bad{};

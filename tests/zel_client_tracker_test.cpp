@@ -16,82 +16,27 @@
 #include <vector>
 
 #include "tests/test_util.h"
+#include "tests/tracer_double.h"
 #include "tracer/tracer_client.h"
 #include "utils/logger.h"
 
 // ---------------------------------------------------------------------------
-// The TracerClient double. This executable defines the client's operations
-// itself; the dynamic linker binds zel_utils's calls to these definitions
-// ahead of the ones in libzel_tracer, so every registration, post and
-// deregistration of the tracker lands here and is recorded.
+// The TracerClient double (tests/tracer_double.h): every registration, post
+// and deregistration of the tracker lands there and is recorded. A test
+// steers it and reads what happened through Double():
+//   Double().registerFails = true;   next registerClient() calls give null
+//   Double().postResult = false;     next postTrace() calls return false
+//   Double().registeredNames         names registered, in order
+//   Double().posts[i].text/.client   documents posted and their client's index
+//   Double().deregistered            client indices deregistered, in order
+//   Double().registeredNames.size()  counts registerClient() calls;
+//   Double().deregistered.size()     counts deregister() calls.
 
 namespace {
 
-struct TracerDouble {
-  std::mutex mutex;
-  // What the next calls do.
-  bool registerFails = false;
-  bool postResult = true;
-  // What happened, in call order.
-  std::vector<std::string> registeredNames;
-  std::vector<TracerClient*> clients;  // every client handed out
-  struct Post {
-    int client;  // index into `clients`
-    std::string text;
-  };
-  std::vector<Post> posts;
-  std::vector<int> deregistered;  // indices into `clients`
-
-  // Index of the live client `client`: the latest registration with that
-  // address, since a freed client's address may be handed out again.
-  int indexOf(const TracerClient* client) {
-    for (std::size_t i = clients.size(); i > 0; --i) {
-      if (clients[i - 1] == client) return static_cast<int>(i - 1);
-    }
-    return -1;
-  }
-};
-
-TracerDouble& Double() {
-  static TracerDouble* state = new TracerDouble;
-  return *state;
-}
+TracerDouble& Double() { return TracerDoubleState(); }
 
 }  // namespace
-
-TracerClient::TracerClient(zel_tracer_detail::Sink* sink) : sink_(sink) {}
-
-TracerClient::~TracerClient() = default;
-
-TracerClient* TracerClient::registerClient(const std::string& name) {
-  TracerDouble& d = Double();
-  std::lock_guard<std::mutex> lock(d.mutex);
-  d.registeredNames.push_back(name);
-  if (d.registerFails) return nullptr;
-  TracerClient* client = new TracerClient(nullptr);
-  d.clients.push_back(client);
-  return client;
-}
-
-bool TracerClient::postTrace(const std::string& text) {
-  TracerDouble& d = Double();
-  std::lock_guard<std::mutex> lock(d.mutex);
-  d.posts.push_back({d.indexOf(this), text});
-  return d.postResult;
-}
-
-void TracerClient::deregister() {
-  {
-    TracerDouble& d = Double();
-    std::lock_guard<std::mutex> lock(d.mutex);
-    d.deregistered.push_back(d.indexOf(this));
-  }
-  // The double's clients carry no delivery of their own.
-  EXPECT_EQ(sink_, nullptr);
-  // Freed as the real client frees itself, so that a later use by the
-  // tracker shows up under the address sanitizer.
-  delete this;
-}
 
 // Reaches the tracker's private conversions.
 namespace zel {
@@ -193,7 +138,11 @@ class ZelClientTrackerTest : public ::testing::Test {
     zel::Logger::GetInstance()->RegisterBackend(&backend_);
   }
 
-  void TearDown() override { zel_log_flush(); }
+  void TearDown() override {
+    zel_log_flush();
+    // The tracker deregisters only clients that it got from the double.
+    EXPECT_EQ(Double().foreignDeregisters, 0);
+  }
 
   // Logs a marker, waits until everything is written and returns the log's
   // text with prefixes removed and the tracker's line numbers as "N". A text

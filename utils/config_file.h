@@ -112,8 +112,8 @@ ZEL_API int GetKeyIntFromFile(const char* path, const char* section, const char*
 // The file is never replaced by a damaged copy: every write to the copy,
 // its flush and its close are checked, and the copy is synced to the disk
 // and given the file's permission bits before it replaces the file. On
-// Windows a file that another process holds open is retried for about half a
-// second. Both files are opened so that child processes do not inherit them.
+// Windows a file that another process holds open is retried for about two
+// seconds. Both files are opened so that child processes do not inherit them.
 // Results: 0 on success, also when nothing was replaced, and when `path` is
 // null (nothing is written). -2 when the file cannot be opened for reading
 // (nothing is printed). -1 when "<path>.tmp" does not fit in 1023 characters

@@ -107,8 +107,9 @@ std::string ConfigParser::GetStringVal(const std::string& group, const std::stri
   if (error != nullptr) g_clear_error(&error);
   if (text == nullptr) return std::string();
   std::string value(text);
-  // GLib allocates with the system allocator, so free() matches g_free().
-  std::free(text);
+  // GLib's memory goes back to GLib: on Windows the GLib DLL may use a C
+  // runtime of its own, whose heap free() of this library must not touch.
+  g_free(text);
   return value;
 }
 

@@ -532,7 +532,12 @@ void Logger::RegisterBackend(LogBackend* backend) {
   mBackends.push_back(backend);
 }
 
-void Logger::Flush() { mQueue->flush(); }
+void Logger::Flush() {
+  // No writer any more: when the process is ending on Windows (a DLL's
+  // static destructor) its other threads are gone.
+  if (platform::processExiting()) return;
+  mQueue->flush();
+}
 
 void Logger::writeLog(LogInfo* info) {
   writeLine(info->message.c_str(), info->message.size(), info->forward);

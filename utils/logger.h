@@ -102,7 +102,9 @@ ZEL_API int zel_get_log_path(char* buffer, int size);
 // Blocks until every line queued before the call has been written and
 // flushed. Returns at once when no line was ever logged. Call it before the
 // process exits. From the writer thread itself (a LogBackend) it returns at
-// once. Threads: any thread.
+// once. While the process is ending on Windows and the writer thread is
+// gone (from a DLL's static destructor at process exit) it returns at once;
+// lines still queued then are lost. Threads: any thread.
 ZEL_API void zel_log_flush(void);
 
 // Bounds the text of the lines queued for the writer, as
@@ -115,6 +117,7 @@ ZEL_API void zel_set_log_queue_limit(size_t bytes, int block);
 // process started (0 when none was, or before the first line). Threads: any
 // thread.
 ZEL_API uint64_t zel_log_dropped(void);
+
 // Installs the crash drain, as zel::Logger::InstallCrashHandler() does (see
 // there); creates the Logger when it does not exist yet. Returns 0 when
 // installed (or already installed), -1 when it could not be. Threads: any.
@@ -214,7 +217,8 @@ class ZEL_API Logger : public LogBackend {
   static std::string GetLogPath();
 
   // Blocks until every line queued before the call has been written and
-  // flushed; returns at once when called on the writer thread.
+  // flushed; returns at once when called on the writer thread, and while
+  // the process is ending on Windows with the writer thread gone.
   void Flush();
 
   // Bounds the queue: the text of the lines posted and not yet written may
@@ -227,6 +231,7 @@ class ZEL_API Logger : public LogBackend {
   // room look at the new bound at once. Process-wide: may be called before
   // the Logger exists and does not create it. Threads: any thread.
   static void SetQueueLimit(std::size_t bytes, QueueFullPolicy policy);
+
   // Installs the crash drain, once per process (opt-in). When the process
   // then dies of SIGSEGV, SIGBUS, SIGILL, SIGFPE or SIGABRT (on Windows: an
   // unhandled exception), the lines still queued are written first, at most

@@ -77,7 +77,7 @@ bool getEnv(const char* name, std::string* value);
 // platform (rename on POSIX; MoveFileExA with MOVEFILE_REPLACE_EXISTING on
 // Windows, whose runtime rename refuses an existing destination). On Windows
 // a destination that another process holds open (a sharing violation) is
-// retried for up to about half a second. Returns 0 on success, -1 on
+// retried for up to about two seconds. Returns 0 on success, -1 on
 // failure, when `from` is left where it was.
 int replaceFile(const char* from, const char* to);
 
@@ -249,6 +249,14 @@ extern const bool kFatalCodeIsException;
 // Windows the previous filter is called), so the process ends as it would
 // have without it. Installing twice installs once. Returns false on failure.
 bool installFatalHandler(FatalHook hook);
+
+// True while the process is ending and the operating system has already
+// ended its other threads: on Windows, during the DLL detach of process exit
+// (ExitProcess, or a return from main), when the static destructors of DLLs
+// run. A wait for another thread of the library (the log writer, a worker)
+// would then never end. Always false on POSIX, where exit() leaves the other
+// threads running while static destructors run.
+bool processExiting();
 
 // ---------------------------------------------------------------------------
 // Pure rules.

@@ -44,6 +44,8 @@ void setWallClockOffsetMs(int64_t offsetMs) {
   gWallClockOffsetMs.store(offsetMs, std::memory_order_relaxed);
 }
 
+bool processExiting() { return false; }
+
 int64_t monotonicNs() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);

@@ -27,11 +27,35 @@ std::atomic<int64_t> gWallClockOffsetMs{0};
 
 }  // namespace
 
+namespace win {
+
+using FileTimeFunction = void(WINAPI*)(LPFILETIME);
+
+// The clock that wallClockMs() reads: GetSystemTimePreciseAsFileTime (Windows
+// 8 and later, under a microsecond) when kernel32 has it, otherwise
+// GetSystemTimeAsFileTime, which moves only with the 1 to 16 ms tick.
+// Looked up once.
+FileTimeFunction wallClockSource() {
+  static const FileTimeFunction source = [] {
+    const HMODULE kernel = GetModuleHandleA("kernel32.dll");
+    FARPROC precise =
+        kernel != nullptr ? GetProcAddress(kernel, "GetSystemTimePreciseAsFileTime") : nullptr;
+    if (precise == nullptr) return &GetSystemTimeAsFileTime;
+    FileTimeFunction function;
+    static_assert(sizeof(function) == sizeof(precise), "function pointer sizes");
+    std::memcpy(&function, &precise, sizeof(function));
+    return function;
+  }();
+  return source;
+}
+
+}  // namespace win
+
 int64_t wallClockMs() {
   // FILETIME counts 100-nanosecond ticks since 1601-01-01 UTC.
   constexpr int64_t kTicksFrom1601To1970 = 116444736000000000LL;
   FILETIME ft;
-  GetSystemTimeAsFileTime(&ft);
+  win::wallClockSource()(&ft);
   const int64_t ticks = (static_cast<int64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
   return (ticks - kTicksFrom1601To1970) / 10000 +
          gWallClockOffsetMs.load(std::memory_order_relaxed);
@@ -39,6 +63,21 @@ int64_t wallClockMs() {
 
 void setWallClockOffsetMs(int64_t offsetMs) {
   gWallClockOffsetMs.store(offsetMs, std::memory_order_relaxed);
+}
+
+bool processExiting() {
+  // ntdll's RtlDllShutdownInProgress is true from the moment ExitProcess has
+  // ended the other threads and the DLLs are being detached.
+  using ShutdownQuery = BOOLEAN(WINAPI*)();
+  static const ShutdownQuery query = [] {
+    const HMODULE ntdll = GetModuleHandleA("ntdll.dll");
+    FARPROC address =
+        ntdll != nullptr ? GetProcAddress(ntdll, "RtlDllShutdownInProgress") : nullptr;
+    ShutdownQuery function = nullptr;
+    if (address != nullptr) std::memcpy(&function, &address, sizeof(function));
+    return function;
+  }();
+  return query != nullptr && query() != FALSE;
 }
 
 int64_t monotonicNs() {
@@ -94,11 +133,11 @@ bool getEnv(const char* name, std::string* value) {
 }
 
 int replaceFile(const char* from, const char* to) {
-  // Another process that holds the destination open without sharing it for
-  // deletion (an editor, a virus scanner, a backup) makes the replace fail
-  // for as long as it keeps it; such holds are usually short, so the
-  // replace is retried for a while before it counts as failed.
-  constexpr int kAttempts = 50;
+  // A reader that holds `to` open (the runtime's fopen shares no delete
+  // access) makes the replacement fail with a sharing violation while it
+  // reads. Readers of a configuration file hold it briefly, so the move is
+  // tried again, for about two seconds at most, before it counts as failed.
+  constexpr int kAttempts = 200;
   constexpr DWORD kPauseMs = 10;
   for (int attempt = 1;; ++attempt) {
     if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0) return 0;

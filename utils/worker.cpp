@@ -4,6 +4,8 @@
 #include <chrono>
 #include <thread>
 
+#include "utils/platform.h"
+
 namespace zel {
 
 namespace {
@@ -32,6 +34,9 @@ void Worker::DoAsync(const std::function<void()>& f) {
 }
 
 void Worker::DoSync(const std::function<void()>& f) {
+  // The worker thread is gone when the process is ending on Windows (a DLL's
+  // static destructor): nothing would run `f`.
+  if (platform::processExiting()) return;
   looper_->PostMessageAAA(std::make_unique<WorkerMessage>(f));
   // The flag is set by a second message: it is due no earlier than `f` and
   // equal due times run in posting order, so it runs after `f` returned.

@@ -74,6 +74,9 @@ class ZEL_API Worker {
   // it returns up to about 10 ms after `f` has finished. Closures queued
   // before it run first, also when the wall clock steps back meanwhile.
   // Threads: any thread but the worker thread.
+  // Returns at once without running `f` while the process is ending on
+  // Windows and its other threads are gone (from a DLL's static destructor
+  // at process exit).
   // WARNING: never returns when the worker is not running, when called from
   // a closure running on this worker, or when the worker is stopped or
   // destroyed before `f` has run.

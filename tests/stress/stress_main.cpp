@@ -21,6 +21,11 @@
 // and prints lines per second and the peak resident memory. Exit status 0
 // when every check holds, 1 on any violation, 2 on a usage error.
 #include <malloc.h>
+#if defined(ZEL_TEST_ON_WINDOWS)
+#include <windows.h>
+// windows.h first.
+#include <psapi.h>
+#endif
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -133,8 +138,16 @@ void Violation(const char* format, ...) {
   va_end(args);
 }
 
-// Resident memory of this process in KiB: now, and the peak.
+// Resident memory of this process in KiB: now ("VmRSS") or the peak
+// ("VmHWM"); on Windows the working set and its peak.
 long ResidentKiB(const char* field) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  PROCESS_MEMORY_COUNTERS counters{};
+  if (!GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof(counters))) return -1;
+  const std::size_t bytes =
+      std::strcmp(field, "VmHWM") == 0 ? counters.PeakWorkingSetSize : counters.WorkingSetSize;
+  return static_cast<long>(bytes / 1024);
+#else
   std::ifstream in("/proc/self/status");
   std::string line;
   const std::string key = std::string(field) + ":";
@@ -142,6 +155,30 @@ long ResidentKiB(const char* field) {
     if (line.compare(0, key.size(), key) == 0) return std::atol(line.c_str() + key.size());
   }
   return -1;
+#endif
+}
+
+// Gives freed heap memory back to the system where the allocator can
+// (glibc's malloc_trim; msvcrt's _heapmin).
+void TrimHeap() {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  _heapmin();
+#else
+  malloc_trim(0);
+#endif
+}
+
+// The heap's bytes in use and held free, in KiB; -1 each where the runtime
+// does not tell (Windows).
+void HeapKiB(long* inUse, long* heldFree) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  *inUse = -1;
+  *heldFree = -1;
+#else
+  const struct mallinfo2 heap = mallinfo2();
+  *inUse = static_cast<long>((heap.uordblks + heap.hblkhd) / 1024);
+  *heldFree = static_cast<long>(heap.fordblks / 1024);
+#endif
 }
 
 // ---------------------------------------------------------------------------
@@ -511,7 +548,9 @@ int main(int argc, char** argv) {
   // logging thread's arena after it was freed (malloc_trim does not give it
   // back), which would hide a real leak behind allocator retention. With one
   // arena, freed memory is returned and the comparison below means something.
+#if !defined(ZEL_TEST_ON_WINDOWS)
   mallopt(M_ARENA_MAX, 1);
+#endif
   std::unique_ptr<zel_test::TempDir> temp;
   std::string base = options.dir;
   if (base.empty()) {
@@ -585,7 +624,7 @@ int main(int argc, char** argv) {
   runLoad(options.seconds / 10);
   zel_log_flush();
   zel_log_flush();
-  malloc_trim(0);
+  TrimHeap();
   const long rssBefore = ResidentKiB("VmRSS");
   uint64_t loggedBefore = 0;
   for (uint64_t n : logged) loggedBefore += n;
@@ -636,7 +675,7 @@ int main(int argc, char** argv) {
   // A second flush: it runs in a later pass of the writer's loop, so what
   // the pass of the first one held is released by then.
   zel_log_flush();
-  malloc_trim(0);
+  TrimHeap();
   const long rssAfter = ResidentKiB("VmRSS");
   const long rssPeak = ResidentKiB("VmHWM");
 
@@ -668,11 +707,13 @@ int main(int argc, char** argv) {
   std::printf("stress: worker closures %" PRIu64 ", timer rounds %" PRIu64 " (%" PRIu64
               " firings), config reads %" PRIu64 "\n",
               totalPosted, timerRounds, timerFirings, totalReads);
-  const struct mallinfo2 heap = mallinfo2();
+  long heapInUse = 0;
+  long heapFree = 0;
+  HeapKiB(&heapInUse, &heapFree);
   std::printf(
       "stress: resident memory %ld KiB before, %ld KiB after, peak %ld KiB; heap in use "
-      "%zu KiB, held free %zu KiB\n",
-      rssBefore, rssAfter, rssPeak, (heap.uordblks + heap.hblkhd) / 1024, heap.fordblks / 1024);
+      "%ld KiB, held free %ld KiB\n",
+      rssBefore, rssAfter, rssPeak, heapInUse, heapFree);
   // The queue holds at most its bound of text (64 MiB by default); the
   // rest of the process stays within 24 MiB of it.
   const long rssLimit = static_cast<long>(kQueueBound / 1024) + 24 * 1024;
