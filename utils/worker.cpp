@@ -23,7 +23,11 @@ WorkerMessage::~WorkerMessage() = default;
 
 Worker::Worker() : looper_(std::make_unique<Looper>()) {}
 
-Worker::~Worker() = default;
+Worker::~Worker() {
+  // At process exit on Windows the worker thread is gone and could not be
+  // joined: the Looper is left to the ending process.
+  if (platform::processExiting()) static_cast<void>(looper_.release());
+}
 
 int Worker::Start() { return looper_->Start(); }
 

@@ -48,7 +48,9 @@ class ZEL_API Worker {
   Worker();
 
   // Stops a running worker, waiting for the closure that runs; closures
-  // still queued are destroyed without running.
+  // still queued are destroyed without running. While the process is ending
+  // on Windows with the worker thread gone (a DLL's static destructor at
+  // process exit) it neither stops nor waits: the Looper is left behind.
   ~Worker();
 
   Worker(const Worker&) = delete;
