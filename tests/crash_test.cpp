@@ -305,7 +305,10 @@ TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
 }
 
 // ---------------------------------------------------------------------------
-// The crash drain.
+// The crash drain. These children fork and fault with POSIX signals; the
+// Windows drain (the unhandled-exception filter) has no test here yet.
+
+#if !defined(ZEL_TEST_ON_WINDOWS)
 
 constexpr int kCrashLinesPerThread = 500;
 
@@ -560,5 +563,7 @@ TEST(CrashDrainTest, BlockedWriterStillDiesWithinTheWait) {
   EXPECT_TRUE(std::regex_match(lines[0], std::regex(FatalLinePattern(SIGSEGV, result.faultingTid))))
       << lines[0];
 }
+
+#endif  // !ZEL_TEST_ON_WINDOWS
 
 }  // namespace
