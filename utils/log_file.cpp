@@ -212,9 +212,16 @@ platform::FileHandle LogFile::getFile() {
     refuse(mFilePath, platform::DirCheck::kLink);
     return mFile;
   }
-  // The first line lands at the end of what the file holds already.
+  // The first line lands at the end of what the file holds already. Several
+  // lines make a run only in a regular file of known size at the path:
+  // anything else (a FIFO, a device) takes one line per run, so that the
+  // next line finds it and rotates it away, as it would line by line.
   mFileOffset = mFile != platform::kNoFile ? platform::fileSize(mFile) : -1;
-  mRunPosition = mFileOffset;
+  int64_t pathSize = -1;
+  mRunPosition =
+      mFileOffset >= 0 && platform::regularFileSize(mFilePath, &pathSize) && pathSize == mFileOffset
+          ? mFileOffset
+          : -1;
   mRefused = false;
   crash::setLiveFile(mFile);
   if (mFile != platform::kNoFile) applyRetentionIfDue();
