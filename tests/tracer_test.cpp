@@ -1113,6 +1113,10 @@ TEST(TracerClientTest, UrlsThatLibcurlRejectsGiveNoClient) {
 }
 
 TEST(TracerClientTest, APermanentTransferErrorDropsDocumentsAndIsSaidOnce) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  GTEST_SKIP() << "the proxy host without an ASCII form that makes Linux's libcurl fail for "
+                  "good is a failure to resolve (retried) for the MinGW build of libcurl";
+#endif
   TestHttpServer server(TestHttpServer::Mode::kAnswer);
   UseEndpoint(server.url());
   // A proxy setting whose host has no ASCII form: every transfer fails

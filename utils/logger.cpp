@@ -148,7 +148,7 @@ class Logger::LineQueue {
   // Writer thread only.
   std::vector<std::unique_ptr<Block>> batch_;  // the blocks being written
   std::vector<platform::WriteBuffer> pieces_;  // the run being built
-  std::vector<std::size_t> runLines_;          // its lines' written lengths
+  std::vector<std::size_t> runLines_;          // its lines' lengths in the file
 
   static std::atomic<void*> sSpareDrain;  // the memory of one drain message
 };
@@ -431,8 +431,11 @@ void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, 
       } else {
         pieces_.push_back(platform::WriteBuffer{line, length});
       }
-      runLines_.push_back(length);
-      runBytes += static_cast<int64_t>(length);
+      // Counted as the file holds it (on Windows each '\n' takes "\r\n"),
+      // so that the run splits where the file's size passes the limit.
+      const std::size_t onDisk = platform::writtenLength(line, length);
+      runLines_.push_back(onDisk);
+      runBytes += static_cast<int64_t>(onDisk);
     }
     if (end > forwarded) forwarded = end;
     if (emptyLine) {

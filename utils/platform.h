@@ -128,11 +128,17 @@ struct WriteBuffer {
 // Writes the `count` pieces of `buffers` to `file` in order, with as few
 // system calls as the platform allows (writev on POSIX; one WriteFile of the
 // joined pieces on Windows), writing the rest again after a partial write.
-// Returns the number of bytes written, which is the sum of the sizes, or -1
-// when a write failed; then `*written` (when not null) holds how many bytes
-// went out before the failure.
+// On Windows each '\n' is written as "\r\n", as the C runtime writes a text
+// file, so log files keep the line ends they always had there. Returns the
+// number of bytes that reached the file (the sum of writtenLength() of the
+// pieces), or -1 when a write failed; then `*written` (when not null) holds
+// how many bytes reached the file before the failure.
 int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
                  std::size_t* written = nullptr);
+
+// The number of bytes that the `size` bytes at `text` take in a file written
+// by writeAll(): `size` on POSIX; on Windows one more for each '\n'.
+std::size_t writtenLength(const char* text, std::size_t size);
 
 // The size in bytes of the open `file`, or -1 when it cannot be had.
 int64_t fileSize(FileHandle file);

@@ -218,24 +218,33 @@ bool writeWhole(HANDLE handle, const char* data, std::size_t size, std::size_t* 
 int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
                  std::size_t* written) {
   const auto handle = reinterpret_cast<HANDLE>(file);
+  // Join the pieces, each '\n' as "\r\n" (text mode), so that they reach
+  // the file in one WriteFile.
   std::size_t total = 0;
-  for (std::size_t i = 0; i < count; ++i) total += buffers[i].size;
-  std::size_t done = 0;
-  bool ok;
-  if (count == 1) {
-    ok = writeWhole(handle, static_cast<const char*>(buffers[0].data), total, &done);
-  } else {
-    // Join the pieces so that they reach the file in one WriteFile.
-    std::string joined;
-    joined.reserve(total);
-    for (std::size_t i = 0; i < count; ++i) {
-      joined.append(static_cast<const char*>(buffers[i].data), buffers[i].size);
-    }
-    ok = writeWhole(handle, joined.data(), joined.size(), &done);
+  for (std::size_t i = 0; i < count; ++i) {
+    total += writtenLength(static_cast<const char*>(buffers[i].data), buffers[i].size);
   }
-  if (ok) return static_cast<int64_t>(total);
+  std::string joined;
+  joined.reserve(total);
+  for (std::size_t i = 0; i < count; ++i) {
+    const char* data = static_cast<const char*>(buffers[i].data);
+    for (std::size_t k = 0; k < buffers[i].size; ++k) {
+      if (data[k] == '\n') joined.push_back('\r');
+      joined.push_back(data[k]);
+    }
+  }
+  std::size_t done = 0;
+  if (writeWhole(handle, joined.data(), joined.size(), &done)) return static_cast<int64_t>(total);
   if (written != nullptr) *written = done;
   return -1;
+}
+
+std::size_t writtenLength(const char* text, std::size_t size) {
+  std::size_t length = size;
+  for (std::size_t k = 0; k < size; ++k) {
+    if (text[k] == '\n') ++length;
+  }
+  return length;
 }
 
 int64_t fileSize(FileHandle file) {
