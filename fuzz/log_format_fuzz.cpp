@@ -26,39 +26,16 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_log.h"
 #include "fuzz/fuzz_util.h"
 #include "utils/logger.h"
 
 namespace {
 
-// Keeps the last line handed to it.
-class LastLine : public zel::LogBackend {
- public:
-  void Log(const std::string& line) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    line_ = line;
-  }
-  std::string Take() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::string line;
-    line.swap(line_);
-    return line;
-  }
-
- private:
-  std::mutex mutex_;
-  std::string line_;
-};
+using zel_fuzz::LastLine;
+using zel_fuzz::RemoveLogTree;
 
 LastLine* gBackend = nullptr;
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-  return std::remove(path);
-}
-
-void RemoveLogTree() {
-  nftw(zel_fuzz::ScratchDir().c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
 
 // The C types an argument can have; each conversion takes exactly its own.
 enum Kind { kInt, kUnsigned, kLong, kULong, kLLong, kULLong, kDouble, kLDouble, kText, kKinds };

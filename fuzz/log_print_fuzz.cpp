@@ -15,39 +15,16 @@
 #include <regex>
 #include <string>
 
+#include "fuzz/fuzz_log.h"
 #include "fuzz/fuzz_util.h"
 #include "utils/logger.h"
 
 namespace {
 
-// Keeps the last line handed to it.
-class LastLine : public zel::LogBackend {
- public:
-  void Log(const std::string& line) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    line_ = line;
-  }
-  std::string Take() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::string line;
-    line.swap(line_);
-    return line;
-  }
-
- private:
-  std::mutex mutex_;
-  std::string line_;
-};
+using zel_fuzz::LastLine;
+using zel_fuzz::RemoveLogTree;
 
 LastLine* gBackend = nullptr;
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-  return std::remove(path);
-}
-
-void RemoveLogTree() {
-  nftw(zel_fuzz::ScratchDir().c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
 
 // What log_print must have made of the caller's text: `text` cut so that
 // the line (prefix included) has at most 4094 characters.

@@ -203,33 +203,8 @@ TEST(LogRetentionTest, SetAfterStartUpAppliesAtTheNextLine) {
   EXPECT_FALSE(FileExists(day9));
 }
 
-// Runs the test `test` of this executable again in a child process whose
-// wall clock starts at `start` (local time, TZ=UTC) under faketime, with
-// the base `base` in the environment. Returns the child's exit status.
-constexpr char kChildBaseVariable[] = "ZEL_TEST_CHILD_BASE";
-
-int RunSelfUnderFaketime(const std::string& start, const std::string& test,
-                         const std::string& base) {
-  char self[4096] = {0};
-  if (readlink("/proc/self/exe", self, sizeof(self) - 1) <= 0) return -1;
-  const pid_t pid = fork();
-  if (pid == 0) {
-    setenv(kChildBaseVariable, base.c_str(), 1);
-    setenv("TZ", "UTC", 1);
-    setenv("FAKETIME_DONT_FAKE_MONOTONIC", "1", 1);
-    const char* asan = std::getenv("ASAN_OPTIONS");
-    const std::string asanOptions =
-        std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0";
-    setenv("ASAN_OPTIONS", asanOptions.c_str(), 1);
-    const std::string filter = "--gtest_filter=" + test;
-    execlp("faketime", "faketime", "-f", ("@" + start).c_str(), self, filter.c_str(),
-           static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+using zel_test::kChildBaseVariable;
+using zel_test::RunSelfUnderFaketime;
 
 TEST(LogRetentionTest, AppliedAtStartUpAndAgainAfterTheChangeOfDay) {
   if (const char* childBase = std::getenv(kChildBaseVariable)) {

@@ -13,6 +13,7 @@
 #include <windows.h>
 #else
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #endif
 
 #include <algorithm>
@@ -305,6 +306,40 @@ inline std::string LoggedText() {
   zel_log_flush();
   return StripLogPrefixes(ReadLiveLog(zel::Logger::GetLogPath()));
 }
+
+#if !defined(ZEL_TEST_ON_WINDOWS)
+// The environment variable that hands a child run of a test its log base.
+constexpr char kChildBaseVariable[] = "ZEL_TEST_CHILD_BASE";
+
+// Runs this test executable again with only `test` selected, under faketime
+// starting at `start` (local time in UTC), with the child's log base in
+// kChildBaseVariable. Returns the child's exit status; 127 when faketime
+// could not be run (the faketime package is missing).
+inline int RunSelfUnderFaketime(const std::string& start, const std::string& test,
+                                const std::string& base) {
+  char self[4096] = {0};
+  if (readlink("/proc/self/exe", self, sizeof(self) - 1) <= 0) return -1;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setenv(kChildBaseVariable, base.c_str(), 1);
+    setenv("TZ", "UTC", 1);
+    // The wall clock is moved; waits on the monotonic clock stay real.
+    setenv("FAKETIME_DONT_FAKE_MONOTONIC", "1", 1);
+    // The preloaded faketime library comes before the sanitizer runtimes.
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    const std::string asanOptions =
+        std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0";
+    setenv("ASAN_OPTIONS", asanOptions.c_str(), 1);
+    const std::string filter = "--gtest_filter=" + test;
+    execlp("faketime", "faketime", "-f", ("@" + start).c_str(), self, filter.c_str(),
+           static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+#endif
 
 }  // namespace zel_test
 
