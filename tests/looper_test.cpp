@@ -65,11 +65,30 @@ class Signal {
   }
 
   // Waits until Notify() was called or `timeout` has passed; returns
-  // whether it was called.
+  // whether it was called. On Windows, when a thread was watched, it also
+  // waits until that thread has left the process: a thread that is still
+  // being torn down (its DLL detach notifications) when the test program
+  // exits can hold up the process's exit.
   bool WaitFor(milliseconds timeout = kWaitLimit) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, timeout, [this] { return set_; });
+    const bool set = cond_.wait_for(lock, timeout, [this] { return set_; });
+#if defined(ZEL_TEST_ON_WINDOWS)
+    if (set && thread_ != nullptr) {
+      WaitForSingleObject(thread_, static_cast<DWORD>(timeout.count()));
+      CloseHandle(thread_);
+      thread_ = nullptr;
+    }
+#endif
+    return set;
   }
+
+#if defined(ZEL_TEST_ON_WINDOWS)
+  // Remembers the calling thread, whose end WaitFor() then waits for too.
+  void WatchThisThread() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (thread_ == nullptr) thread_ = OpenThread(SYNCHRONIZE, FALSE, GetCurrentThreadId());
+  }
+#endif
 
   bool IsSet() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -80,6 +99,9 @@ class Signal {
   std::mutex mutex_;
   std::condition_variable cond_;
   bool set_ = false;
+#if defined(ZEL_TEST_ON_WINDOWS)
+  HANDLE thread_ = nullptr;
+#endif
 };
 
 // Thread-local list of signals to set when the owning thread ends.
@@ -94,6 +116,9 @@ struct ThreadEndHooks {
 // destroyed after the thread's function has returned, so once `signal` is
 // set the thread no longer touches anything of the Looper that ran it.
 void NotifyWhenThisThreadEnds(std::shared_ptr<Signal> signal) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  signal->WatchThisThread();
+#endif
   thread_local ThreadEndHooks hooks;
   hooks.signals.push_back(std::move(signal));
 }
