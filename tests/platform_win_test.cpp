@@ -185,6 +185,27 @@ TEST(PlatformWinTest, RotationClosesTheLiveFileBeforeRenamingIt) {
   EXPECT_EQ(ListDir(logDir).size(), 3u);
 }
 
+TEST(PlatformWinTest, LiveLogFileHandleIsNotInheritedAndLetsOthersRenameAndDelete) {
+  TempDir dir;
+  const std::string path = dir.path() + "live.txt";
+  const zel::platform::FileHandle file = zel::platform::openAppend(path.c_str());
+  ASSERT_NE(file, zel::platform::kNoFile);
+  // A child process started with handle inheritance does not get it.
+  DWORD flags = 0;
+  ASSERT_NE(GetHandleInformation(reinterpret_cast<HANDLE>(file), &flags), 0);
+  EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0u);
+  // A reader that opens it as the runtime does is no obstacle either way.
+  FILE* reader = std::fopen(path.c_str(), "r");
+  ASSERT_NE(reader, nullptr);
+  std::fclose(reader);
+  // Opened with FILE_SHARE_DELETE: another handle may rename and delete it
+  // while the log holds it open.
+  const std::string moved = dir.path() + "moved.txt";
+  EXPECT_NE(MoveFileExA(path.c_str(), moved.c_str(), 0), 0) << GetLastError();
+  EXPECT_NE(DeleteFileA(moved.c_str()), 0) << GetLastError();
+  EXPECT_EQ(zel::platform::closeFile(file), 0);
+}
+
 TEST(PlatformWinTest, AppDataPathIsBuiltWithBackslashes) {
   ASSERT_EQ(_putenv_s("APPDATA", "C:\\Users\\u\\AppData\\Roaming"), 0);
   EXPECT_EQ(GetAppDataPath(), "C:\\Users\\u\\AppData\\Roaming\\ostrel\\log\\");
