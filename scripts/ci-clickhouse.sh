@@ -33,7 +33,7 @@ rate="${CH_RATE:-20}"
 seconds="${CH_SECONDS:-15}"
 
 build=build/clickhouse
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_EXAMPLES=OFF >/dev/null
+cmake -S . -B "$build" -DZEL_BUILD_BENCH=OFF -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" -j2 --target zel_ch_client
 client="$root/$build/tests/zel_ch_client"
 report="$root/$build/report.txt"

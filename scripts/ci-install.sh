@@ -64,7 +64,7 @@ check_headers() {
 # -- 1. Shared libraries, installed elsewhere than configured, then moved.
 echo "-- shared libraries: configured for /usr/local, installed with --prefix"
 tree="$work/tree"
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_TESTS=OFF \
+cmake -S . -B "$build" -DZEL_BUILD_BENCH=OFF -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_TESTS=OFF \
   -DZEL_BUILD_EXAMPLES=OFF -DZEL_BUILD_SHARED=ON -DCMAKE_INSTALL_PREFIX=/usr/local >/dev/null
 cmake --build "$build"
 cmake --install "$build" --prefix "$tree" >/dev/null
@@ -96,7 +96,7 @@ done
 echo "-- static libraries ($((SECONDS - start)) s)"
 static_build="$build-static"
 static_tree="$work/tree-static"
-cmake -S . -B "$static_build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_TESTS=OFF \
+cmake -S . -B "$static_build" -DZEL_BUILD_BENCH=OFF -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_TESTS=OFF \
   -DZEL_BUILD_EXAMPLES=OFF -DZEL_BUILD_SHARED=OFF >/dev/null
 cmake --build "$static_build"
 cmake --install "$static_build" --prefix "$static_tree" >/dev/null
@@ -142,7 +142,7 @@ consume_subproject fetchcontent -DZEL_CONSUMER_GIT_REPOSITORY="file://$PWD" \
 
 # -- 4. Debian packages.
 echo "-- Debian packages ($((SECONDS - start)) s)"
-cmake -S . -B "$build" -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
+cmake -S . -B "$build" -DZEL_BUILD_BENCH=OFF -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
 cmake --build "$build"
 rm -f "$build"/*.deb
 (cd "$build" && cpack >/dev/null)

@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 
 seconds="${STRESS_SECONDS:-60}"
 build=build/stress
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_EXAMPLES=OFF >/dev/null
+cmake -S . -B "$build" -DZEL_BUILD_BENCH=OFF -G Ninja -DCMAKE_BUILD_TYPE=Release -DZEL_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" -j2 --target zel_stress
 
 # The Logger's notices of its directory go to standard output; the report

@@ -16,7 +16,7 @@ bash scripts/need.sh valgrind g++ cmake ninja-build pkg-config libgtest-dev \
   libglib2.0-dev libjsoncpp-dev libcurl4-openssl-dev
 
 build=build/valgrind
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_BUILD_EXAMPLES=OFF >/dev/null
+cmake -S . -B "$build" -DZEL_BUILD_BENCH=OFF -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" -j2
 
 options=(--error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite
