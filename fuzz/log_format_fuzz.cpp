@@ -51,7 +51,7 @@ struct Arg {
 
 // A conversion: its length modifier and letter, and the kind it takes.
 struct Conversion {
-  const char* spec;
+  const char* letters;  // length modifier and conversion letter
   Kind kind;
 };
 
@@ -313,7 +313,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         break;
     }
     const Conversion& conversion = kConversions[g.Below(kConversionCount)];
-    format += conversion.spec;
+    format += conversion.letters;
     Arg arg{conversion.kind, 0, 0, 0.0, 0.0L, nullptr};
     switch (conversion.kind) {
       case kInt:
