@@ -13,6 +13,7 @@
 #include <curl/curl.h>
 #include <stdlib.h>
 
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -121,9 +122,19 @@ void CheckEndpoint(const std::string& text) {
     if (endpoint.location != text || !CurlFindsHost(text)) std::abort();
   } else if (CurlFindsHost(text)) {
     // Refused although libcurl finds a host: only for a host without an
-    // ASCII form, which needs a byte outside ASCII.
+    // ASCII form, which needs a byte outside ASCII, as it stands or
+    // percent-encoded ("%91").
     bool nonAscii = false;
-    for (char c : text) nonAscii = nonAscii || static_cast<unsigned char>(c) >= 0x80;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      const auto c = static_cast<unsigned char>(text[i]);
+      if (c >= 0x80) nonAscii = true;
+      if (c == '%' && i + 2 < text.size() &&
+          std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+          std::isxdigit(static_cast<unsigned char>(text[i + 2])) &&
+          std::stoi(text.substr(i + 1, 2), nullptr, 16) >= 0x80) {
+        nonAscii = true;
+      }
+    }
     if (!nonAscii) std::abort();
   }
 }
