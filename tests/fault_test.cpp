@@ -420,12 +420,6 @@ void KillChild(ChildHandle child) {
 // another, replace the file with PutKeyStringToFile: every read sees a whole
 // old or whole new file, so the value is always one that was written.
 TEST(FaultTest, ConfigReadWhileOtherProcessesWriteSeesWholeFiles) {
-#if defined(ZEL_TEST_ON_WINDOWS)
-  // Seen under Wine: a read during MoveFileExA's replacement now and then
-  // finds no value.
-  GTEST_SKIP() << "needs POSIX rename(), which replaces a file atomically even while readers "
-                  "hold it open; MoveFileExA on Windows does not";
-#endif
   TempDir dir;
   const std::string path = dir.path() + "client.ini";
   // Long sections in front make each replacement take a while.

@@ -81,9 +81,12 @@ bool getEnv(const char* name, std::string* value);
 // failure, when `from` is left where it was.
 int replaceFile(const char* from, const char* to);
 
-// Opens `path` as std::fopen does with `mode` ("r", "w", ...), but so that
-// child processes do not inherit the descriptor or handle (close-on-exec on
-// POSIX, a non-inheritable handle on Windows). Returns null on failure.
+// Opens `path` as std::fopen does with `mode` ("r", "w", "a", each with an
+// optional "+" and "b"), but so that child processes do not inherit the
+// descriptor or handle (close-on-exec on POSIX, a non-inheritable handle on
+// Windows). On Windows others may read, write, rename, delete and replace
+// the file while it is open, as on POSIX. Returns null on failure (errno
+// set).
 // Ownership: the caller closes the stream with std::fclose.
 std::FILE* fopenNoInherit(const char* path, const char* mode);
 

@@ -1,11 +1,13 @@
 // Windows side of the operating-system layer.
 #include <direct.h>
+#include <fcntl.h>
 #include <io.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <windows.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -133,10 +135,11 @@ bool getEnv(const char* name, std::string* value) {
 }
 
 int replaceFile(const char* from, const char* to) {
-  // A reader that holds `to` open (the runtime's fopen shares no delete
-  // access) makes the replacement fail with a sharing violation while it
-  // reads. Readers of a configuration file hold it briefly, so the move is
-  // tried again, for about two seconds at most, before it counts as failed.
+  // A reader that holds `to` open makes the replacement fail while it reads
+  // (a sharing violation, or access denied where the reader shares delete
+  // access but the file system does not replace open files). Readers of a configuration file hold
+  // it briefly, so the move is tried again, for about two seconds at most, before it counts as
+  // failed.
   constexpr int kAttempts = 200;
   constexpr DWORD kPauseMs = 10;
   for (int attempt = 1;; ++attempt) {
@@ -150,12 +153,72 @@ int replaceFile(const char* from, const char* to) {
 }
 
 std::FILE* fopenNoInherit(const char* path, const char* mode) {
-  // "N" is the Windows runtime's flag for a handle that child processes do
-  // not inherit.
-  char flags[16];
-  const int n = std::snprintf(flags, sizeof(flags), "%sN", mode);
-  if (n < 0 || static_cast<std::size_t>(n) >= sizeof(flags)) return nullptr;
-  return std::fopen(path, flags);
+  // The runtime's fopen shares no delete access, so a reader would fail with
+  // a sharing violation whenever another handle with delete access is open
+  // on the file, as MoveFileExA's is for a moment while it puts a new copy
+  // of a configuration file in place, and a reader would keep a replacement
+  // from happening. The file is opened here with every sharing mode and a
+  // non-inheritable handle, then given to the runtime.
+  const bool binary = std::strchr(mode, 'b') != nullptr;
+  const bool plus = std::strchr(mode, '+') != nullptr;
+  DWORD access = 0;
+  DWORD disposition = 0;
+  int flags = binary ? _O_BINARY : _O_TEXT;
+  switch (mode[0]) {
+    case 'r':
+      access = GENERIC_READ | (plus ? GENERIC_WRITE : 0);
+      disposition = OPEN_EXISTING;
+      flags |= plus ? _O_RDWR : _O_RDONLY;
+      break;
+    case 'w':
+      access = GENERIC_WRITE | (plus ? GENERIC_READ : 0);
+      disposition = CREATE_ALWAYS;
+      flags |= plus ? _O_RDWR : _O_WRONLY;
+      break;
+    case 'a':
+      access = GENERIC_WRITE | (plus ? GENERIC_READ : 0);
+      disposition = OPEN_ALWAYS;
+      flags |= (plus ? _O_RDWR : _O_WRONLY) | _O_APPEND;
+      break;
+    default:
+      errno = EINVAL;
+      return nullptr;
+  }
+  const HANDLE handle =
+      CreateFileA(path, access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                  disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    switch (GetLastError()) {
+      case ERROR_FILE_NOT_FOUND:
+      case ERROR_PATH_NOT_FOUND:
+      case ERROR_INVALID_NAME:
+        errno = ENOENT;
+        break;
+      case ERROR_TOO_MANY_OPEN_FILES:
+        errno = EMFILE;
+        break;
+      case ERROR_DISK_FULL:
+      case ERROR_HANDLE_DISK_FULL:
+        errno = ENOSPC;
+        break;
+      case ERROR_NOT_ENOUGH_MEMORY:
+      case ERROR_OUTOFMEMORY:
+        errno = ENOMEM;
+        break;
+      default:  // access denied, sharing and lock violations, ...
+        errno = EACCES;
+        break;
+    }
+    return nullptr;
+  }
+  const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), flags);
+  if (fd == -1) {
+    CloseHandle(handle);
+    return nullptr;
+  }
+  std::FILE* file = _fdopen(fd, mode);
+  if (file == nullptr) _close(fd);  // closes the handle too
+  return file;
 }
 
 int syncFile(std::FILE* file) {
