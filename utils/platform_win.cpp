@@ -137,9 +137,9 @@ bool getEnv(const char* name, std::string* value) {
 int replaceFile(const char* from, const char* to) {
   // A reader that holds `to` open makes the replacement fail while it reads
   // (a sharing violation, or access denied where the reader shares delete
-  // access but the file system does not replace open files). Readers of a configuration file hold
-  // it briefly, so the move is tried again, for about two seconds at most, before it counts as
-  // failed.
+  // access but the file system does not replace open files). Readers of a
+  // configuration file hold it briefly, so the move is tried again, for
+  // about two seconds at most, before it counts as failed.
   constexpr int kAttempts = 200;
   constexpr DWORD kPauseMs = 10;
   for (int attempt = 1;; ++attempt) {
