@@ -33,6 +33,7 @@
 #include <atomic>
 #include <chrono>
 #include <cinttypes>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -207,8 +208,45 @@ class WrittenCounter : public zel::LogBackend {
 WrittenCounter gWritten;
 std::atomic<uint64_t> gPosted{0};
 
-// Logs until `stop`, continuing the thread's sequence from `*count`.
-void LogLoad(int thread, const std::atomic<bool>* stop, long maxBacklog, uint64_t* count) {
+// Where the logging threads meet after the stop.
+class ClosingBarrier {
+ public:
+  explicit ClosingBarrier(int threads) : waiting_(threads) {}
+
+  // Returns once every logging thread has arrived.
+  void Arrive() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (--waiting_ == 0) {
+      cond_.notify_all();
+      return;
+    }
+    cond_.wait(lock, [this] { return waiting_ == 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  int waiting_;
+};
+
+// Logs the line `seq` of `thread`.
+void LogLine(int thread, uint64_t seq, std::string* payload) {
+  const int len = PayloadLength(thread, seq);
+  payload->resize(static_cast<std::size_t>(len));
+  for (int i = 0; i < len; ++i)
+    (*payload)[static_cast<std::size_t>(i)] = PayloadChar(thread, seq, i);
+  log_print(3, 1, "S %d %" PRIu64 " %d %s\n", thread, seq, len, payload->c_str());
+  gPosted.fetch_add(1, std::memory_order_relaxed);
+}
+
+// Logs until `stop`, continuing the thread's sequence from `*count`, then
+// one closing line once every logging thread has stopped. The closing
+// lines are the newest of the run, so every thread has lines in the kept
+// files and the check sees each one's last line; without them, a thread
+// that the scheduler held back during the load's last part could have all
+// of its lines deleted with the rotated files, indistinguishable from lost.
+void LogLoad(int thread, const std::atomic<bool>* stop, long maxBacklog, ClosingBarrier* closing,
+             uint64_t* count) {
   std::string payload;
   uint64_t seq = *count;
   while (!stop->load(std::memory_order_relaxed)) {
@@ -222,15 +260,12 @@ void LogLoad(int thread, const std::atomic<bool>* stop, long maxBacklog, uint64_
       std::this_thread::yield();
       continue;
     }
-    const int len = PayloadLength(thread, seq);
-    payload.resize(static_cast<std::size_t>(len));
-    for (int i = 0; i < len; ++i)
-      payload[static_cast<std::size_t>(i)] = PayloadChar(thread, seq, i);
-    log_print(3, 1, "S %d %" PRIu64 " %d %s\n", thread, seq, len, payload.c_str());
-    gPosted.fetch_add(1, std::memory_order_relaxed);
+    LogLine(thread, seq, &payload);
     ++seq;
   }
-  *count = seq;
+  closing->Arrive();
+  LogLine(thread, seq, &payload);
+  *count = seq + 1;
 }
 
 // Parses the unsigned decimal at `*p`, advancing it; false when there is none.
@@ -593,8 +628,9 @@ int main(int argc, char** argv) {
   auto runLoad = [&](double seconds) {
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
+    ClosingBarrier closing(options.logThreads);
     for (int t = 0; t < options.logThreads; ++t) {
-      threads.emplace_back(LogLoad, t, &stop, options.maxBacklog,
+      threads.emplace_back(LogLoad, t, &stop, options.maxBacklog, &closing,
                            &logged[static_cast<std::size_t>(t)]);
     }
     for (int p = 0; p < options.workerPosters; ++p) {
