@@ -40,11 +40,13 @@ using zel_test::StdoutCapture;
 using zel_test::TempDir;
 
 #if defined(ZEL_TEST_ON_WINDOWS)
-// Windows lets nobody remove, rename or replace a file that a process holds
-// open, so the live log file cannot be taken away from outside.
+// On Windows a removed file that a process still holds open keeps its name,
+// delete-pending, until its last handle is closed (renaming it is allowed:
+// the log opens it with FILE_SHARE_DELETE).
 constexpr char kOpenFileIsLocked[] =
-    "Windows does not let the live log file, which the logger holds open, be removed, "
-    "renamed or replaced from outside";
+    "needs POSIX unlink, which takes the name of a file another handle holds open away at "
+    "once; on Windows the removed live file keeps its name, delete-pending, until the log "
+    "closes it";
 #endif
 
 // Today's date directory, "YYYYMMDD/", in local time.
@@ -816,10 +818,6 @@ TEST(LogPrintTest, PrefixUnderAMovedClockShowsItsLocalDateAndTime) {
 
 namespace {
 
-// These scenarios change the file while it is open (truncate, rename over
-// it), which Windows does not allow.
-#if !defined(ZEL_TEST_ON_WINDOWS)
-
 // Appends `text` to the file `path` as another program would.
 void AppendFromOutside(const std::string& path, const std::string& text) {
   std::FILE* f = std::fopen(path.c_str(), "a");
@@ -827,6 +825,9 @@ void AppendFromOutside(const std::string& path, const std::string& text) {
   std::fputs(text.c_str(), f);
   std::fclose(f);
 }
+
+// These scenarios change the file while the log holds it open: appends
+// from outside, truncation, a rename and a removal (which on Windows skips).
 
 TEST(LogFilesTest, AppendFromOutsideCountsOnlyOnceTheLoggerHasWrittenBehindIt) {
   TempDir dir;
@@ -865,10 +866,26 @@ TEST(LogFilesTest, FileTruncatedFromOutsideRotatesByTheLoggersPosition) {
   EXPECT_EQ(ReadFile(day + RunPrefix(live) + "0"), "abbbbbbbbbb");
 }
 
-TEST(LogFilesTest, LiveFileReplacedFromOutsideKeepsTheOpenFileUntilItIsOverTheLimit) {
+TEST(LogFilesTest, LiveFileReplacedByADirectoryRotates) {
 #if defined(ZEL_TEST_ON_WINDOWS)
   GTEST_SKIP() << kOpenFileIsLocked;
 #endif
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  LogRaw("before\n");
+  const std::string day = Logger::GetLogPath();
+  const std::string live = LiveFile(day);
+  ASSERT_EQ(unlink(live.c_str()), 0);
+  ASSERT_EQ(mkdir(live.c_str(), 0755), 0);
+  StdoutCapture out;
+  // Not a regular file at the path: rotate, which renames the directory.
+  LogRaw("after\n");
+  EXPECT_EQ(out.Stop(), "");
+  EXPECT_TRUE(IsDirectory(day + RunPrefix(live) + "0"));
+  EXPECT_EQ(ReadFile(live), "after\n");
+}
+
+TEST(LogFilesTest, LiveFileReplacedFromOutsideKeepsTheOpenFileUntilItIsOverTheLimit) {
   TempDir dir;
   zel_set_log_path(dir.path().c_str());
   Logger::GetInstance()->SetLogFileInfo(10, 10);
@@ -892,27 +909,6 @@ TEST(LogFilesTest, LiveFileReplacedFromOutsideKeepsTheOpenFileUntilItIsOverTheLi
   EXPECT_EQ(ReadFile(day + RunPrefix(live) + "0"), foreign);
   EXPECT_EQ(ReadFile(live), "b");
 }
-
-TEST(LogFilesTest, LiveFileReplacedByADirectoryRotates) {
-#if defined(ZEL_TEST_ON_WINDOWS)
-  GTEST_SKIP() << kOpenFileIsLocked;
-#endif
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  LogRaw("before\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
-  ASSERT_EQ(unlink(live.c_str()), 0);
-  ASSERT_EQ(mkdir(live.c_str(), 0755), 0);
-  StdoutCapture out;
-  // Not a regular file at the path: rotate, which renames the directory.
-  LogRaw("after\n");
-  EXPECT_EQ(out.Stop(), "");
-  EXPECT_TRUE(IsDirectory(day + RunPrefix(live) + "0"));
-  EXPECT_EQ(ReadFile(live), "after\n");
-}
-
-#endif  // !defined(ZEL_TEST_ON_WINDOWS)
 
 // Each line logged through log_print holds, after its prefix, exactly what
 // snprintf makes of the same format and arguments.
