@@ -9,7 +9,8 @@
 // The crash drain: a child installs it, logs from several threads through a
 // slow writer and then faults (a null pointer, abort(), a raised signal);
 // every line it queued must be in the file, followed by the fatal line, and
-// it must die of the same signal as without the drain.
+// it must die of the same signal as without the drain. On Windows the fault
+// is an access violation that reaches the unhandled-exception filter.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #if !defined(ZEL_TEST_ON_WINDOWS)
@@ -24,7 +25,9 @@
 #include <chrono>
 #include <cinttypes>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <random>
@@ -305,10 +308,9 @@ TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
 }
 
 // ---------------------------------------------------------------------------
-// The crash drain. These children fork and fault with POSIX signals; the
-// Windows drain (the unhandled-exception filter) has no test here yet.
-
-#if !defined(ZEL_TEST_ON_WINDOWS)
+// The crash drain. On POSIX the children fork and fault with signals; on
+// Windows they are this program started again, and fault with an access
+// violation that no handler catches (the unhandled-exception filter).
 
 constexpr int kCrashLinesPerThread = 500;
 
@@ -319,14 +321,30 @@ struct CrashShared {
   std::atomic<int> installResult;
 };
 
-// A backend that holds up the writer: each line costs it `delay`.
+// A backend that holds up the writer: it holds the first line until
+// Release(), so that the writer is surely behind when the child faults,
+// then each line costs it `delay`.
 class SlowBackend : public zel::LogBackend {
  public:
   explicit SlowBackend(std::chrono::microseconds delay) : delay_(delay) {}
-  void Log(const std::string&) override { std::this_thread::sleep_for(delay_); }
+  void Log(const std::string&) override {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      cond_.wait(lock, [this] { return released_; });
+    }
+    std::this_thread::sleep_for(delay_);
+  }
+  void Release() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    released_ = true;
+    cond_.notify_all();
+  }
 
  private:
   std::chrono::microseconds delay_;
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  bool released_ = false;
 };
 
 // A backend that never returns: the writer stays blocked in it.
@@ -341,6 +359,186 @@ class StuckBackend : public zel::LogBackend {
   std::mutex mutex_;
   std::condition_variable cond_;
 };
+
+int CountNewlines(const std::string& path) {
+  return zel_test::CountOccurrences(ReadFile(path), "\n");
+}
+
+// The live file of the child's one day directory under `base`.
+std::string LiveFile(const std::string& base) {
+  for (const std::string& day : ListDir(base)) {
+    for (const std::string& name : ListDir(base + day)) {
+      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) {
+        return base + day + "/" + name;
+      }
+    }
+  }
+  return std::string();
+}
+
+// The child's part before its fault: installs the crash drain, logs
+// kCrashLinesPerThread lines from each of kThreads threads through a writer
+// slowed down by a backend (or stuck in one), and tells the test how far
+// the writer had come and which thread faults.
+void LogBehindASlowWriter(const std::string& base, CrashShared* shared, bool stuckWriter) {
+  zel_set_log_level(-1);
+  zel_set_log_path(base.c_str());
+  shared->installResult.store(zel_log_install_crash_handler());
+  zel::Logger* logger = zel::Logger::GetInstance();
+  static SlowBackend slow(std::chrono::microseconds(200));
+  static StuckBackend stuck;
+  logger->RegisterBackend(stuckWriter ? static_cast<zel::LogBackend*>(&stuck) : &slow);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int seq = 0; seq < kCrashLinesPerThread; ++seq) log_print(3, 1, "T %d %d\n", t, seq);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const std::string live = LiveFile(base);
+  shared->linesInFileBeforeFault.store(live.empty() ? 0 : CountNewlines(live));
+  slow.Release();
+  shared->faultingTid.store(static_cast<uint64_t>(zel_test::OsThreadId()));
+}
+
+struct CrashResult {
+  int status = 0;  // waitpid's status; on Windows the exit code
+  std::chrono::milliseconds took{0};
+  std::string log;
+  int64_t linesBeforeFault = -1;
+  uint64_t faultingTid = 0;
+  int installResult = -2;
+};
+
+// Waits for the child's report that it is about to fault, then measures how
+// long it takes to end from there (`waitEnd` waits for its end).
+template <typename WaitEnd>
+void CollectCrash(const std::string& base, CrashShared* shared, WaitEnd waitEnd,
+                  CrashResult* result) {
+  WaitFor([shared] { return shared->faultingTid.load() != 0; }, std::chrono::milliseconds(60000));
+  const auto start = std::chrono::steady_clock::now();
+  waitEnd();
+  result->took = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - start);
+  result->linesBeforeFault = shared->linesInFileBeforeFault.load();
+  result->faultingTid = shared->faultingTid.load();
+  result->installResult = shared->installResult.load();
+  const std::string live = LiveFile(base);
+  if (!live.empty()) result->log = ReadFile(live);
+}
+
+#if defined(ZEL_TEST_ON_WINDOWS)
+
+constexpr char kDrainChildVariable[] = "ZEL_CRASH_DRAIN_CHILD";
+
+// The exception filter the application had before the drain: appends a
+// marker to a file, then lets the system end the process.
+std::string sPriorMarker;
+LONG WINAPI PriorFilter(EXCEPTION_POINTERS* /*pointers*/) {
+  const std::string marker = "prior filter ran\n";
+  const HANDLE file = CreateFileA(sPriorMarker.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
+                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  DWORD written = 0;
+  if (file == INVALID_HANDLE_VALUE ||
+      !WriteFile(file, marker.data(), static_cast<DWORD>(marker.size()), &written, nullptr)) {
+    TerminateProcess(GetCurrentProcess(), 97);
+  }
+  CloseHandle(file);
+  return EXCEPTION_CONTINUE_SEARCH;
+}
+
+// The child: the application's own filter first when `priorMarker` is
+// given, then the drain, the lines, and an access violation.
+[[noreturn]] void RunCrashChild(const std::string& base, CrashShared* shared, bool stuckWriter,
+                                const std::string& priorMarker) {
+  // No error box for the fault: the process just ends.
+  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+  if (!priorMarker.empty()) {
+    sPriorMarker = priorMarker;
+    SetUnhandledExceptionFilter(PriorFilter);
+  }
+  if (std::getenv("ZEL_LOG_CRASH_WAIT_MS") == nullptr) _putenv_s("ZEL_LOG_CRASH_WAIT_MS", "30000");
+  LogBehindASlowWriter(base, shared, stuckWriter);
+  volatile std::uintptr_t address = 16;
+  *reinterpret_cast<volatile int*>(address) = 1;
+  _exit(98);  // not reached: the fault ends the process
+}
+
+// In a child started by RunCrash, runs it instead of the tests:
+// ZEL_CRASH_DRAIN_CHILD=<mapping>|<log base>|<0 or 1: stuck writer>|<marker>.
+const bool kRanAsDrainChild = [] {
+  const char* value = std::getenv(kDrainChildVariable);
+  if (value == nullptr || *value == '\0') return false;
+  std::vector<std::string> fields(1);
+  for (const char* p = value; *p != '\0'; ++p) {
+    if (*p == '|') {
+      fields.emplace_back();
+    } else {
+      fields.back() += *p;
+    }
+  }
+  if (fields.size() != 4) _exit(2);
+  HANDLE mapping = OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE, fields[0].c_str());
+  if (mapping == nullptr) _exit(2);
+  auto* shared = static_cast<CrashShared*>(
+      MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(CrashShared)));
+  if (shared == nullptr) _exit(2);
+  RunCrashChild(fields[1], shared, fields[2] == "1", fields[3]);
+}();
+
+CrashResult RunCrash(const std::string& base, bool stuckWriter,
+                     const std::string& priorMarker = std::string()) {
+  CrashResult result;
+  const std::string name = "zel_crash_drain_" + std::to_string(GetCurrentProcessId());
+  const HANDLE mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                            sizeof(CrashShared), name.c_str());
+  if (mapping == nullptr) return result;
+  auto* shared = static_cast<CrashShared*>(
+      MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(CrashShared)));
+  if (shared == nullptr) {
+    CloseHandle(mapping);
+    return result;
+  }
+  shared->faultingTid.store(0);
+  shared->linesInFileBeforeFault.store(-1);
+  shared->installResult.store(-2);
+  char path[MAX_PATH + 1] = {0};
+  GetModuleFileNameA(nullptr, path, MAX_PATH);
+  std::string command = std::string("\"") + path + "\"";
+  _putenv_s(kDrainChildVariable,
+            (name + "|" + base + "|" + (stuckWriter ? "1" : "0") + "|" + priorMarker).c_str());
+  STARTUPINFOA startup{};
+  startup.cb = sizeof(startup);
+  PROCESS_INFORMATION child{};
+  const BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr,
+                                      nullptr, &startup, &child);
+  _putenv_s(kDrainChildVariable, "");
+  if (started) {
+    CloseHandle(child.hThread);
+    CollectCrash(
+        base, shared, [&child] { WaitForSingleObject(child.hProcess, INFINITE); }, &result);
+    DWORD code = 0;
+    GetExitCodeProcess(child.hProcess, &code);
+    result.status = static_cast<int>(code);
+    CloseHandle(child.hProcess);
+  }
+  UnmapViewOfFile(shared);
+  CloseHandle(mapping);
+  return result;
+}
+
+std::string FatalLinePattern(uint64_t tid) {
+  return R"(\[\d+-\d+ \d\d:\d\d:\d\d\.\d\d\d\]\[tid:)" + std::to_string(tid) +
+         R"(\] zel log: fatal exception 0xC0000005 \(EXCEPTION_ACCESS_VIOLATION\)\n)";
+}
+
+// The child ended as an access violation ends a process without the drain.
+void ExpectEndedByTheFault(const CrashResult& result) {
+  EXPECT_EQ(static_cast<DWORD>(result.status), static_cast<DWORD>(EXCEPTION_ACCESS_VIOLATION))
+      << "exit code 0x" << std::hex << static_cast<DWORD>(result.status);
+}
+
+#else
 
 enum class Fault { kNullPointer, kAbort, kRaiseBus };
 
@@ -367,22 +565,6 @@ const char* NameOf(int sig) {
     default:
       return "?";
   }
-}
-
-int CountNewlines(const std::string& path) {
-  return zel_test::CountOccurrences(ReadFile(path), "\n");
-}
-
-// The live file of the child's one day directory under `base`.
-std::string LiveFile(const std::string& base) {
-  for (const std::string& day : ListDir(base)) {
-    for (const std::string& name : ListDir(base + day)) {
-      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) {
-        return base + day + "/" + name;
-      }
-    }
-  }
-  return std::string();
 }
 
 void Crash(Fault fault) {
@@ -413,9 +595,8 @@ void PriorHandler(int sig) {
 }
 
 // The child: installs the crash drain (after `prior` as the application's
-// own handler of the fault's signal, when given), logs kCrashLinesPerThread
-// lines from each of kThreads threads through a writer slowed down by a
-// backend (or stuck in one), then faults.
+// own handler of the fault's signal, when given), logs behind a slow or
+// stuck writer, then faults.
 [[noreturn]] void RunCrashChild(const std::string& base, CrashShared* shared, Fault fault,
                                 bool stuckWriter, const std::string& priorMarker) {
   // A plain application: the default actions (a sanitizer's own handlers
@@ -430,35 +611,10 @@ void PriorHandler(int sig) {
   // The drain tests wait as long as a loaded machine under a sanitizer may
   // need; the test of a stuck writer sets its own short wait.
   setenv("ZEL_LOG_CRASH_WAIT_MS", "30000", 0);
-  zel_set_log_level(-1);
-  zel_set_log_path(base.c_str());
-  shared->installResult.store(zel_log_install_crash_handler());
-  zel::Logger* logger = zel::Logger::GetInstance();
-  static SlowBackend slow(std::chrono::microseconds(200));
-  static StuckBackend stuck;
-  logger->RegisterBackend(stuckWriter ? static_cast<zel::LogBackend*>(&stuck) : &slow);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([t] {
-      for (int seq = 0; seq < kCrashLinesPerThread; ++seq) log_print(3, 1, "T %d %d\n", t, seq);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  const std::string live = LiveFile(base);
-  shared->linesInFileBeforeFault.store(live.empty() ? 0 : CountNewlines(live));
-  shared->faultingTid.store(static_cast<uint64_t>(zel_test::OsThreadId()));
+  LogBehindASlowWriter(base, shared, stuckWriter);
   Crash(fault);
   _exit(98);  // not reached: the fault ends the process
 }
-
-struct CrashResult {
-  int status = 0;
-  std::chrono::milliseconds took{0};
-  std::string log;
-  int64_t linesBeforeFault = -1;
-  uint64_t faultingTid = 0;
-  int installResult = -2;
-};
 
 CrashResult RunCrash(const std::string& base, Fault fault, bool stuckWriter,
                      const std::string& priorMarker = std::string()) {
@@ -471,17 +627,8 @@ CrashResult RunCrash(const std::string& base, Fault fault, bool stuckWriter,
   shared->installResult.store(-2);
   const pid_t child = fork();
   if (child == 0) RunCrashChild(base, shared, fault, stuckWriter, priorMarker);
-  // Measured from the moment the child has decided to fault.
-  WaitFor([shared] { return shared->faultingTid.load() != 0; }, std::chrono::milliseconds(60000));
-  const auto start = std::chrono::steady_clock::now();
-  waitpid(child, &result.status, 0);
-  result.took = std::chrono::duration_cast<std::chrono::milliseconds>(
-      std::chrono::steady_clock::now() - start);
-  result.linesBeforeFault = shared->linesInFileBeforeFault.load();
-  result.faultingTid = shared->faultingTid.load();
-  result.installResult = shared->installResult.load();
-  const std::string live = LiveFile(base);
-  if (!live.empty()) result.log = ReadFile(live);
+  CollectCrash(
+      base, shared, [&] { waitpid(child, &result.status, 0); }, &result);
   munmap(shared, sizeof(CrashShared));
   return result;
 }
@@ -491,18 +638,18 @@ std::string FatalLinePattern(int sig, uint64_t tid) {
          R"(\] zel log: fatal signal )" + std::to_string(sig) + " \\(" + NameOf(sig) + "\\)\n";
 }
 
+#endif
+
 // Every queued line is in the file, each thread's in order, followed by the
-// fatal line and nothing else.
-void ExpectDrainedThenFatalLine(const CrashResult& result, int sig) {
+// fatal line (matching `fatalPattern`) and nothing else.
+void ExpectDrainedThenFatal(const CrashResult& result, const std::string& fatalPattern) {
   ASSERT_EQ(result.installResult, 0);
-  ASSERT_TRUE(WIFSIGNALED(result.status)) << "status " << result.status;
-  EXPECT_EQ(WTERMSIG(result.status), sig);
   // The writer was behind when the fault came: the drain had work to do.
   EXPECT_LT(result.linesBeforeFault, kThreads * kCrashLinesPerThread);
   const std::vector<std::string> lines = zel_test::SplitLines(result.log);
   ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kCrashLinesPerThread + 1));
   std::vector<int> next(kThreads, 0);
-  static const std::regex logged(R"(\[\d+-\d+ [\d:.]+\]\[tid:\d+\] T (\d) (\d+)\n)");
+  static const std::regex logged(R"(\[\d+-\d+ [\d:.]+\]\[tid:\d+\] T (\d) (\d+)\r?\n)");
   for (std::size_t i = 0; i + 1 < lines.size(); ++i) {
     std::smatch match;
     ASSERT_TRUE(std::regex_match(lines[i], match, logged)) << "line " << i << ": " << lines[i];
@@ -511,14 +658,59 @@ void ExpectDrainedThenFatalLine(const CrashResult& result, int sig) {
     EXPECT_EQ(std::stoi(match[2]), next[static_cast<std::size_t>(t)]) << "thread " << t;
     ++next[static_cast<std::size_t>(t)];
   }
-  EXPECT_TRUE(std::regex_match(lines.back(), std::regex(FatalLinePattern(sig, result.faultingTid))))
-      << lines.back();
+  EXPECT_TRUE(std::regex_match(lines.back(), std::regex(fatalPattern))) << lines.back();
   // The fatal line's local date and hour, made without the C library, are
   // those of the line before it (made by log_print).
   const std::string before = lines[lines.size() - 2];
   const std::string fatal = lines.back();
   EXPECT_EQ(fatal.substr(0, fatal.find(':')), before.substr(0, before.find(':')))
       << before << fatal;
+}
+
+#if defined(ZEL_TEST_ON_WINDOWS)
+
+TEST(CrashDrainTest, AccessViolationWritesEveryQueuedLineThenTheFatalLine) {
+  TempDir dir;
+  const CrashResult result = RunCrash(dir.path(), false);
+  ExpectEndedByTheFault(result);
+  ExpectDrainedThenFatal(result, FatalLinePattern(result.faultingTid));
+}
+
+TEST(CrashDrainTest, PreviousFilterStillRunsAfterTheDrain) {
+  TempDir dir;
+  const std::string marker = dir.path() + "marker";
+  const CrashResult result = RunCrash(dir.path() + "log/", false, marker);
+  ExpectEndedByTheFault(result);
+  ExpectDrainedThenFatal(result, FatalLinePattern(result.faultingTid));
+  EXPECT_EQ(ReadFile(marker), "prior filter ran\n");
+}
+
+TEST(CrashDrainTest, BlockedWriterStillDiesWithinTheWait) {
+  TempDir dir;
+  _putenv_s("ZEL_LOG_CRASH_WAIT_MS", "500");
+  const CrashResult result = RunCrash(dir.path(), true);
+  _putenv_s("ZEL_LOG_CRASH_WAIT_MS", "");
+  ASSERT_EQ(result.installResult, 0);
+  ExpectEndedByTheFault(result);
+  // It waited for the writer, then gave up: not before the wait, and not
+  // for ever (generous bound for a loaded machine).
+  EXPECT_GE(result.took.count(), 500);
+  EXPECT_LT(result.took.count(), 10000);
+  // The writer is stuck in the backend with the first line: nothing was
+  // written but the fatal line.
+  const std::vector<std::string> lines = zel_test::SplitLines(result.log);
+  ASSERT_EQ(lines.size(), 1u) << result.log;
+  EXPECT_TRUE(std::regex_match(lines[0], std::regex(FatalLinePattern(result.faultingTid))))
+      << lines[0];
+}
+
+#else
+
+// The child died of `sig`, as it would have without the drain.
+void ExpectDrainedThenFatalLine(const CrashResult& result, int sig) {
+  ASSERT_TRUE(WIFSIGNALED(result.status)) << "status " << result.status;
+  EXPECT_EQ(WTERMSIG(result.status), sig);
+  ExpectDrainedThenFatal(result, FatalLinePattern(sig, result.faultingTid));
 }
 
 TEST(CrashDrainTest, NullPointerWritesEveryQueuedLineThenTheFatalLine) {
@@ -564,6 +756,6 @@ TEST(CrashDrainTest, BlockedWriterStillDiesWithinTheWait) {
       << lines[0];
 }
 
-#endif  // !ZEL_TEST_ON_WINDOWS
+#endif
 
 }  // namespace
