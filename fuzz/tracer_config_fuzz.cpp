@@ -17,7 +17,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "fuzz/fuzz_util.h"
 #include "tracer/tracer_config.h"
@@ -60,13 +62,43 @@ void CheckSetting(const std::string& text) {
   }
 }
 
+// Sets the environment variable `name` to `text` (cut at 64 KiB, beyond any
+// input the fuzzer makes). glibc's setenv keeps every value it was ever
+// given, since a pointer that getenv returned may still be in use, so a
+// long run with setenv grows without bound (several GiB in ten million
+// inputs). Each variable here is a buffer of this target's own, put into
+// the environment and rewritten in place.
+void SetVariable(const char* name, const std::string& text) {
+  constexpr std::size_t kValueMax = 64 * 1024;
+  struct Variable {
+    std::string name;
+    std::vector<char> buffer;
+  };
+  static std::vector<Variable> variables;
+  Variable* variable = nullptr;
+  for (Variable& v : variables) {
+    if (v.name == name) variable = &v;
+  }
+  if (variable == nullptr) {
+    // Room for every variable at once: the buffers must never move.
+    variables.reserve(16);
+    if (variables.size() == variables.capacity()) std::abort();
+    variables.push_back({name, std::vector<char>(std::strlen(name) + 2 + kValueMax, '\0')});
+    variable = &variables.back();
+  }
+  const std::string value = std::string(text.c_str()).substr(0, kValueMax);
+  const std::string entry = variable->name + "=" + value;
+  std::memcpy(variable->buffer.data(), entry.c_str(), entry.size() + 1);
+  if (putenv(variable->buffer.data()) != 0) std::abort();
+}
+
 void CheckEnvironment(const std::string& text) {
   const char* names[] = {
       "ZEL_TRACE_CONNECT_TIMEOUT_MS", "ZEL_TRACE_TIMEOUT_MS", "ZEL_TRACE_RETRY_MS",
       "ZEL_TRACE_RETRY_MAX_MS",       "ZEL_TRACE_QUEUE_MAX",  "ZEL_TRACE_QUEUE_BYTES",
       "ZEL_TRACE_DEREGISTER_MS",      "ZEL_TRACE_BATCH_MAX",  "ZEL_TRACE_BATCH_BYTES",
       "ZEL_TRACE_BATCH_DELAY_MS",     "ZEL_TRACE_GZIP"};
-  for (const char* name : names) setenv(name, text.c_str(), 1);
+  for (const char* name : names) SetVariable(name, text);
   const zel_tracer_detail::HttpSettings s = zel_tracer_detail::HttpSettings::fromEnvironment();
   auto within = [](long value, const SettingRange& range) {
     return value >= range.lowest && value <= range.highest;
