@@ -319,10 +319,32 @@ void CloseSocket(Socket s) { close(s); }
 
 [[noreturn]] void RunTraceService(uint16_t port, const std::string& record);
 
+#if defined(ZEL_TEST_ON_WINDOWS)
+// A viewer of the log in a process of its own: opens `path` for reading as
+// the C runtime's fopen does (sharing read and write, not delete), signals
+// the event "<events>.held", and keeps the file open until the event
+// "<events>.release" is signalled; exits 0, or 4 when it could not open
+// the file or the events.
+[[noreturn]] void RunHolder(const std::string& path, const std::string& events) {
+  const HANDLE held = OpenEventA(EVENT_MODIFY_STATE, FALSE, (events + ".held").c_str());
+  const HANDLE release = OpenEventA(SYNCHRONIZE, FALSE, (events + ".release").c_str());
+  const HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (held == nullptr || release == nullptr || file == INVALID_HANDLE_VALUE) _exit(4);
+  SetEvent(held);
+  WaitForSingleObject(release, INFINITE);
+  CloseHandle(file);
+  _exit(0);
+}
+#endif
+
 // Runs the child role `role` ({"writer", path, number} or {"service", port,
 // record file}); never returns.
 [[noreturn]] void RunChildRole(const std::vector<std::string>& role) {
   if (role.size() == 3 && role[0] == "writer") RunConfigWriter(role[1], std::stoi(role[2]));
+#if defined(ZEL_TEST_ON_WINDOWS)
+  if (role.size() == 3 && role[0] == "holder") RunHolder(role[1], role[2]);
+#endif
   if (role.size() == 3 && role[0] == "service") {
     RunTraceService(static_cast<uint16_t>(std::stoi(role[1])), role[2]);
   }
@@ -476,6 +498,65 @@ TEST(FaultTest, ConfigReadWhileOtherProcessesWriteSeesWholeFiles) {
   EXPECT_STREQ(last, "v0200");
   std::free(last);
 }
+
+#if defined(ZEL_TEST_ON_WINDOWS)
+// Another process holds the live file open without sharing delete access
+// (a viewer that opened it with the C runtime's fopen): the rotation's
+// rename fails for as long as it does, and says so; the lines go on into
+// the live file, none lost, and rotation resumes once the viewer lets go.
+TEST(FaultTest, LiveFileHeldWithoutDeleteSharingByAnotherProcessLosesNoLine) {
+  TempDir base;
+  zel_set_log_level(-1);
+  zel_set_log_path(base.path().c_str());
+  zel::Logger::GetInstance()->SetLogFileInfo(64, 100);
+  const std::string dir = StartLog(base.path());
+  const std::string live = LivePath(dir);
+  ASSERT_FALSE(live.empty());
+  const std::string events = "zel_fault_holder_" + std::to_string(GetCurrentProcessId());
+  const HANDLE held = CreateEventA(nullptr, TRUE, FALSE, (events + ".held").c_str());
+  const HANDLE release = CreateEventA(nullptr, TRUE, FALSE, (events + ".release").c_str());
+  ASSERT_NE(held, nullptr);
+  ASSERT_NE(release, nullptr);
+  const ChildHandle holder = StartChild({"holder", live, events});
+  ASSERT_NE(holder, kNoChild);
+  ASSERT_EQ(WaitForSingleObject(held, 60000), WAIT_OBJECT_0) << "the viewer did not open the file";
+
+  StdoutCapture out;
+  std::vector<std::string> whileHeld;
+  for (int i = 0; i < 5; ++i) {
+    whileHeld.push_back("while held " + std::to_string(i) + " " + std::string(40, 'h') + "\n");
+    log_print(0, 0, "%s", whileHeld.back().c_str());
+  }
+  zel_log_flush();
+  const std::string heldText = ReadFile(live);
+  SetEvent(release);
+  int code = -1;
+  const bool ended = WaitChild(holder, 60000, &code);
+  if (!ended) KillChild(holder);
+  CloseHandle(held);
+  CloseHandle(release);
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(code, 0);
+  // Every line over the limit tried to rotate; each rename failed, and the
+  // lines went on into the live file.
+  const std::string stdoutWhileHeld = out.Stop();
+  EXPECT_GE(CountOccurrences(stdoutWhileHeld, "zel::Logger::getFile 516,rename error\n"), 4)
+      << stdoutWhileHeld;
+  for (const std::string& line : whileHeld) {
+    EXPECT_EQ(CountOccurrences(heldText, "] " + line), 1) << line;
+  }
+
+  // Let go: the next line rotates the over-size file away.
+  log_print(0, 0, "after release\n");
+  zel_log_flush();
+  EXPECT_EQ(CountOccurrences(ReadFile(live), "] after release\n"), 1);
+  EXPECT_EQ(CountOccurrences(ReadFile(live), "] while held"), 0);
+  const std::string text = AllLogText(dir);
+  for (const std::string& line : whileHeld)
+    EXPECT_EQ(CountOccurrences(text, "] " + line), 1) << line;
+  EXPECT_EQ(CountOccurrences(text, "] first\n"), 1);
+}
+#endif
 
 // ---------------------------------------------------------------------------
 // The tracing service killed and restarted while documents are posted.
