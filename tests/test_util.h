@@ -35,8 +35,9 @@
 
 #if defined(ZEL_TEST_ON_WINDOWS)
 // The few POSIX calls the tests use that the Windows runtime lacks, built on
-// its own equivalents. Windows has no symbolic links to look through, and its
-// environment knows no variable set to the empty text.
+// its own equivalents. lstat looks through links (MakeSymbolicLink and
+// IsReparsePoint below are the tests' way to links), and the environment
+// knows no variable set to the empty text.
 inline char* mkdtemp(char* tmpl) {
   if (_mktemp_s(tmpl, std::strlen(tmpl) + 1) != 0) return nullptr;
   return _mkdir(tmpl) == 0 ? tmpl : nullptr;
@@ -150,6 +151,85 @@ inline bool FileExists(const std::string& path) {
 inline bool IsDirectory(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+#if defined(ZEL_TEST_ON_WINDOWS)
+// True when `path` is a reparse point (a symbolic link or a junction).
+inline bool IsReparsePoint(const std::string& path) {
+  const DWORD attributes = GetFileAttributesA(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+// Wine's own function for the host path of a Windows path; null elsewhere.
+inline std::string HostPath(const std::string& path) {
+  using Convert = char*(CDECL*)(const wchar_t*);
+  const auto convert = reinterpret_cast<Convert>(reinterpret_cast<void*>(
+      GetProcAddress(GetModuleHandleA("kernel32"), "wine_get_unix_file_name")));
+  if (convert == nullptr) return std::string();
+  const std::wstring wide(path.begin(), path.end());
+  char* host = convert(wide.c_str());
+  if (host == nullptr) return std::string();
+  std::string result = host;
+  HeapFree(GetProcessHeap(), 0, host);
+  return result;
+}
+#endif
+
+// Makes `link` a symbolic link to `target` (a directory when `directory`);
+// true when `link` then is one. On Windows CreateSymbolicLinkA needs the
+// privilege or developer mode; Wine makes links there that its own file
+// system does not resolve, so under Wine the host's ln makes a host link,
+// which Wine shows as a reparse point (Wine starts host programs too) when
+// it is a link to a directory.
+inline bool MakeSymbolicLink(const std::string& target, const std::string& link, bool directory) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  constexpr DWORD kUnprivileged = 0x2;  // SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE
+  std::string winTarget = target;
+  std::string winLink = link;
+  while (winLink.size() > 1 && (winLink.back() == '/' || winLink.back() == '\\'))
+    winLink.pop_back();
+  while (winTarget.size() > 1 && (winTarget.back() == '/' || winTarget.back() == '\\')) {
+    winTarget.pop_back();
+  }
+  std::replace(winTarget.begin(), winTarget.end(), '/', '\\');
+  std::replace(winLink.begin(), winLink.end(), '/', '\\');
+  if (CreateSymbolicLinkA(winLink.c_str(), winTarget.c_str(),
+                          (directory ? SYMBOLIC_LINK_FLAG_DIRECTORY : 0) | kUnprivileged) != 0) {
+    if (IsReparsePoint(winLink)) return true;
+    if (directory) {
+      RemoveDirectoryA(winLink.c_str());
+    } else {
+      DeleteFileA(winLink.c_str());
+    }
+  }
+  // Under Wine: the host path of the link's directory (the link itself does
+  // not exist yet), and of the target. Wine (8.0) shows a host link to a
+  // directory as a reparse point but a host link to a file as a plain file:
+  // no file link can be made that it shows as one.
+  if (!directory) return false;
+  const std::size_t cut = winLink.find_last_of('\\');
+  if (cut == std::string::npos) return false;
+  const std::string hostDir = HostPath(winLink.substr(0, cut));
+  const std::string hostTarget = HostPath(winTarget);
+  if (hostDir.empty() || hostTarget.empty()) return false;
+  const std::string hostLink = hostDir + "/" + winLink.substr(cut + 1);
+  std::string command = "Z:\\bin\\ln -s \"" + hostTarget + "\" \"" + hostLink + "\"";
+  STARTUPINFOA startup{};
+  startup.cb = sizeof(startup);
+  PROCESS_INFORMATION child{};
+  if (CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                     &child) == 0) {
+    return false;
+  }
+  CloseHandle(child.hThread);
+  CloseHandle(child.hProcess);
+  // The host program's end is not reported through its handle: wait for
+  // the link to be there.
+  return WaitFor([&winLink] { return IsReparsePoint(winLink); });
+#else
+  (void)directory;
+  return symlink(target.c_str(), link.c_str()) == 0;
+#endif
 }
 
 // The text of the file `path`. On Windows the file is read in text mode, as
