@@ -5,7 +5,9 @@
 // foreign files and links, which must be left alone.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#if !defined(ZEL_TEST_ON_WINDOWS)
 #include <sys/wait.h>
+#endif
 #include <unistd.h>
 
 #include <cstdlib>
@@ -23,6 +25,7 @@ using zel_test::CountOccurrences;
 using zel_test::FileExists;
 using zel_test::IsDirectory;
 using zel_test::ListDir;
+using zel_test::MakeSymbolicLink;
 using zel_test::ReadFile;
 using zel_test::StdoutCapture;
 using zel_test::TempDir;
@@ -89,7 +92,7 @@ TEST(LogRetentionTest, OldDayDirectoriesGoWithTheirLogFilesForeignFilesStay) {
   mkdir(target.c_str(), 0700);
   MakeFile(target + "zel.log.client.exe.060000.txt", 100);
   const std::string linkDay = base + DayName(30);
-  ASSERT_EQ(symlink(target.c_str(), linkDay.c_str()), 0);
+  ASSERT_TRUE(MakeSymbolicLink(target, linkDay, true));
 
   Logger::SetRetention(7, 0);
   StdoutCapture out;
@@ -123,9 +126,13 @@ TEST(LogRetentionTest, OldestLogFilesGoUntilTheTotalFits) {
   MakeFile(day3 + "zel.log.a.100000.0", 1000);    // fourth: a later run
   MakeFile(day3 + "big-foreign-file", 100000);    // not counted, not removed
   // A link named like the oldest log file: not counted, not removed, not
-  // followed.
+  // followed. (Wine cannot show a link to a file as one: there the scene
+  // goes without it.)
   MakeFile(tmp.path() + "linked", 100000);
-  ASSERT_EQ(symlink((tmp.path() + "linked").c_str(), (day3 + "zel.log.a.000000.txt").c_str()), 0);
+  const bool linked = MakeSymbolicLink(tmp.path() + "linked", day3 + "zel.log.a.000000.txt", false);
+#if !defined(ZEL_TEST_ON_WINDOWS)
+  ASSERT_TRUE(linked);
+#endif
   const std::string day1 = MakeDay(base, 1);
   MakeFile(day1 + "zel.log.a.080000.2", 1000);   // fifth: a later day
   MakeFile(day1 + "zel.log.a.080000.10", 1000);  // sixth: index 10 after 2
@@ -137,7 +144,9 @@ TEST(LogRetentionTest, OldestLogFilesGoUntilTheTotalFits) {
   LogOneLine(base);
   const std::string printed = out.Stop();
 
-  EXPECT_EQ(ListDir(day3), (std::vector<std::string>{"big-foreign-file", "zel.log.a.000000.txt"}))
+  EXPECT_EQ(ListDir(day3),
+            linked ? (std::vector<std::string>{"big-foreign-file", "zel.log.a.000000.txt"})
+                   : (std::vector<std::string>{"big-foreign-file"}))
       << printed;
   EXPECT_EQ(ListDir(day1), std::vector<std::string>{"zel.log.a.080000.10"}) << printed;
   EXPECT_EQ(ReadFile(tmp.path() + "linked").size(), 100000u);
@@ -203,10 +212,16 @@ TEST(LogRetentionTest, SetAfterStartUpAppliesAtTheNextLine) {
   EXPECT_FALSE(FileExists(day9));
 }
 
+#if !defined(ZEL_TEST_ON_WINDOWS)
 using zel_test::kChildBaseVariable;
 using zel_test::RunSelfUnderFaketime;
+#endif
 
 TEST(LogRetentionTest, AppliedAtStartUpAndAgainAfterTheChangeOfDay) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+  GTEST_SKIP() << "needs faketime (an LD_PRELOAD library) to start the program 3 s before "
+                  "midnight";
+#else
   if (const char* childBase = std::getenv(kChildBaseVariable)) {
     // Child, under a clock that starts 3 s before midnight of 22 November.
     const std::string base = childBase;
@@ -243,6 +258,7 @@ TEST(LogRetentionTest, AppliedAtStartUpAndAgainAfterTheChangeOfDay) {
   EXPECT_FALSE(FileExists(tmp.path() + "20261119"));
   EXPECT_TRUE(FileExists(tmp.path() + "20261120/zel.log.a.090000.txt"));
   EXPECT_TRUE(FileExists(tmp.path() + "20261123"));
+#endif
 }
 
 }  // namespace
