@@ -507,11 +507,31 @@ CrashResult RunCrash(const std::string& base, bool stuckWriter,
   std::string command = std::string("\"") + path + "\"";
   _putenv_s(kDrainChildVariable,
             (name + "|" + base + "|" + (stuckWriter ? "1" : "0") + "|" + priorMarker).c_str());
+  // The child's standard streams are NUL, and only NUL is inherited: the
+  // debugger that Wine starts for the unhandled fault takes the child's
+  // streams and may outlive the test; with the test's own output pipe it
+  // would keep ctest waiting for the pipe to close.
+  for (DWORD which : {STD_INPUT_HANDLE, STD_OUTPUT_HANDLE, STD_ERROR_HANDLE}) {
+    const HANDLE own = GetStdHandle(which);
+    if (own != nullptr && own != INVALID_HANDLE_VALUE)
+      SetHandleInformation(own, HANDLE_FLAG_INHERIT, 0);
+  }
+  SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
+  const HANDLE nul =
+      CreateFileA("NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                  &inheritable, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   STARTUPINFOA startup{};
   startup.cb = sizeof(startup);
+  if (nul != INVALID_HANDLE_VALUE) {
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = nul;
+    startup.hStdOutput = nul;
+    startup.hStdError = nul;
+  }
   PROCESS_INFORMATION child{};
-  const BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr,
+  const BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr,
                                       nullptr, &startup, &child);
+  if (nul != INVALID_HANDLE_VALUE) CloseHandle(nul);
   _putenv_s(kDrainChildVariable, "");
   if (started) {
     CloseHandle(child.hThread);

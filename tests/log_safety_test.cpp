@@ -211,7 +211,6 @@ TEST(LogSafetyTest, LinkedDayDirectoryIsRefused) {
 TEST(LogSafetyTest, LinkedLiveFileIsRefused) {
   TempDir tmp;
   const std::string base = tmp.path();
-  StdoutCapture out;
   Start(base);
   LogLine("first");
   const std::string live = LiveFile(base);
@@ -223,6 +222,7 @@ TEST(LogSafetyTest, LinkedLiveFileIsRefused) {
   ASSERT_EQ(std::rename(live.c_str(), (tmp.path() + "moved").c_str()), 0);
   ASSERT_EQ(mkdir((live.substr(0, live.size() - 3) + "0").c_str(), 0700), 0);
   ZEL_MAKE_LINK_OR_SKIP(victim, live, false);
+  StdoutCapture out;
   LogLine("second");
   LogLine("third");
   const std::string printed = out.Stop();
