@@ -507,10 +507,10 @@ CrashResult RunCrash(const std::string& base, bool stuckWriter,
   std::string command = std::string("\"") + path + "\"";
   _putenv_s(kDrainChildVariable,
             (name + "|" + base + "|" + (stuckWriter ? "1" : "0") + "|" + priorMarker).c_str());
-  // The child's standard streams are NUL, and only NUL is inherited: the
-  // debugger that Wine starts for the unhandled fault takes the child's
-  // streams and may outlive the test; with the test's own output pipe it
-  // would keep ctest waiting for the pipe to close.
+  // The child's streams are NUL, and only NUL is inherited: whatever the
+  // system starts for the unhandled fault (Wine's debugger, unless the
+  // windows test preset disables it) takes the child's streams and must not
+  // hold the test's output open after the test.
   for (DWORD which : {STD_INPUT_HANDLE, STD_OUTPUT_HANDLE, STD_ERROR_HANDLE}) {
     const HANDLE own = GetStdHandle(which);
     if (own != nullptr && own != INVALID_HANDLE_VALUE)
