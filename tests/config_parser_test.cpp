@@ -1,12 +1,19 @@
 #include "utils/config_parser.h"
 
+#if !defined(ZEL_TEST_ON_WINDOWS)
+#include <dlfcn.h>
+#endif
 #include <glib.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/test_util.h"
@@ -524,3 +531,148 @@ TEST(ConfigParserTest, EightThreadsSettingNewKeysLoseNone) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// GLib's memory goes back to GLib: every string and list the parser gets
+// from GLib is released with g_free or g_strfreev, never with free(). On
+// Windows the GLib DLL may have a C runtime and heap of its own, where a
+// free() of the library's runtime would corrupt memory; here, with one heap,
+// the release is watched through GLib's functions, which the test program
+// replaces (ELF symbol interposition, so POSIX only) and forwards.
+#if !defined(ZEL_TEST_ON_WINDOWS)
+
+namespace {
+
+// In order: what GLib's getters returned ('h') and what went back through
+// g_free or g_strfreev ('r'). A block may be given out again once released.
+struct GLibWatch {
+  std::mutex mutex;
+  std::vector<std::pair<char, const void*>> events;
+};
+
+GLibWatch& Watch() {
+  static GLibWatch* watch = new GLibWatch;  // used until the process ends
+  return *watch;
+}
+
+template <typename T>
+T* HandedOut(T* result) {
+  if (result != nullptr) {
+    std::lock_guard<std::mutex> lock(Watch().mutex);
+    Watch().events.emplace_back('h', result);
+  }
+  return result;
+}
+
+void Released(const void* memory) {
+  if (memory == nullptr) return;
+  std::lock_guard<std::mutex> lock(Watch().mutex);
+  Watch().events.emplace_back('r', memory);
+}
+
+// GLib's own definition of `name`.
+template <typename Function>
+Function Real(const char* name) {
+  void* address = dlsym(RTLD_NEXT, name);
+  if (address == nullptr) std::abort();
+  Function function;
+  std::memcpy(&function, &address, sizeof(function));
+  return function;
+}
+
+}  // namespace
+
+// Visible to the dynamic linker, which then binds every caller to these
+// (the test program is built with hidden visibility).
+#define ZEL_TEST_INTERPOSE __attribute__((visibility("default")))
+
+extern "C" {
+
+ZEL_TEST_INTERPOSE gchar* g_key_file_get_string(GKeyFile* file, const gchar* group,
+                                                const gchar* key, GError** error) {
+  static const auto real = Real<decltype(&g_key_file_get_string)>("g_key_file_get_string");
+  return HandedOut(real(file, group, key, error));
+}
+
+ZEL_TEST_INTERPOSE gchar** g_key_file_get_string_list(GKeyFile* file, const gchar* group,
+                                                      const gchar* key, gsize* length,
+                                                      GError** error) {
+  static const auto real =
+      Real<decltype(&g_key_file_get_string_list)>("g_key_file_get_string_list");
+  return HandedOut(real(file, group, key, length, error));
+}
+
+ZEL_TEST_INTERPOSE gint* g_key_file_get_integer_list(GKeyFile* file, const gchar* group,
+                                                     const gchar* key, gsize* length,
+                                                     GError** error) {
+  static const auto real =
+      Real<decltype(&g_key_file_get_integer_list)>("g_key_file_get_integer_list");
+  return HandedOut(real(file, group, key, length, error));
+}
+
+ZEL_TEST_INTERPOSE gdouble* g_key_file_get_double_list(GKeyFile* file, const gchar* group,
+                                                       const gchar* key, gsize* length,
+                                                       GError** error) {
+  static const auto real =
+      Real<decltype(&g_key_file_get_double_list)>("g_key_file_get_double_list");
+  return HandedOut(real(file, group, key, length, error));
+}
+
+ZEL_TEST_INTERPOSE gboolean* g_key_file_get_boolean_list(GKeyFile* file, const gchar* group,
+                                                         const gchar* key, gsize* length,
+                                                         GError** error) {
+  static const auto real =
+      Real<decltype(&g_key_file_get_boolean_list)>("g_key_file_get_boolean_list");
+  return HandedOut(real(file, group, key, length, error));
+}
+
+ZEL_TEST_INTERPOSE void g_free(gpointer memory) {
+  static const auto real = Real<decltype(&g_free)>("g_free");
+  Released(memory);
+  real(memory);
+}
+
+ZEL_TEST_INTERPOSE void g_strfreev(gchar** list) {
+  static const auto real = Real<decltype(&g_strfreev)>("g_strfreev");
+  Released(list);
+  real(list);
+}
+
+}  // extern "C"
+
+namespace {
+
+TEST(ConfigParserTest, EveryStringAndListFromGLibIsReleasedThroughGLib) {
+  TempDir dir;
+  const std::string path = dir.path() + "glib.conf";
+  WriteFile(path, "[g]\ns=text\nsl=a;b;c\nil=1;2;3\ndl=1.5;2.5\nbl=true;false\n");
+  ConfigParser parser;
+  ASSERT_EQ(parser.Init(path, ";"), 0);
+  {
+    std::lock_guard<std::mutex> lock(Watch().mutex);
+    Watch().events.clear();
+  }
+  EXPECT_EQ(parser.GetStringVal("g", "s"), "text");
+  EXPECT_EQ(parser.GetStringVals("g", "sl"), (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(parser.GetIntegerVals("g", "il"), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(parser.GetDoubleVals("g", "dl"), (std::vector<double>{1.5, 2.5}));
+  EXPECT_EQ(parser.GetBooleanVals("g", "bl"), (std::vector<bool>{true, false}));
+  std::lock_guard<std::mutex> lock(Watch().mutex);
+  // One result per getter, each released through GLib before its block
+  // was handed out again.
+  const std::vector<std::pair<char, const void*>>& events = Watch().events;
+  int handedOut = 0;
+  for (std::size_t i = 0; i < events.size(); ++i) {
+    if (events[i].first != 'h') continue;
+    ++handedOut;
+    std::size_t next = i + 1;
+    while (next < events.size() && events[next].second != events[i].second) ++next;
+    EXPECT_TRUE(next < events.size() && events[next].first == 'r')
+        << "result " << handedOut << " was not given back to GLib";
+  }
+  EXPECT_EQ(handedOut, 5);
+}
+
+}  // namespace
+
+#endif  // !defined(ZEL_TEST_ON_WINDOWS)
