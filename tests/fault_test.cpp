@@ -53,13 +53,14 @@ using zel_test::WaitFor;
 
 #if defined(ZEL_TEST_ON_WINDOWS)
 // The live file may be renamed while the log holds it (it is opened with
-// FILE_SHARE_DELETE), but a removed file that is still open keeps its name,
+// FILE_SHARE_DELETE), but under Wine, as on Windows file systems without
+// POSIX delete semantics, a removed file that is still open keeps its name,
 // delete-pending, until its last handle is closed: the name is not free
 // for a new file, and the directory that holds it cannot be removed.
-#define ZEL_SKIP_WITHOUT_UNLINK_OF_OPEN_FILES()                                                 \
-  GTEST_SKIP() << "needs POSIX unlink, which takes the name of a file another handle holds "    \
-                  "open away at once; on Windows the removed live file keeps its name, delete-" \
-                  "pending, until the log closes it"
+#define ZEL_SKIP_WITHOUT_UNLINK_OF_OPEN_FILES()                                  \
+  GTEST_SKIP() << "needs POSIX unlink, which frees the name of a file another "  \
+                  "handle holds open at once; under Wine the removed live file " \
+                  "keeps its name, delete-pending, until the log closes it"
 #else
 #define ZEL_SKIP_WITHOUT_UNLINK_OF_OPEN_FILES() \
   do {                                          \

@@ -43,13 +43,13 @@ using zel_test::StdoutCapture;
 using zel_test::TempDir;
 
 #if defined(ZEL_TEST_ON_WINDOWS)
-// On Windows a removed file that a process still holds open keeps its name,
+// Under Wine, as on Windows file systems without POSIX delete semantics, a
+// removed file that a process still holds open keeps its name,
 // delete-pending, until its last handle is closed (renaming it is allowed:
 // the log opens it with FILE_SHARE_DELETE).
 constexpr char kOpenFileIsLocked[] =
-    "needs POSIX unlink, which takes the name of a file another handle holds open away at "
-    "once; on Windows the removed live file keeps its name, delete-pending, until the log "
-    "closes it";
+    "needs POSIX unlink, which frees the name of a file another handle holds open at once; "
+    "under Wine the removed live file keeps its name, delete-pending, until the log closes it";
 #endif
 
 // Today's date directory, "YYYYMMDD/", in local time.
