@@ -317,6 +317,10 @@ constexpr int kCrashLinesPerThread = 500;
 // What the crashing child tells the test through shared memory.
 struct CrashShared {
   std::atomic<uint64_t> faultingTid;
+  // The child's monotonic clock (shared by every process of the machine)
+  // just before it faults, in ns; the time to its end is measured from here,
+  // since the test notices the fault only a poll interval later.
+  std::atomic<int64_t> faultAtNs;
   std::atomic<int64_t> linesInFileBeforeFault;  // -1 until known
   std::atomic<int> installResult;
 };
@@ -398,6 +402,9 @@ void LogBehindASlowWriter(const std::string& base, CrashShared* shared, bool stu
   const std::string live = LiveFile(base);
   shared->linesInFileBeforeFault.store(live.empty() ? 0 : CountNewlines(live));
   slow.Release();
+  shared->faultAtNs.store(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                              std::chrono::steady_clock::now().time_since_epoch())
+                              .count());
   shared->faultingTid.store(static_cast<uint64_t>(zel_test::OsThreadId()));
 }
 
@@ -411,12 +418,15 @@ struct CrashResult {
 };
 
 // Waits for the child's report that it is about to fault, then measures how
-// long it takes to end from there (`waitEnd` waits for its end).
+// long it took to end from the moment of that report (`waitEnd` waits for
+// its end).
 template <typename WaitEnd>
 void CollectCrash(const std::string& base, CrashShared* shared, WaitEnd waitEnd,
                   CrashResult* result) {
   WaitFor([shared] { return shared->faultingTid.load() != 0; }, std::chrono::milliseconds(60000));
-  const auto start = std::chrono::steady_clock::now();
+  const std::chrono::steady_clock::time_point start{
+      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+          std::chrono::nanoseconds(shared->faultAtNs.load()))};
   waitEnd();
   result->took = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - start);
@@ -500,6 +510,7 @@ CrashResult RunCrash(const std::string& base, bool stuckWriter,
     return result;
   }
   shared->faultingTid.store(0);
+  shared->faultAtNs.store(0);
   shared->linesInFileBeforeFault.store(-1);
   shared->installResult.store(-2);
   char path[MAX_PATH + 1] = {0};
@@ -643,6 +654,7 @@ CrashResult RunCrash(const std::string& base, Fault fault, bool stuckWriter,
   CrashResult result;
   if (shared == MAP_FAILED) return result;
   shared->faultingTid.store(0);
+  shared->faultAtNs.store(0);
   shared->linesInFileBeforeFault.store(-1);
   shared->installResult.store(-2);
   const pid_t child = fork();
