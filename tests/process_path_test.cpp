@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "tests/test_util.h"
 #include "utils/platform.h"
@@ -95,8 +96,8 @@ TEST(ProcessPathTest, ProcessDirIsTheDirectoryOfThisExecutable) {
   EXPECT_EQ(get_process_dir(), self.substr(0, self.rfind(kSeparator) + 1));
 }
 
-// The three tests above and below also run on a copy of this program in a
-// directory of about 600 characters (LongDirectoryPathCutsAtEachLimit): each
+// The three tests above and below also run on copies of this program in
+// directories of over 500 characters (LongDirectoryPathCutsAtEachLimit): each
 // function sees at most its own number of characters of the path.
 TEST(ProcessPathTest, SelfDirIsTheDirectoryOfThisExecutable) {
   // The directory of the first 259 characters, cut at 255.
@@ -116,35 +117,54 @@ TEST(ProcessPathTest, ProcessNameIsTheFileNameOfThisExecutable) {
 }
 
 #if !defined(ZEL_TEST_ON_WINDOWS)
-// Runs the three tests of this program's own path on a copy of it placed in
-// a directory path of about 600 characters: past the 259 characters that
-// get_self_dir() reads and the 511 of get_process_name(), within the 1023 of
-// get_process_dir().
+// Makes the directories below `dir` (which ends in a separator) whose
+// separators stand at the character indexes `slashes` of the path, in
+// increasing order; the deepest one, or the empty text when one cannot be
+// made or has no room for a name.
+std::string MakeDirectoriesWithSeparatorsAt(std::string dir, const std::vector<size_t>& slashes) {
+  for (const size_t at : slashes) {
+    if (at <= dir.size()) return std::string();
+    dir += std::string(at - dir.size(), 'd') + "/";
+    if (mkdir(dir.c_str(), 0755) != 0) return std::string();
+  }
+  return dir;
+}
+
+// Runs the three tests of this program's own path on copies of it placed
+// where each limit decides, within the 1023 characters of
+// get_process_dir(): a separator at index 258, the last character that
+// get_self_dir() reads (its directory of 259 characters then cut at 255),
+// or at 259, the first that it does not (the directory ends at the
+// separator at 250); a separator at index 510, the last character that
+// get_process_name() reads (the empty name), or at 511, the first that it
+// does not (the name is the 5 characters after the separator at 505).
 TEST(ProcessPathTest, LongDirectoryPathCutsAtEachLimit) {
   zel_test::TempDir temp;
   ASSERT_FALSE(temp.path().empty());
-  std::string dir = temp.path();
-  while (dir.size() < 600) {
-    dir += std::string(40, 'd') + std::to_string(dir.size()) + "/";
-    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0) << dir;
+  ASSERT_LT(temp.path().size(), 239u) << temp.path();
+  const std::vector<std::vector<size_t>> layouts = {{239, 250, 258, 505, 510},
+                                                    {240, 250, 259, 505, 511}};
+  for (const std::vector<size_t>& layout : layouts) {
+    const std::string dir = MakeDirectoriesWithSeparatorsAt(temp.path(), layout);
+    ASSERT_FALSE(dir.empty());
+    SCOPED_TRACE(dir);
+    const std::string copy = dir + kSelfName;
+    {
+      std::ifstream in(SelfPath(), std::ios::binary);
+      std::ofstream out(copy, std::ios::binary);
+      out << in.rdbuf();
+      ASSERT_TRUE(out.good());
+    }
+    ASSERT_EQ(chmod(copy.c_str(), 0755), 0);
+    ASSERT_LT(copy.size(), 1023u);
+    const std::string output = temp.path() + "output.txt";
+    const std::string command =
+        "'" + copy + "' --gtest_filter='ProcessPathTest.*OfThisExecutable' > '" + output + "' 2>&1";
+    const int status = std::system(command.c_str());
+    const std::string printed = zel_test::ReadFile(output);
+    EXPECT_EQ(status, 0) << printed;
+    EXPECT_NE(printed.find("[  PASSED  ] 3 tests."), std::string::npos) << printed;
   }
-  const std::string copy = dir + kSelfName;
-  {
-    std::ifstream in(SelfPath(), std::ios::binary);
-    std::ofstream out(copy, std::ios::binary);
-    out << in.rdbuf();
-    ASSERT_TRUE(out.good());
-  }
-  ASSERT_EQ(chmod(copy.c_str(), 0755), 0);
-  ASSERT_GT(copy.size(), 600u);
-  ASSERT_LT(copy.size(), 1023u);
-  const std::string output = temp.path() + "output.txt";
-  const std::string command =
-      "'" + copy + "' --gtest_filter='ProcessPathTest.*OfThisExecutable' > '" + output + "' 2>&1";
-  const int status = std::system(command.c_str());
-  const std::string printed = zel_test::ReadFile(output);
-  EXPECT_EQ(status, 0) << printed;
-  EXPECT_NE(printed.find("[  PASSED  ] 3 tests."), std::string::npos) << printed;
 }
 #endif
 
