@@ -8,12 +8,27 @@
 # libraries themselves; those between the three packages come from the
 # component dependencies below and name the exact version.
 
+# A product that ships the packages sets its own maintainer and its Debian
+# revision (the upstream version is zel's own, from project()):
+#   cmake ... -DZEL_DEB_MAINTAINER="Name <address>" -DZEL_DEB_REVISION=3
+# gives packages of version 0.1.0-3. The default maintainer is a placeholder
+# whose address cannot exist.
 set(ZEL_DEB_MAINTAINER "zel developers <zel-devel@lists.zel.invalid>"
     CACHE STRING "Maintainer field of the Debian packages")
+set(ZEL_DEB_REVISION "" CACHE STRING "Debian revision of the packages (empty: none)")
+set(ZEL_DEB_VERSION "${PROJECT_VERSION}")
+if(NOT ZEL_DEB_REVISION STREQUAL "")
+  if(NOT ZEL_DEB_REVISION MATCHES "^[A-Za-z0-9.+~]+$")
+    message(FATAL_ERROR "zel: ZEL_DEB_REVISION '${ZEL_DEB_REVISION}' may hold only letters, "
+                        "digits and . + ~")
+  endif()
+  set(CPACK_DEBIAN_PACKAGE_RELEASE "${ZEL_DEB_REVISION}")
+  string(APPEND ZEL_DEB_VERSION "-${ZEL_DEB_REVISION}")
+endif()
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zel)
-set(CPACK_PACKAGE_VENDOR "zel developers")
+set(CPACK_PACKAGE_VENDOR "the zel authors")
 set(CPACK_PACKAGE_CONTACT "${ZEL_DEB_MAINTAINER}")
 # Each package's description (first line: its synopsis) is its own, below;
 # no project-wide summary is put in front of it.
@@ -74,18 +89,27 @@ pkg-config file (zel).")
 
 # Every Debian package carries its copyright file and its changelog in
 # /usr/share/doc/<package>/; the changelog is compressed with gzip -9n (no
-# name nor time stamp in the header) as Debian policy asks.
+# name nor time stamp in the header) as Debian policy asks. A package with a
+# Debian revision is no longer native: its changelog is changelog.Debian.
+set(ZEL_DEB_CHANGELOG changelog)
+if(NOT ZEL_DEB_REVISION STREQUAL "")
+  set(ZEL_DEB_CHANGELOG changelog.Debian)
+endif()
 string(TIMESTAMP ZEL_DEB_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 foreach(component utils tracer development)
   set(ZEL_DEB_PACKAGE ${ZEL_DEB_${component}_NAME})
   set(ZEL_DEB_DOC_DIR ${PROJECT_BINARY_DIR}/debian/${ZEL_DEB_PACKAGE})
-  configure_file(${PROJECT_SOURCE_DIR}/cmake/debian/changelog.in ${ZEL_DEB_DOC_DIR}/changelog @ONLY)
-  execute_process(COMMAND gzip -9nf ${ZEL_DEB_DOC_DIR}/changelog RESULT_VARIABLE zel_gzip_result)
+  file(REMOVE ${ZEL_DEB_DOC_DIR}/changelog.gz ${ZEL_DEB_DOC_DIR}/changelog.Debian.gz)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/debian/changelog.in
+                 ${ZEL_DEB_DOC_DIR}/${ZEL_DEB_CHANGELOG} @ONLY)
+  execute_process(COMMAND gzip -9nf ${ZEL_DEB_DOC_DIR}/${ZEL_DEB_CHANGELOG}
+                  RESULT_VARIABLE zel_gzip_result)
   if(NOT zel_gzip_result EQUAL 0)
     message(FATAL_ERROR "zel: gzip of the Debian changelog failed (${zel_gzip_result})")
   endif()
   if(ZEL_SYSTEM_LAYOUT)
-    install(FILES ${PROJECT_SOURCE_DIR}/cmake/debian/copyright ${ZEL_DEB_DOC_DIR}/changelog.gz
+    install(FILES ${PROJECT_SOURCE_DIR}/cmake/debian/copyright
+                  ${ZEL_DEB_DOC_DIR}/${ZEL_DEB_CHANGELOG}.gz
             DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${ZEL_DEB_PACKAGE} COMPONENT ${component})
   endif()
 endforeach()

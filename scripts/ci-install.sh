@@ -166,6 +166,38 @@ dpkg -s libzel-utils0 libzel-tracer0 libzel-dev | grep -E '^(Package|Status|Vers
 diff -r "$tree/include/zel" /usr/include/zel
 consume deb-cmake -DCMAKE_DISABLE_FIND_PACKAGE_PkgConfig=ON
 consume deb-pkgconfig -DZEL_CONSUMER_USE_PKGCONFIG=ON
+# Each package states its licence in the machine-readable copyright format.
+for package in libzel-utils0 libzel-tracer0 libzel-dev; do
+  grep -qx 'License: MIT' "/usr/share/doc/$package/copyright" ||
+    { echo "install: $package's copyright file names no MIT licence" >&2; exit 1; }
+done
+
+# A product's own maintainer and Debian revision reach every package, and
+# the packages' dependencies on each other name the whole version.
+cmake -S . -B "$build" -DZEL_DEB_MAINTAINER="Example Product <packages@example.com>" \
+  -DZEL_DEB_REVISION=2 >/dev/null
+rm -f "$build"/*.deb
+(cd "$build" && cpack >/dev/null)
+for deb in "$build"/*.deb; do
+  fields="$(dpkg-deb -f "$deb" Version Maintainer Depends)"
+  grep -qx 'Version: 0\.[0-9.]*-2' <<<"$fields" &&
+    grep -qx 'Maintainer: Example Product <packages@example.com>' <<<"$fields" &&
+    ! grep -E 'libzel-[a-z]+0 \(= [0-9.]+\)' <<<"$fields" || {
+    echo "install: $(basename "$deb") does not carry the product's version and maintainer:" >&2
+    echo "$fields" >&2
+    exit 1
+  }
+  dpkg-deb --fsys-tarfile "$deb" | tar -xO --wildcards './usr/share/doc/*/changelog.Debian.gz' \
+    >"$work/changelog.gz"
+  first="$(gzip -dc "$work/changelog.gz" | sed -n 1p)"
+  grep -q '(0\.[0-9.]*-2)' <<<"$first" ||
+    { echo "install: $(basename "$deb")'s changelog starts '$first', without the revision" >&2; exit 1; }
+done
+lintian --fail-on error "$build"/*.deb >"$work/lintian.log" 2>&1 || {
+  grep -v 'running with root privileges' "$work/lintian.log" >&2
+  echo "install: lintian found errors in the packages with a Debian revision" >&2
+  exit 1
+}
 
 # -- 5. API reference.
 echo "-- API reference ($((SECONDS - start)) s)"
