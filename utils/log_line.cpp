@@ -338,7 +338,13 @@ class BoundedFormat {
   }
 
  private:
-  static constexpr std::size_t kPrecisionSlack = 16500;
+  // How far past the room a precision of `conv` must stay for the first
+  // characters to stay the same (see formatChecked()).
+  static std::size_t slackOf(char conv) {
+    if (conv == 's') return 0;
+    if (std::strchr("fFeEgGaA", conv) != nullptr) return 16500;
+    return 32;
+  }
 
   // formatTo() on a format that parse() accepts throughout.
   static bool formatChecked(char* out, std::size_t size, const char* format, va_list* ap) {
@@ -381,11 +387,13 @@ class BoundedFormat {
         width = -width;
       }
       const auto room = static_cast<std::size_t>(end - pos);
-      // A precision past the room and past every digit a value can have
-      // (the exact decimal expansion of a long double is under 16,500
-      // digits) gives the same first `room` characters as a larger one.
-      if (precision >= 0 && static_cast<std::size_t>(precision) > room + kPrecisionSlack) {
-        precision = static_cast<int>(room + kPrecisionSlack);
+      // A precision past the room and past every digit the value can have
+      // gives the same first `room` characters as a larger one: an integer
+      // has at most 22 digits, and the exact decimal expansion of a long
+      // double fewer than 16,500; a string shows no more than the room.
+      const std::size_t slack = slackOf(d.conv);
+      if (precision >= 0 && static_cast<std::size_t>(precision) > room + slack) {
+        precision = static_cast<int>(room + slack);
       }
       char spec[24];
       d.spec(spec, left, precision >= 0);
