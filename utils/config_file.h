@@ -68,7 +68,10 @@ extern "C" {
 // "APPDATA": its value, "ostrel" and "log", each followed by the path
 // separator ('\' on Windows, '/' elsewhere), so APPDATA=D:\x gives
 // D:\x\ostrel\log\ on Windows. The text is cut at 255 characters. Returns the
-// empty text when "APPDATA" is not set. Nothing is created on disk.
+// empty text when "APPDATA" is not set, and on POSIX in a process that runs
+// with more privileges than its caller (set-user-ID, set-group-ID, file
+// capabilities), which reads no environment variable. Nothing is created
+// on disk.
 ZEL_API std::string GetAppDataPath();
 
 // Returns a heap copy of the configuration file's path, which is the empty
