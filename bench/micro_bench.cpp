@@ -68,6 +68,32 @@ void BM_LogPrint(benchmark::State& state) {
 }
 BENCHMARK(BM_LogPrint)->Threads(1)->Threads(2)->UseRealTime();
 
+// The caller's cost of a line whose format asks for far more than the line
+// holds (the line is cut at 4094 characters): a width of 999,999,999 in
+// digits (the fast formatter), a precision of as many digits and a width of
+// 2e9 from the arguments (the bounded formatter). Each took 2.7 to 5.5 s
+// when the whole width was formatted.
+void BM_LogPrintHugeWidth(benchmark::State& state) {
+  static volatile int huge = 2000000000;
+  const int width = huge;
+  for (auto _ : state) {
+    switch (state.range(0)) {
+      case 0:
+        log_print(3, 0, "%999999999d\n", 42);
+        break;
+      case 1:
+        log_print(3, 0, "%.999999999d\n", 42);
+        break;
+      default:
+        log_print(3, 0, "%*s\n", width, "abc");
+        break;
+    }
+  }
+  zel_log_flush();
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_LogPrintHugeWidth)->Arg(0)->Arg(1)->Arg(2)->UseRealTime();
+
 // ---------------------------------------------------------------------------
 // Looper: posting one message that is due at once into a running looper
 // that holds `depth` messages due in an hour. The loop thread takes the

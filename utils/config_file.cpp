@@ -123,6 +123,13 @@ int PutKeyStringToFile(const char* path, const char* section, const char* key, c
 
   FILE* in = zel::platform::fopenNoInherit(path, "r");
   if (in == nullptr) return -2;
+  // A line end in the value would end its line and start another: a
+  // section or key of the caller's choosing. Refused before anything is
+  // written.
+  if (std::strpbrk(value, "\r\n") != nullptr) {
+    std::fclose(in);
+    return -1;
+  }
 
   char tmpName[kLineSize] = {0};
   const int nameLen = std::snprintf(tmpName, sizeof(tmpName), "%s.tmp", path);
@@ -131,7 +138,10 @@ int PutKeyStringToFile(const char* path, const char* section, const char* key, c
     std::fclose(in);
     return -1;
   }
-  FILE* out = zel::platform::fopenNoInherit(tmpName, "w");
+  // Created 0600 and never through what another user placed at the name
+  // (a link, a hard link, a file of theirs): the file is then left as it
+  // was and the name alone.
+  FILE* out = zel::platform::openPrivateCopy(tmpName);
   if (out == nullptr) {
     std::fclose(in);
     return -1;
@@ -164,7 +174,7 @@ int PutKeyStringToFile(const char* path, const char* section, const char* key, c
   std::fclose(in);
 
   // The copy replaces the file only once all of it is known to be on the
-  // disk with the file's permission bits: a full disk, a quota or a size
+  // disk with the file's permission bits, owner and group: a full disk, a quota or a size
   // limit shows up as a failed write, flush, sync or close. On any such
   // failure the copy goes and the file stays as it was.
   if (copied && zel::platform::copyPermissions(path, out) != 0) copied = false;

@@ -68,7 +68,10 @@ extern "C" {
 // "APPDATA": its value, "ostrel" and "log", each followed by the path
 // separator ('\' on Windows, '/' elsewhere), so APPDATA=D:\x gives
 // D:\x\ostrel\log\ on Windows. The text is cut at 255 characters. Returns the
-// empty text when "APPDATA" is not set. Nothing is created on disk.
+// empty text when "APPDATA" is not set, and on POSIX in a process that runs
+// with more privileges than its caller (set-user-ID, set-group-ID, file
+// capabilities), which reads no environment variable. Nothing is created
+// on disk.
 ZEL_API std::string GetAppDataPath();
 
 // Returns a heap copy of the configuration file's path, which is the empty
@@ -111,12 +114,25 @@ ZEL_API int GetKeyIntFromFile(const char* path, const char* section, const char*
 // not added: the file is rewritten unchanged.
 // The file is never replaced by a damaged copy: every write to the copy,
 // its flush and its close are checked, and the copy is synced to the disk
-// and given the file's permission bits before it replaces the file. On
+// and given the file's permission bits (on POSIX also its owner and group,
+// where the process may give them) before it replaces the file. On
 // Windows a file that another process holds open is retried for about two
 // seconds. Both files are opened so that child processes do not inherit them.
+// Nothing another local user places at "<path>.tmp" is written through: the
+// copy is created with mode 0600, so that no other user can read it while
+// it is written (a 0600 file is never readable by others, not even for a
+// moment), a symbolic link there (a reparse point on Windows) is never
+// followed, and an existing "<path>.tmp" is used (and emptied) only when it
+// is a regular file of the process's effective user (POSIX) with one link.
+// A `value` holding a carriage return or a line feed is refused: it would
+// end the line and inject lines (a section, a key) of its own.
 // Results: 0 on success, also when nothing was replaced, and when `path` is
 // null (nothing is written). -2 when the file cannot be opened for reading
-// (nothing is printed). -1 when "<path>.tmp" does not fit in 1023 characters
+// (nothing is printed). -1, with nothing written and the file untouched,
+// when `value` holds "\r" or "\n", or when "<path>.tmp" is a symbolic link,
+// a hard link (more than one link), not a regular file or (POSIX) owned by
+// another user: that name is then left as it was. -1 also when "<path>.tmp"
+// does not fit in 1023 characters
 // or cannot be created, when reading the file or writing, syncing or closing
 // the copy fails (a full disk, a quota, a size limit), or when the permission
 // bits cannot be given: the file is then left as it was and the ".tmp" file
@@ -129,7 +145,7 @@ ZEL_API int PutKeyStringToFile(const char* path, const char* section, const char
                                const char* value);
 
 // Formats `value` in decimal ("-7") and writes it with PutKeyStringToFile();
-// returns that function's result.
+// returns that function's result (the checks of "<path>.tmp" included).
 ZEL_API int PutKeyIntToFile(const char* path, const char* section, const char* key, int value);
 
 // GetKeyStringFromFile() on GetConfigFilePath(). Returns null when the path
@@ -143,7 +159,9 @@ ZEL_API char* GetKeyString(const char* section, const char* key);
 ZEL_API int GetKeyInt(const char* section, const char* key);
 
 // PutKeyStringToFile() on GetConfigFilePath(); 0 (nothing written) when the
-// path cannot be allocated. In this version it returns -2.
+// path cannot be allocated. In this version it returns -2, whatever the
+// value (also one holding a line end: the path is empty, so the file
+// cannot be opened, which is told first).
 ZEL_API int PutKeyString(const char* section, const char* key, const char* value);
 
 // PutKeyIntToFile() on GetConfigFilePath(). In this version it returns -2.

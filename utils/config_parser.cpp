@@ -3,6 +3,7 @@
 #include <glib.h>
 
 #include <cstdlib>
+#include <string>
 
 #include "utils/logger.h"
 #include "utils/platform.h"
@@ -83,10 +84,18 @@ int ConfigParser::Init(const std::string& path, const std::string& separator) {
   mKeyFile = g_key_file_new();
   if (separator.size() == 1) g_key_file_set_list_separator(mKeyFile, separator[0]);
 
-  GError* error = nullptr;
-  if (g_key_file_load_from_file(mKeyFile, path.c_str(), G_KEY_FILE_NONE, &error)) return 0;
-
-  g_error_free(error);
+  // The bytes are read here, not by GLib: the open must not wait (a FIFO
+  // would block it for ever), and only a regular file of bounded size is
+  // read. GLib parses them as it parses a file it reads itself.
+  std::string data;
+  if (platform::readRegularFile(path.c_str(), kConfigParserMaxFileSize, &data) ==
+      platform::ReadResult::kOk) {
+    GError* error = nullptr;
+    if (g_key_file_load_from_data(mKeyFile, data.data(), data.size(), G_KEY_FILE_NONE, &error)) {
+      return 0;
+    }
+    g_error_free(error);
+  }
   g_key_file_free(mKeyFile);
   // Cleared so that the destructor and a later Init() do not touch the
   // released handle.

@@ -22,6 +22,7 @@
 #ifndef ZEL_UTILS_CONFIG_PARSER_H_
 #define ZEL_UTILS_CONFIG_PARSER_H_
 
+#include <cstddef>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -44,6 +45,11 @@ typedef struct _GKeyFile GKeyFile;
 
 namespace zel {
 
+// The largest key file that ConfigParser::Init() reads, in bytes (16 MiB):
+// a configuration is far smaller, and a larger file is refused before its
+// bytes (and GLib's copy of them) take memory and time.
+constexpr std::size_t kConfigParserMaxFileSize = 16u * 1024 * 1024;
+
 // A parser of one key file, as the top of this file describes.
 class ZEL_API ConfigParser {
  public:
@@ -61,9 +67,14 @@ class ZEL_API ConfigParser {
   // becomes the list separator; any other length (empty, or two or more
   // characters) keeps ";". A key file loaded by an earlier Init() is released
   // first.
+  // Only a regular file is read (links followed), and only up to
+  // kConfigParserMaxFileSize bytes: the open never waits, so a FIFO or a
+  // device at `path` fails at once instead of blocking Init() or reading
+  // without end, and a larger file fails without being read.
   // Returns 0 when the file was loaded. Returns -1 when `path` is empty
   // (logs "Error:file[] err" and changes nothing) or when the file cannot be
-  // loaded (missing, unreadable, not a valid key file, for example one that
+  // loaded (missing, unreadable, not a regular file, larger than
+  // kConfigParserMaxFileSize, not a valid key file, for example one that
   // starts with a UTF-8 byte order mark): it then logs "Error:file[<path>]
   // err" and leaves the parser without a key file, as if newly made. Both
   // lines are also handed to the registered log backends.

@@ -27,7 +27,8 @@ class Logger;
 
 namespace crash {
 
-// The wait for the drain when ZEL_LOG_CRASH_WAIT_MS is not set or invalid.
+// The wait for the drain when ZEL_LOG_CRASH_WAIT_MS is not set or invalid,
+// and in a process that reads no environment (set-user-ID and the like).
 constexpr int64_t kDefaultWaitMs = 2000;
 
 // Records the live log file (kNoFile when there is none) that the fatal

@@ -1,10 +1,15 @@
 #include "utils/log_line.h"
 
 #include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <cwchar>
 #include <limits>
+#include <string>
 
 #include "utils/logger.h"
 #include "utils/platform.h"
@@ -107,7 +112,9 @@ class PrefixCache {
 // vsnprintf produces for them: "%%", and %d %i %u %x %X %s %c with the flags
 // '-' and '0' (not '0' for %s and %c), a width in digits and the length
 // modifiers l, ll and z. Any other conversion, a precision or a '*' makes
-// formatTo() give up, and the caller formats the line with vsnprintf.
+// formatTo() give up, and the caller formats the line another way. It stops
+// as soon as the line is full: what would follow is cut anyway, and a width
+// is never written further than the line has room for.
 class FastFormat {
  public:
   // Formats as vsnprintf(out, size, format, args) would and returns true;
@@ -117,6 +124,7 @@ class FastFormat {
   static bool formatTo(char* out, std::size_t size, const char* format, va_list args) {
     Sink sink{out, out + size - 1};
     for (const char* p = format; *p != '\0'; ++p) {
+      if (sink.pos == sink.end) break;  // full: the rest would be cut
       if (*p != '%') {
         sink.put(*p);
         continue;
@@ -202,7 +210,10 @@ class FastFormat {
       pos += len;
     }
     void fill(char c, std::size_t n) {
-      for (std::size_t i = 0; i < n; ++i) put(c);
+      const auto room = static_cast<std::size_t>(end - pos);
+      if (n > room) n = room;
+      std::memset(pos, c, n);
+      pos += n;
     }
   };
 
@@ -224,7 +235,10 @@ class FastFormat {
     }
     while (*p >= '0' && *p <= '9') {
       directive->width = directive->width * 10 + static_cast<std::size_t>(*p - '0');
-      if (directive->width > 4096) return nullptr;
+      // A width past INT_MAX is an error of vsnprintf's, left to it.
+      if (directive->width > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+        return nullptr;
+      }
       ++p;
     }
     if (*p == 'l') {
@@ -292,6 +306,356 @@ class FastFormat {
   }
 };
 
+// The formatter for what FastFormat does not handle: every conversion of
+// standard C (the flags - + space # 0, widths and precisions in digits or
+// '*', the length modifiers hh h l ll j z t L), formatted one conversion at
+// a time with snprintf into the room
+// left in the line, and stopped as soon as the line is full. A width or
+// precision larger than the room is first brought down to a value that
+// gives the same first characters, so that no conversion costs more than
+// the line: the result is byte for byte what vsnprintf gives, cut at the
+// same place. A format with a positional argument ("%1$d"), %n, an
+// extension of one C library or another (%m, %I64d, the ' flag...) or a
+// mistake is left to vsnprintf whole.
+class BoundedFormat {
+ public:
+  // As FastFormat::formatTo(); returns false, having read no argument and
+  // written nothing, when the format is one that is left to vsnprintf, or
+  // (then with `out` unfinished) when snprintf fails on a conversion (an
+  // invalid wide character), so that vsnprintf reports it as it always has.
+  static bool formatTo(char* out, std::size_t size, const char* format, va_list args) {
+    for (const char* p = format; *p != '\0'; ++p) {
+      if (*p != '%') continue;
+      Directive directive;
+      p = parse(p + 1, &directive);
+      if (p == nullptr) return false;
+    }
+    va_list ap;  // one list that every reader below advances, on every ABI
+    va_copy(ap, args);
+    const bool done = formatChecked(out, size, format, &ap);
+    va_end(ap);
+    return done;
+  }
+
+ private:
+  // How far past the room a precision of `conv` must stay for the first
+  // characters to stay the same (see formatChecked()).
+  static std::size_t slackOf(char conv) {
+    if (conv == 's') return 0;
+    if (std::strchr("fFeEgGaA", conv) != nullptr) return 16500;
+    return 32;
+  }
+
+  // formatTo() on a format that parse() accepts throughout.
+  static bool formatChecked(char* out, std::size_t size, const char* format, va_list* ap) {
+    const int savedErrno = errno;
+    char* pos = out;
+    char* const end = out + size - 1;
+    for (const char* p = format; *p != '\0'; ++p) {
+      if (pos == end) break;  // full: the rest would be cut
+      if (*p != '%') {
+        *pos++ = *p;
+        continue;
+      }
+      Directive d;
+      p = parse(p + 1, &d);
+      if (d.conv == '%') {
+        *pos++ = '%';
+        continue;
+      }
+      int width = 0;
+      bool hasWidth = false;
+      if (d.widthFromArgument) {
+        width = va_arg(*ap, int);
+        hasWidth = true;
+      } else if (d.width >= 0) {
+        width = d.width;
+        hasWidth = true;
+      }
+      int precision = -1;
+      if (d.precisionFromArgument) {
+        precision = va_arg(*ap, int);
+      } else {
+        precision = d.precision;
+      }
+      bool left = d.left;
+      if (hasWidth && width < 0) {
+        // A negative width from the arguments is the '-' flag and the
+        // width's magnitude; INT_MIN has none that fits: vsnprintf fails.
+        if (width == std::numeric_limits<int>::min()) return false;
+        left = true;
+        width = -width;
+      }
+      const auto room = static_cast<std::size_t>(end - pos);
+      // A precision past the room and past every digit the value can have
+      // gives the same first `room` characters as a larger one: an integer
+      // has at most 22 digits, and the exact decimal expansion of a long
+      // double fewer than 16,500; a string shows no more than the room.
+      const std::size_t slack = slackOf(d.conv);
+      if (precision >= 0 && static_cast<std::size_t>(precision) > room + slack) {
+        precision = static_cast<int>(room + slack);
+      }
+      char spec[24];
+      d.spec(spec, left, precision >= 0);
+      Argument argument;
+      argument.fetch(d, ap);
+      if (hasWidth && static_cast<std::size_t>(width) > room) {
+        // Padding past room + the text's own length only adds characters
+        // that are cut: right-aligned, the first `room` are padding either
+        // way; left-aligned, the text and then padding.
+        errno = savedErrno;
+        const int natural = argument.print(nullptr, 0, spec, 0, precision);
+        if (natural < 0) return false;
+        const std::size_t bound = room + static_cast<std::size_t>(natural);
+        if (static_cast<std::size_t>(width) > bound) width = static_cast<int>(bound);
+      }
+      errno = savedErrno;
+      const int n = argument.print(pos, room + 1, spec, hasWidth ? width : 0, precision);
+      if (n < 0) return false;
+      pos += static_cast<std::size_t>(n) < room ? static_cast<std::size_t>(n) : room;
+    }
+    *pos = '\0';
+    errno = savedErrno;
+    return true;
+  }
+
+  struct Directive {
+    char flags[8] = {0};  // '+', ' ', '#', '0' as given
+    bool left = false;
+    int width = -1;  // -1: none given in digits
+    bool widthFromArgument = false;
+    int precision = -1;  // -1: none
+    bool precisionFromArgument = false;
+    char length[3] = {0};  // "", "hh", "h", "l", "ll", "j", "z", "t" or "L"
+    char conv = 0;
+
+    // Writes "%<flags>*.*<length><conv>" (the width always from an
+    // argument, the precision only when `withPrecision`) into `out` (24
+    // bytes); '-' when `leftAligned`.
+    void spec(char* out, bool leftAligned, bool withPrecision) const {
+      *out++ = '%';
+      if (leftAligned) *out++ = '-';
+      for (const char* f = flags; *f != '\0'; ++f) *out++ = *f;
+      *out++ = '*';
+      if (withPrecision) {
+        *out++ = '.';
+        *out++ = '*';
+      }
+      for (const char* l = length; *l != '\0'; ++l) *out++ = *l;
+      *out++ = conv;
+      *out = '\0';
+    }
+  };
+
+  // One argument of a conversion, read with the type its conversion and
+  // length modifier give it.
+  struct Argument {
+    enum Kind {
+      kInt,
+      kLong,
+      kLongLong,
+      kIntMax,
+      kSize,
+      kPtrdiff,
+      kDouble,
+      kLongDouble,
+      kPointer,
+      kWint
+    } kind = kInt;
+    union {
+      int i;
+      long l;
+      long long ll;
+      intmax_t im;
+      std::size_t z;
+      std::ptrdiff_t t;
+      double d;
+      long double ld;
+      const void* p;
+      wint_t wc;
+    } value{};
+
+    void fetch(const Directive& d, va_list* ap) {
+      const char* length = d.length;
+      if (std::strchr("diouxX", d.conv) != nullptr) {
+        // Unsigned conversions read the same bits through the signed type.
+        if (length[0] == '\0' || length[0] == 'h') {
+          kind = kInt;
+          value.i = va_arg(*ap, int);
+        } else if (std::strcmp(length, "l") == 0) {
+          kind = kLong;
+          value.l = va_arg(*ap, long);
+        } else if (std::strcmp(length, "ll") == 0) {
+          kind = kLongLong;
+          value.ll = va_arg(*ap, long long);
+        } else if (length[0] == 'j') {
+          kind = kIntMax;
+          value.im = va_arg(*ap, intmax_t);
+        } else if (length[0] == 'z') {
+          kind = kSize;
+          value.z = va_arg(*ap, std::size_t);
+        } else {  // t
+          kind = kPtrdiff;
+          value.t = va_arg(*ap, std::ptrdiff_t);
+        }
+      } else if (std::strchr("fFeEgGaA", d.conv) != nullptr) {
+        if (length[0] == 'L') {
+          kind = kLongDouble;
+          value.ld = va_arg(*ap, long double);
+        } else {
+          kind = kDouble;
+          value.d = va_arg(*ap, double);
+        }
+      } else if (d.conv == 'c' && length[0] == 'l') {
+        kind = kWint;
+        value.wc = va_arg(*ap, wint_t);
+      } else if (d.conv == 'c') {
+        kind = kInt;
+        value.i = va_arg(*ap, int);
+      } else {  // s p
+        kind = kPointer;
+        value.p = va_arg(*ap, const void*);
+      }
+    }
+
+    // snprintf(out, size, spec, width[, precision], value).
+    int print(char* out, std::size_t size, const char* spec, int width, int precision) const {
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+#endif
+      if (precision >= 0) {
+        switch (kind) {
+          case kInt:
+            return std::snprintf(out, size, spec, width, precision, value.i);
+          case kLong:
+            return std::snprintf(out, size, spec, width, precision, value.l);
+          case kLongLong:
+            return std::snprintf(out, size, spec, width, precision, value.ll);
+          case kIntMax:
+            return std::snprintf(out, size, spec, width, precision, value.im);
+          case kSize:
+            return std::snprintf(out, size, spec, width, precision, value.z);
+          case kPtrdiff:
+            return std::snprintf(out, size, spec, width, precision, value.t);
+          case kDouble:
+            return std::snprintf(out, size, spec, width, precision, value.d);
+          case kLongDouble:
+            return std::snprintf(out, size, spec, width, precision, value.ld);
+          case kPointer:
+            return std::snprintf(out, size, spec, width, precision, value.p);
+          case kWint:
+            return std::snprintf(out, size, spec, width, precision, value.wc);
+        }
+        return -1;
+      }
+      switch (kind) {
+        case kInt:
+          return std::snprintf(out, size, spec, width, value.i);
+        case kLong:
+          return std::snprintf(out, size, spec, width, value.l);
+        case kLongLong:
+          return std::snprintf(out, size, spec, width, value.ll);
+        case kIntMax:
+          return std::snprintf(out, size, spec, width, value.im);
+        case kSize:
+          return std::snprintf(out, size, spec, width, value.z);
+        case kPtrdiff:
+          return std::snprintf(out, size, spec, width, value.t);
+        case kDouble:
+          return std::snprintf(out, size, spec, width, value.d);
+        case kLongDouble:
+          return std::snprintf(out, size, spec, width, value.ld);
+        case kPointer:
+          return std::snprintf(out, size, spec, width, value.p);
+        case kWint:
+          return std::snprintf(out, size, spec, width, value.wc);
+      }
+      return -1;
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+    }
+  };
+
+  // Reads a number of digits at `*p`; false when it passes INT_MAX.
+  static bool readNumber(const char** p, int* number) {
+    long long n = 0;
+    while (**p >= '0' && **p <= '9') {
+      n = n * 10 + (**p - '0');
+      if (n > std::numeric_limits<int>::max()) return false;
+      ++*p;
+    }
+    *number = static_cast<int>(n);
+    return true;
+  }
+
+  // Parses the conversion after a '%' into `d`; returns its last character,
+  // or null when the format is to be left to vsnprintf.
+  static const char* parse(const char* p, Directive* d) {
+    if (*p == '%') {
+      d->conv = '%';
+      return p;
+    }
+    std::size_t nFlags = 0;
+    for (;; ++p) {
+      if (*p == '-') {
+        d->left = true;
+      } else if (*p == '+' || *p == ' ' || *p == '#' || *p == '0') {
+        // Each flag once is enough: a repeated one changes nothing.
+        if (std::strchr(d->flags, *p) == nullptr) {
+          if (nFlags + 1 >= sizeof(d->flags)) return nullptr;
+          d->flags[nFlags++] = *p;
+        }
+      } else {
+        break;
+      }
+    }
+    if (*p == '*') {
+      d->widthFromArgument = true;
+      ++p;
+    } else if (*p >= '1' && *p <= '9') {
+      if (!readNumber(&p, &d->width)) return nullptr;
+    }
+    if (*p == '$') return nullptr;  // a positional argument
+    if (*p == '.') {
+      ++p;
+      if (*p == '*') {
+        d->precisionFromArgument = true;
+        ++p;
+      } else {
+        d->precision = 0;
+        if (!readNumber(&p, &d->precision)) return nullptr;
+      }
+    }
+    // A '*' followed by digits and '$' asks for a positional width.
+    if (*p == '$' || (*p >= '0' && *p <= '9')) return nullptr;
+    std::size_t nLength = 0;
+    if ((p[0] == 'h' && p[1] == 'h') || (p[0] == 'l' && p[1] == 'l')) {
+      d->length[nLength++] = *p++;
+      d->length[nLength++] = *p++;
+    } else if (*p != '\0' && std::strchr("hljztL", *p) != nullptr) {
+      d->length[nLength++] = *p++;
+    }
+    if (*p == '\0' || std::strchr("diouxXfFeEgGaAcsp", *p) == nullptr) return nullptr;
+    d->conv = *p;
+    // The length modifiers that standard C gives each conversion.
+    const char* length = d->length;
+    bool valid;
+    if (std::strchr("diouxX", *p) != nullptr) {
+      valid = length[0] != 'L';
+    } else if (std::strchr("fFeEgGaA", *p) != nullptr) {
+      valid = length[0] == '\0' || std::strcmp(length, "l") == 0 || length[0] == 'L';
+    } else if (*p == 'c' || *p == 's') {
+      valid = length[0] == '\0' || std::strcmp(length, "l") == 0;
+    } else {  // p
+      valid = length[0] == '\0';
+    }
+    return valid ? p : nullptr;
+  }
+};
+
 }  // namespace
 
 std::size_t formatLogLine(char* line, const char* format, va_list args) {
@@ -307,13 +671,17 @@ std::size_t formatLogLine(char* line, const char* format, va_list args) {
   thread_local PrefixCache prefix;
   const std::size_t prefixLen = prefix.write(line, static_cast<std::time_t>(second), ms);
 
-  va_list fallback;  // the arguments from the start, for vsnprintf
+  va_list bounded;   // the arguments from the start, for BoundedFormat
+  va_list fallback;  // and for vsnprintf
+  va_copy(bounded, args);
   va_copy(fallback, args);
   const std::size_t room = kLineSize - 1 - prefixLen;
-  if (!FastFormat::formatTo(line + prefixLen, room, format, args)) {
+  if (!FastFormat::formatTo(line + prefixLen, room, format, args) &&
+      !BoundedFormat::formatTo(line + prefixLen, room, format, bounded)) {
     std::vsnprintf(line + prefixLen, room, format, fallback);
   }
   va_end(fallback);
+  va_end(bounded);
   return prefixLen + std::strlen(line + prefixLen);
 }
 

@@ -70,7 +70,10 @@ void executablePath(char* buf, std::size_t size);
 
 // Reads the environment variable `name` into `value`. Returns false, leaving
 // `value` untouched, when the variable is not set; a variable set to the
-// empty text gives true and an empty `value`.
+// empty text gives true and an empty `value`. On POSIX a process that runs
+// with more privileges than its caller (set-user-ID, set-group-ID or file
+// capabilities: the kernel's AT_SECURE) reads no variable at all: every name
+// gives false, so that the caller's environment steers nothing in it.
 bool getEnv(const char* name, std::string* value);
 
 // Renames the file `from` to `to`, replacing an existing file `to` on every
@@ -96,9 +99,41 @@ std::FILE* fopenNoInherit(const char* path, const char* mode);
 int syncFile(std::FILE* file);
 
 // Gives `file` (open for writing) the permission bits of the file at
-// `model`. Returns 0, also where there are no permission bits to give
-// (Windows); -1 when `model` cannot be queried or the bits cannot be set.
+// `model` and, where the process may, its owner and group (a process of
+// another user than root keeps its own user, and gets the group only where
+// it is a member). Returns 0, also where there are no permission bits to
+// give (Windows); -1 when `model` cannot be queried or the bits cannot be
+// set. An owner or group that cannot be given is not an error.
 int copyPermissions(const char* model, std::FILE* file);
+
+// Opens the scratch copy at `path` that a writer fills before renaming it
+// over the file it replaces, so that nothing another user placed at `path`
+// is written through: the copy is created with mode 0600 (only the user may
+// read it while it is written) when missing, a symbolic link at `path` (a
+// reparse point on Windows) is never followed, and what is there is used
+// only when it is a regular file of the process's effective user (on POSIX)
+// with one link; only then is an old copy emptied. Returns a stream as
+// fopenNoInherit(path, "w") gives (text mode on Windows, not inherited), or
+// null, with nothing written to anything and nothing removed, when the copy
+// cannot be opened or is refused.
+// Ownership: the caller closes the stream with std::fclose.
+std::FILE* openPrivateCopy(const char* path);
+
+// How readRegularFile() ended.
+enum class ReadResult {
+  kOk,          // the bytes are in `*data`
+  kCannotOpen,  // missing, unreadable, or the open failed
+  kNotRegular,  // a FIFO, a device, a directory, a socket...
+  kTooLarge,    // more than `maxSize` bytes
+  kReadError,   // a read failed
+};
+
+// Reads the whole file at `path` into `*data` (replacing its content) when
+// it is a regular file of at most `maxSize` bytes. The open never blocks (a
+// FIFO with no writer is opened without waiting, then refused), the
+// descriptor is not inherited, and the bytes read are bounded by `maxSize`
+// + 1 also when the file grows while it is read.
+ReadResult readRegularFile(const char* path, std::size_t maxSize, std::string* data);
 // An open file of the operating system: a descriptor on POSIX, a HANDLE on
 // Windows, held as an integer so that callers include no system header.
 using FileHandle = std::intptr_t;

@@ -88,7 +88,10 @@ void executablePath(char* buf, std::size_t size) {
 }
 
 bool getEnv(const char* name, std::string* value) {
-  const char* text = std::getenv(name);
+  // secure_getenv gives null in a process that the kernel marks AT_SECURE
+  // (set-user-ID, set-group-ID, file capabilities): there the environment
+  // is its caller's, and none of it is read.
+  const char* text = secure_getenv(name);
   if (text == nullptr) return false;
   *value = text;
   return true;
@@ -115,7 +118,90 @@ int syncFile(std::FILE* file) {
 int copyPermissions(const char* model, std::FILE* file) {
   struct stat st;
   if (stat(model, &st) != 0) return -1;
-  return fchmod(fileno(file), st.st_mode & 07777) == 0 ? 0 : -1;
+  const int fd = fileno(file);
+  // Owner first: a change of owner clears the set-user-ID and set-group-ID
+  // bits, which the mode then gives back. Only root may give the copy
+  // another owner; another user may still give it a group it belongs to.
+  if (fchown(fd, st.st_uid, st.st_gid) != 0 && fchown(fd, static_cast<uid_t>(-1), st.st_gid) != 0) {
+    // Neither could be given: the copy keeps the process's user and group.
+  }
+  return fchmod(fd, st.st_mode & 07777) == 0 ? 0 : -1;
+}
+
+std::FILE* openPrivateCopy(const char* path) {
+  // No O_TRUNC: a hard link planted at `path` would be emptied before it
+  // could be checked. O_NOFOLLOW refuses a symbolic link (ELOOP).
+  int fd;
+  do {
+    fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  const bool ours =
+      fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_nlink == 1;
+  if (!ours || ftruncate(fd, 0) != 0) {
+    if (!ours) errno = EPERM;
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+    return nullptr;
+  }
+  std::FILE* file = fdopen(fd, "w");
+  if (file == nullptr) {
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+  }
+  return file;
+}
+
+ReadResult readRegularFile(const char* path, std::size_t maxSize, std::string* data) {
+  // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a
+  // writer, for ever if none comes. It changes nothing for a regular file.
+  int fd;
+  do {
+    fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return ReadResult::kCannotOpen;
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    close(fd);
+    return ReadResult::kCannotOpen;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    close(fd);
+    return ReadResult::kNotRegular;
+  }
+  if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) > maxSize) {
+    close(fd);
+    return ReadResult::kTooLarge;
+  }
+  data->clear();
+  ReadResult result = ReadResult::kOk;
+  try {
+    data->reserve(static_cast<std::size_t>(st.st_size));
+    char chunk[65536];
+    for (;;) {
+      const ssize_t n = read(fd, chunk, sizeof(chunk));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        result = ReadResult::kReadError;
+        break;
+      }
+      if (n == 0) break;
+      if (static_cast<std::size_t>(n) > maxSize - data->size()) {
+        // The file grew past the bound while it was read.
+        result = ReadResult::kTooLarge;
+        break;
+      }
+      data->append(chunk, static_cast<std::size_t>(n));
+    }
+  } catch (...) {
+    result = ReadResult::kReadError;
+  }
+  close(fd);
+  if (result != ReadResult::kOk) data->clear();
+  return result;
 }
 
 FileHandle standardError() { return STDERR_FILENO; }

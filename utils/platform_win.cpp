@@ -232,6 +232,84 @@ int copyPermissions(const char* /*model*/, std::FILE* /*file*/) {
   return 0;
 }
 
+std::FILE* openPrivateCopy(const char* path) {
+  // Opened as itself when it is a reparse point (a symbolic link or a
+  // junction), which is then refused, as is a file with other names (a
+  // hard link). Created when missing, emptied only once it has passed the
+  // checks. Others may read, write, rename and delete it, as
+  // fopenNoInherit() allows; the handle is not inherited.
+  const HANDLE handle =
+      CreateFileA(path, GENERIC_WRITE | FILE_READ_ATTRIBUTES,
+                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    errno = EACCES;
+    return nullptr;
+  }
+  BY_HANDLE_FILE_INFORMATION info;
+  const bool ours =
+      GetFileInformationByHandle(handle, &info) != 0 &&
+      (info.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) == 0 &&
+      info.nNumberOfLinks == 1 && GetFileType(handle) == FILE_TYPE_DISK;
+  if (!ours || SetEndOfFile(handle) == 0) {
+    CloseHandle(handle);
+    errno = EACCES;
+    return nullptr;
+  }
+  const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_WRONLY | _O_TEXT);
+  if (fd == -1) {
+    CloseHandle(handle);
+    return nullptr;
+  }
+  std::FILE* file = _fdopen(fd, "w");
+  if (file == nullptr) _close(fd);  // closes the handle too
+  return file;
+}
+
+ReadResult readRegularFile(const char* path, std::size_t maxSize, std::string* data) {
+  const HANDLE handle =
+      CreateFileA(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return ReadResult::kCannotOpen;
+  BY_HANDLE_FILE_INFORMATION info;
+  if (GetFileType(handle) != FILE_TYPE_DISK || GetFileInformationByHandle(handle, &info) == 0 ||
+      (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    CloseHandle(handle);
+    return ReadResult::kNotRegular;
+  }
+  const uint64_t size =
+      (static_cast<uint64_t>(info.nFileSizeHigh) << 32) | static_cast<uint64_t>(info.nFileSizeLow);
+  if (size > maxSize) {
+    CloseHandle(handle);
+    return ReadResult::kTooLarge;
+  }
+  data->clear();
+  ReadResult result = ReadResult::kOk;
+  try {
+    data->reserve(static_cast<std::size_t>(size));
+    char chunk[65536];
+    for (;;) {
+      DWORD n = 0;
+      if (ReadFile(handle, chunk, sizeof(chunk), &n, nullptr) == 0) {
+        result = ReadResult::kReadError;
+        break;
+      }
+      if (n == 0) break;
+      if (n > maxSize - data->size()) {
+        // The file grew past the bound while it was read.
+        result = ReadResult::kTooLarge;
+        break;
+      }
+      data->append(chunk, n);
+    }
+  } catch (...) {
+    result = ReadResult::kReadError;
+  }
+  CloseHandle(handle);
+  if (result != ReadResult::kOk) data->clear();
+  return result;
+}
+
 FileHandle standardError() {
   const HANDLE handle = GetStdHandle(STD_ERROR_HANDLE);
   return handle == nullptr || handle == INVALID_HANDLE_VALUE ? kNoFile
