@@ -5,6 +5,9 @@
 // that its internal functions can be checked directly.
 #include <gtest/gtest.h>
 #include <windows.h>
+// After windows.h, which they need.
+#include <aclapi.h>
+#include <sddl.h>
 
 #include <atomic>
 #include <chrono>
@@ -429,6 +432,167 @@ TEST(PlatformWinTest, ReplaceOfAFileHeldThroughoutFails) {
   std::fclose(held);
   EXPECT_EQ(ReadFile(to), "old\n");
   EXPECT_EQ(ReadFile(from), "new\n");
+}
+
+// ---------------------------------------------------------------------------
+// Log directories against another user: owners and access lists.
+
+// The string form of the process's user's security identifier.
+std::string UserSidText() {
+  HANDLE token = nullptr;
+  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) == 0) return std::string();
+  DWORD size = 0;
+  GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+  std::vector<unsigned char> buffer(size);
+  std::string text;
+  if (size != 0 && GetTokenInformation(token, TokenUser, buffer.data(), size, &size) != 0) {
+    char* sid = nullptr;
+    if (ConvertSidToStringSidA(reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid, &sid) != 0) {
+      text = sid;
+      LocalFree(sid);
+    }
+  }
+  CloseHandle(token);
+  return text;
+}
+
+// Makes the directory `path` with the access list of the SDDL text `sddl`.
+bool MakeDirWithAcl(const std::string& path, const std::string& sddl) {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1,
+                                                           &descriptor, nullptr) == 0) {
+    return false;
+  }
+  SECURITY_ATTRIBUTES attributes{};
+  attributes.nLength = sizeof(attributes);
+  attributes.lpSecurityDescriptor = descriptor;
+  const bool made = CreateDirectoryA(path.c_str(), &attributes) != 0;
+  LocalFree(descriptor);
+  return made;
+}
+
+// The access list of `path` as SDDL text (the "D:" part), empty on failure.
+std::string AclText(const std::string& path) {
+  PACL dacl = nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (GetNamedSecurityInfoA(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                            nullptr, &dacl, nullptr, &descriptor) != ERROR_SUCCESS) {
+    return std::string();
+  }
+  char* text = nullptr;
+  std::string result;
+  if (ConvertSecurityDescriptorToStringSecurityDescriptorA(
+          descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr) != 0) {
+    result = text;
+    LocalFree(text);
+  }
+  LocalFree(descriptor);
+  return result;
+}
+
+TEST(PlatformWinTest, DirectoryThatEveryoneMayWriteIntoIsRefused) {
+  TempDir dir;
+  const std::string user = UserSidText();
+  ASSERT_FALSE(user.empty());
+  const std::string open = dir.path() + "open";
+  ASSERT_TRUE(MakeDirWithAcl(open, "D:P(A;OICI;FA;;;" + user + ")(A;OICI;0x116;;;WD)"));
+  zel::platform::DirHandle handle = zel::platform::kNoFile;
+  EXPECT_EQ(zel::platform::openBaseDirectory(open.c_str(), &handle),
+            zel::platform::DirCheck::kWorldWritable)
+      << AclText(open);
+  EXPECT_EQ(handle, zel::platform::kNoFile);
+  EXPECT_EQ(zel::platform::checkDirectory(open.c_str(), true),
+            zel::platform::DirCheck::kWorldWritable);
+
+  // Reading and listing for everyone is no reason to refuse.
+  const std::string readable = dir.path() + "readable";
+  ASSERT_TRUE(MakeDirWithAcl(readable, "D:P(A;OICI;FA;;;" + user + ")(A;OICI;FR;;;WD)"));
+  EXPECT_EQ(zel::platform::openBaseDirectory(readable.c_str(), &handle),
+            zel::platform::DirCheck::kOk)
+      << AclText(readable);
+  zel::platform::closeDirectory(handle);
+
+  // The log refuses the first as its base, once, and counts the lines.
+  const uint64_t droppedBefore = zel_log_dropped();
+  StdoutCapture out;
+  zel_set_log_path((open + "\\").c_str());
+  log_print(0, 0, "first\n");
+  log_print(0, 0, "second\n");
+  zel_log_flush();
+  const std::string printed = out.Stop();
+  EXPECT_EQ(zel_test::CountOccurrences(printed, "zel log: refusing"), 1) << printed;
+  EXPECT_NE(printed.find("other users may write into it"), std::string::npos) << printed;
+  EXPECT_EQ(zel_log_dropped() - droppedBefore, 2u);
+  EXPECT_TRUE(ListDir(open).empty());
+}
+
+TEST(PlatformWinTest, DirectoryOwnedByAnotherUserIsRefused) {
+  TempDir dir;
+  const std::string other = dir.path() + "other";
+  ASSERT_TRUE(zel::platform::makePrivateDir(other.c_str()) == 0);
+  // Guests as the owner: giving a directory away needs the restore
+  // privilege on Windows; an administrator's test run has it.
+  PSID guests = nullptr;
+  ASSERT_NE(ConvertStringSidToSidA("S-1-5-32-546", &guests), 0);
+  const DWORD set =
+      SetNamedSecurityInfoA(const_cast<char*>(other.c_str()), SE_FILE_OBJECT,
+                            OWNER_SECURITY_INFORMATION, guests, nullptr, nullptr, nullptr);
+  LocalFree(guests);
+  if (set != ERROR_SUCCESS) {
+    GTEST_SKIP() << "cannot give a directory to another owner here (error " << set
+                 << "): needs the restore privilege";
+  }
+  zel::platform::DirHandle handle = zel::platform::kNoFile;
+  EXPECT_EQ(zel::platform::openBaseDirectory(other.c_str(), &handle),
+            zel::platform::DirCheck::kForeignOwner);
+  EXPECT_EQ(handle, zel::platform::kNoFile);
+}
+
+TEST(PlatformWinTest, DefaultBaseIsMadeForTheUserSystemAndAdministratorsOnly) {
+  TempDir dir;
+  const std::string base = dir.path() + "zel";
+  zel_test_hook_set_default_log_base((base + "\\").c_str());
+  log_print(0, 0, "private\n");
+  zel_log_flush();
+  zel_test_hook_set_default_log_base(nullptr);
+  ASSERT_TRUE(IsDirectory(base));
+  const std::string user = UserSidText();
+  const std::string acl = AclText(base);
+  // Protected (nothing inherited from the folder above), and full control
+  // for exactly the three, inherited by what is made inside.
+  EXPECT_EQ(acl.compare(0, 3, "D:P"), 0) << acl;
+  EXPECT_NE(acl.find("(A;OICI;FA;;;" + user + ")"), std::string::npos) << acl;
+  EXPECT_NE(acl.find("(A;OICI;FA;;;SY)"), std::string::npos) << acl;
+  EXPECT_NE(acl.find("(A;OICI;FA;;;BA)"), std::string::npos) << acl;
+  EXPECT_EQ(zel_test::CountOccurrences(acl, "(A;"), 3) << acl;
+  zel::platform::DirHandle handle = zel::platform::kNoFile;
+  EXPECT_EQ(zel::platform::openBaseDirectory(base.c_str(), &handle), zel::platform::DirCheck::kOk);
+  zel::platform::closeDirectory(handle);
+  EXPECT_NE(
+      ReadFile(base + "\\" + TodayDir() + NamesEndingIn(base + "\\" + TodayDir(), ".txt").at(0))
+          .find("private"),
+      std::string::npos);
+}
+
+TEST(PlatformWinTest, RetentionLeavesAFileThatAnotherHandleHolds) {
+  TempDir dir;
+  zel::platform::DirHandle handle = zel::platform::kNoFile;
+  ASSERT_EQ(zel::platform::openBaseDirectory(dir.path().c_str(), &handle),
+            zel::platform::DirCheck::kOk);
+  const std::string path = dir.path() + "zel.log.other.120000.txt";
+  zel_test::WriteFile(path, "another process's live file\n");
+  // Held as the log holds its live file: others may read, write, rename
+  // and delete it.
+  const HANDLE live = CreateFileA(path.c_str(), FILE_APPEND_DATA,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  ASSERT_NE(live, INVALID_HANDLE_VALUE);
+  EXPECT_EQ(zel::platform::removeUnheldFileAt(handle, "zel.log.other.120000.txt"), 1);
+  EXPECT_TRUE(FileExists(path));
+  CloseHandle(live);
+  EXPECT_EQ(zel::platform::removeUnheldFileAt(handle, "zel.log.other.120000.txt"), 0);
+  EXPECT_FALSE(FileExists(path));
+  zel::platform::closeDirectory(handle);
 }
 
 }  // namespace

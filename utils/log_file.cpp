@@ -118,14 +118,14 @@ std::string LogFile::getPrefix() {
   platform::formatStartTime(mStartTimeBuf, sizeof(mStartTimeBuf), tm);
   mStartTime = mStartTimeBuf;
   mProcessName = processName;
-  mBase =
-      texts.fixedDirPrefix.empty() ? std::string(platform::kDefaultLogBase) : texts.fixedDirPrefix;
+  const std::string defaultBase = platform::defaultLogBase();
+  mBase = texts.fixedDirPrefix.empty() ? defaultBase : texts.fixedDirPrefix;
   if (texts.fixedDirPrefix.empty()) {
-    texts.dirPrefix = std::string(platform::kDefaultLogBase) + date;
+    texts.dirPrefix = defaultBase + date;
     std::string dir = texts.dirPrefix;
     lock.unlock();
-    // A missing parent is made later by updateLogDir().
-    if (!platform::isDirectory(dir.c_str())) platform::makeDir(dir.c_str());
+    // The levels and the day directory are made by updateLogDir(), the day
+    // directory only inside a base directory that passed its checks.
     return dir;
   }
   texts.dirPrefix = texts.fixedDirPrefix + date;
@@ -137,17 +137,21 @@ std::string LogFile::getPrefix() {
 
 void LogFile::updateLogDir() {
   const std::string dir = getPrefix();
-  if (!platform::isDirectory(dir.c_str()) && !dir.empty() && dir.size() <= kPathSize - 1) {
+  // Make each missing level of the base, shortest first, private to the
+  // user; the day directory itself (the last level) is made inside the
+  // checked base directory by openDayDirectory(). A '\' is put back as '/'.
+  if (!dir.empty() && dir.size() <= kPathSize - 1) {
     char buf[kPathSize] = {0};
     std::memcpy(buf, dir.data(), dir.size());
     std::size_t len = dir.size();
-    if (buf[len - 1] != '/' && len < kPathSize - 1) buf[len++] = '/';
-    // Make each missing level, shortest first. A '\' is put back as '/'.
-    for (std::size_t i = 1; i < len; ++i) {
+    while (len > 1 && (buf[len - 1] == '/' || buf[len - 1] == '\\')) --len;
+    std::size_t last = len;
+    while (last > 0 && buf[last - 1] != '/' && buf[last - 1] != '\\') --last;
+    for (std::size_t i = 1; i < last; ++i) {
       if (buf[i] != '/' && buf[i] != '\\') continue;
       buf[i] = '\0';
       if (!platform::isDirectory(buf) && !platform::pathExists(buf) &&
-          platform::makeDir(buf) == -1) {
+          platform::makePrivateDir(buf) == -1) {
         logConsole("mkdir error,[%s]\n", buf);
         break;
       }
@@ -155,19 +159,26 @@ void LogFile::updateLogDir() {
     }
   }
   mLogDir = dir;
+  if (!dir.empty() && dir.size() <= kPathSize - 1) {
+    std::string dayDir = dir;
+    while (dayDir.size() > 1 && (dayDir.back() == '/' || dayDir.back() == '\\')) dayDir.pop_back();
+    platform::DirHandle day = platform::kNoFile;
+    if (openDayDirectory(dayDir, false, &day)) platform::closeDirectory(day);
+  }
 }
 
 platform::FileHandle LogFile::getFile() {
   if (mFile != platform::kNoFile) {
     // One file-status query answers both whether a regular file is still at
-    // the path and how large it is. The live file's position is the size
+    // the name and how large it is. The live file's position is the size
     // that counts; it is kept in mFileOffset as the lines are written. When
-    // the file at the path has that same size nobody else has written to it
+    // the file at the name has that same size nobody else has written to it
     // since, and the kept position holds; otherwise (a write from outside,
     // a replaced or truncated file) the open file is asked. A missing file
-    // rotates whatever the size.
+    // rotates whatever the size. The name is looked up in the day directory
+    // that was checked when the file was opened, through its handle.
     int64_t pathSize = 0;
-    const bool regular = platform::regularFileSize(mFilePath, &pathSize);
+    const bool regular = platform::regularFileSizeAt(mDayDir, mFileName.c_str(), &pathSize);
     int64_t position = mFileOffset;
     mRunPosition = regular && position >= 0 && pathSize == position ? position : -1;
     if (regular && (position < 0 || pathSize != position)) {
@@ -185,12 +196,13 @@ platform::FileHandle LogFile::getFile() {
 
     // Rotate: log.txt -> log.<index>; the counter steps on even when the
     // rename fails, and the file that falls out of the kept set is deleted.
+    // Both happen in the live file's own day directory.
     crash::setLiveFile(platform::kNoFile);
     platform::closeFile(mFile);
     char rotated[kPathSize] = {0};
     buildLogFilePath(rotated, mLogDir, mDirLen, mProcessName, mStartTime,
                      std::to_string(static_cast<unsigned>(mFileIndex)).c_str());
-    if (platform::renameFile(mFilePath, rotated) != 0) {
+    if (platform::renameAt(mDayDir, mFileName.c_str(), fileNameOf(rotated)) != 0) {
       logConsole("%s %d,rename error\n", "zel::Logger::getFile", kRenameErrorLine);
     }
     mFile = platform::kNoFile;
@@ -203,48 +215,89 @@ platform::FileHandle LogFile::getFile() {
   updateLogDir();
   std::memset(mFilePath, 0, sizeof(mFilePath));
   buildLogFilePath(mFilePath, mLogDir, mDirLen, mProcessName, mStartTime, "txt");
-  if (!directoryIsSafe()) return platform::kNoFile;
-  mFile = platform::openAppend(mFilePath);
-  if (mFile == platform::kNoFile &&
-      platform::checkDirectory(mFilePath, false) == platform::DirCheck::kLink) {
+  mFileName = fileNameOf(mFilePath);
+  platform::closeDirectory(mDayDir);
+  mDayDir = platform::kNoFile;
+  std::string dayDir(mFilePath, static_cast<std::size_t>(fileNameOf(mFilePath) - mFilePath));
+  while (!dayDir.empty() && (dayDir.back() == '/' || dayDir.back() == '\\')) dayDir.pop_back();
+  if (!openDayDirectory(dayDir, true, &mDayDir)) {
+    mFileOffset = -1;
+    mRunPosition = -1;
+    return platform::kNoFile;
+  }
+  mFile = openLiveFile();
+  if (mFile == platform::kNoFile && platform::isLinkAt(mDayDir, mFileName.c_str())) {
     mFileOffset = -1;
     mRunPosition = -1;
     refuse(mFilePath, platform::DirCheck::kLink);
     return mFile;
   }
   // The first line lands at the end of what the file holds already. Several
-  // lines make a run only in a regular file of known size at the path:
+  // lines make a run only in a regular file of known size at the name:
   // anything else (a FIFO, a device) takes one line per run, so that the
   // next line finds it and rotates it away, as it would line by line.
   mFileOffset = mFile != platform::kNoFile ? platform::fileSize(mFile) : -1;
   int64_t pathSize = -1;
-  mRunPosition =
-      mFileOffset >= 0 && platform::regularFileSize(mFilePath, &pathSize) && pathSize == mFileOffset
-          ? mFileOffset
-          : -1;
+  mRunPosition = mFileOffset >= 0 &&
+                         platform::regularFileSizeAt(mDayDir, mFileName.c_str(), &pathSize) &&
+                         pathSize == mFileOffset
+                     ? mFileOffset
+                     : -1;
   mRefused = false;
   crash::setLiveFile(mFile);
   if (mFile != platform::kNoFile) applyRetentionIfDue();
   return mFile;
 }
 
-bool LogFile::directoryIsSafe() {
+platform::FileHandle LogFile::openLiveFile() {
+  // The live file is held (an open-file-description lock) for as long as
+  // it is open, so that the retention of another process sharing the base
+  // leaves it. That retention locks a file before it removes it: a file
+  // opened here while it was doing so is no longer at the name once the
+  // lock is ours, and is opened anew. A lock that stays refused belongs to
+  // another live process writing to a file of the same name; the file is
+  // held all the same.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const platform::FileHandle file = platform::openAppendAt(mDayDir, mFileName.c_str());
+    if (file == platform::kNoFile) return file;
+    platform::holdFile(file);
+    if (platform::isSameFileAt(mDayDir, mFileName.c_str(), file)) return file;
+    platform::closeFile(file);
+  }
+  return platform::kNoFile;
+}
+
+const char* LogFile::fileNameOf(const char* path) {
+  const char* name = path;
+  for (const char* p = path; *p != '\0'; ++p) {
+    if (*p == '/' || *p == '\\') name = p + 1;
+  }
+  return name;
+}
+
+bool LogFile::openDayDirectory(const std::string& dayDir, bool report, platform::DirHandle* day) {
   // The directory that holds the day directories may be reached through a
-  // link the user chose; the day directory itself must be a real directory.
-  std::string dayDir(mFilePath, std::strlen(mFilePath));
-  dayDir.erase(dayDir.find_last_of("/\\") + 1);
-  while (!dayDir.empty() && (dayDir.back() == '/' || dayDir.back() == '\\')) dayDir.pop_back();
+  // link the user (or the administrator) made; the day directory itself must
+  // be a real directory, opened without following a link, and every later
+  // use goes through its handle.
+  *day = platform::kNoFile;
   const std::size_t cut = dayDir.find_last_of("/\\");
   std::string holder = cut == std::string::npos ? std::string(".") : dayDir.substr(0, cut + 1);
+  const std::string dayName = cut == std::string::npos ? dayDir : dayDir.substr(cut + 1);
   if (holder.size() > 1) holder.pop_back();  // "/a/b/" -> "/a/b"; "/" stays
-  platform::DirCheck check = platform::checkDirectory(holder.c_str(), true);
-  if (check != platform::DirCheck::kOk && check != platform::DirCheck::kMissing) {
-    refuse(holder, check);
+  platform::DirHandle base = platform::kNoFile;
+  platform::DirCheck check = platform::openBaseDirectory(holder.c_str(), &base);
+  if (check != platform::DirCheck::kOk) {
+    if (report && check != platform::DirCheck::kMissing) refuse(holder, check);
     return false;
   }
-  check = platform::checkDirectory(dayDir.c_str(), false);
-  if (check != platform::DirCheck::kOk && check != platform::DirCheck::kMissing) {
-    refuse(dayDir, check);
+  check = platform::openDirectoryAt(base, dayName.c_str(), day);
+  if (check == platform::DirCheck::kMissing && platform::makeDirAt(base, dayName.c_str()) == 0) {
+    check = platform::openDirectoryAt(base, dayName.c_str(), day);
+  }
+  platform::closeDirectory(base);
+  if (check != platform::DirCheck::kOk) {
+    if (report && check != platform::DirCheck::kMissing) refuse(dayDir, check);
     return false;
   }
   return true;
@@ -276,7 +329,12 @@ void LogFile::updateLogFile(unsigned char index) {
   char path[kPathSize] = {0};
   buildLogFilePath(path, mLogDir, mDirLen, mProcessName, mStartTime,
                    std::to_string(static_cast<unsigned>(old)).c_str());
-  if (platform::isRegularFile(path) && platform::removeFile(path) != 0) {
+  int64_t size = 0;
+  // A file that another process holds (the live file of a process of the
+  // same name started in the same second) is left.
+  if (mDayDir != platform::kNoFile &&
+      platform::regularFileSizeAt(mDayDir, fileNameOf(path), &size) &&
+      platform::removeUnheldFileAt(mDayDir, fileNameOf(path)) == -1) {
     logConsole("delete file: %s failed\n", path);
   }
 }

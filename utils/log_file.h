@@ -98,10 +98,18 @@ class LogFile {
   bool refused() const { return mRefused; }
 
  private:
-  // Checks the directory that holds the day directories (links followed:
-  // the user may have chosen a link) and the day directory (no link) of the
-  // live file's path; refuses them with refuse() when unsafe.
-  bool directoryIsSafe();
+  // Opens the directory that holds the day directories (a link followed
+  // only when the user or the administrator owns it) and in it the day
+  // directory `dayDir` (its path, without a trailing separator; made when
+  // missing; a link refused), both checked. True with the open day
+  // directory in `*day`; false when either is missing or unsafe, reported
+  // through refuse() when `report` is set.
+  bool openDayDirectory(const std::string& dayDir, bool report, platform::DirHandle* day);
+  // Opens the live file mFileName in mDayDir and holds it against the
+  // retention of other processes. kNoFile when it cannot be opened.
+  platform::FileHandle openLiveFile();
+  // The file name part of `path` (after its last '/' or '\\').
+  static const char* fileNameOf(const char* path);
   // Records a refusal of `path` and reports it once.
   void refuse(const std::string& path, platform::DirCheck check);
   // Applies the retention settings when they are due (start-up, change of
@@ -125,8 +133,12 @@ class LogFile {
 
   platform::FileHandle mFile = platform::kNoFile;  // the live file
   char mFilePath[kPathSize] = {0};                 // its path
-  unsigned char mFileIndex = 0;                    // the next rotation index
-  char mStartTimeBuf[kPathSize] = {0};             // where mStartTime is formatted
+  std::string mFileName;                           // its name in mDayDir
+  // The live file's day directory, open: the file is renamed and the
+  // rotated files removed through it, never through the path.
+  platform::DirHandle mDayDir = platform::kNoFile;
+  unsigned char mFileIndex = 0;         // the next rotation index
+  char mStartTimeBuf[kPathSize] = {0};  // where mStartTime is formatted
   // The position of the live file (its size: it is appended to), kept up
   // to date by the writes; -1 when it is not known (a new file, a failed
   // write).

@@ -48,6 +48,8 @@ struct Found {
   int64_t day;
   std::string startTime;
   int index;
+  std::string dayName;  // the day directory's name below the base's directory
+  std::string name;     // the file's name in it
   std::string path;
   int64_t size;
 };
@@ -132,15 +134,46 @@ bool parseLogFileName(const std::string& name, std::string* startTime, int* inde
   return true;
 }
 
+namespace {
+
+// Removes the file `name` of the day directory `dayName` below `holder`,
+// both reached through handles (the day directory opened without following
+// a link), unless another process holds it. True when it was removed.
+bool removeLogFile(platform::DirHandle holder, const std::string& dayName,
+                   const std::string& name) {
+  platform::DirHandle day = platform::kNoFile;
+  if (platform::openDirectoryAt(holder, dayName.c_str(), &day) != platform::DirCheck::kOk) {
+    return false;
+  }
+  const bool removed = platform::removeUnheldFileAt(day, name.c_str()) == 0;
+  platform::closeDirectory(day);
+  return removed;
+}
+
+}  // namespace
+
 int apply(const std::string& base, int days, int64_t totalBytes, const std::string& livePath,
           int64_t today) {
   // The day directories are named base + "YYYYMMDD": they sit in the
-  // directory part of the base and start with its last part.
+  // directory part of the base and start with its last part. That directory
+  // is opened and checked as the log's own writer does, and everything
+  // below it is reached through handles: a day directory swapped for a link
+  // is never entered, and a file that another process holds (its live file)
+  // is never removed.
   const std::size_t cut = base.find_last_of("/\\");
   const std::string parent = cut == std::string::npos ? std::string() : base.substr(0, cut + 1);
   const std::string prefix = cut == std::string::npos ? base : base.substr(cut + 1);
+  std::string holderPath = parent.empty() ? std::string(".") : parent;
+  if (holderPath.size() > 1 && (holderPath.back() == '/' || holderPath.back() == '\\')) {
+    holderPath.pop_back();
+  }
+  platform::DirHandle holder = platform::kNoFile;
+  if (platform::openBaseDirectory(holderPath.c_str(), &holder) != platform::DirCheck::kOk) return 0;
   std::vector<platform::DirEntry> entries;
-  if (!platform::listDirectory(parent.empty() ? "." : parent.c_str(), &entries)) return 0;
+  if (!platform::listDirectoryAt(holder, &entries)) {
+    platform::closeDirectory(holder);
+    return 0;
+  }
 
   int removed = 0;
   std::vector<Found> files;
@@ -150,13 +183,23 @@ int apply(const std::string& base, int days, int64_t totalBytes, const std::stri
     // lstat: a link named like a day directory is not one of ours.
     if (!entry.isDirectory || !parseDayDirName(entry.name, prefix, &day)) continue;
     const std::string dir = parent + entry.name + "/";
+    platform::DirHandle dayDir = platform::kNoFile;
+    if (platform::openDirectoryAt(holder, entry.name.c_str(), &dayDir) != platform::DirCheck::kOk) {
+      continue;
+    }
     std::vector<platform::DirEntry> inside;
-    if (!platform::listDirectory(dir.c_str(), &inside)) continue;
+    const bool listed = platform::listDirectoryAt(dayDir, &inside);
+    if (!listed) {
+      platform::closeDirectory(dayDir);
+      continue;
+    }
     const bool expired = days > 0 && today - day > days;
     for (const platform::DirEntry& file : inside) {
       Found found;
       if (!file.isFile || !parseLogFileName(file.name, &found.startTime, &found.index)) continue;
       found.day = day;
+      found.dayName = entry.name;
+      found.name = file.name;
       found.path = dir + file.name;
       found.size = file.size;
       if (found.path == livePath) {
@@ -164,15 +207,18 @@ int apply(const std::string& base, int days, int64_t totalBytes, const std::stri
         continue;
       }
       if (expired) {
-        if (platform::removeFile(found.path.c_str()) == 0) {
+        if (platform::removeUnheldFileAt(dayDir, file.name.c_str()) == 0) {
           report("file", found.path);
           ++removed;
+        } else {
+          files.push_back(found);  // held by another process: it stays, and counts
         }
         continue;
       }
       files.push_back(found);
     }
-    if (expired) dayDirs.push_back(dir);
+    platform::closeDirectory(dayDir);
+    if (expired) dayDirs.push_back(entry.name);
   }
 
   if (totalBytes > 0) {
@@ -185,26 +231,35 @@ int apply(const std::string& base, int days, int64_t totalBytes, const std::stri
     for (const Found& f : files) {
       if (total <= totalBytes) break;
       if (f.path == livePath) continue;
-      if (platform::removeFile(f.path.c_str()) == 0) {
+      if (removeLogFile(holder, f.dayName, f.name)) {
         report("file", f.path);
         total -= f.size;
         ++removed;
-        const std::string dir = f.path.substr(0, f.path.rfind('/') + 1);
-        if (std::find(dayDirs.begin(), dayDirs.end(), dir) == dayDirs.end()) dayDirs.push_back(dir);
+        if (std::find(dayDirs.begin(), dayDirs.end(), f.dayName) == dayDirs.end()) {
+          dayDirs.push_back(f.dayName);
+        }
       }
     }
   }
 
   // Day directories emptied here go too, except the live file's own.
-  for (const std::string& dir : dayDirs) {
+  for (const std::string& name : dayDirs) {
+    const std::string dir = parent + name + "/";
     if (livePath.compare(0, dir.size(), dir) == 0) continue;
+    platform::DirHandle dayDir = platform::kNoFile;
+    if (platform::openDirectoryAt(holder, name.c_str(), &dayDir) != platform::DirCheck::kOk) {
+      continue;
+    }
     std::vector<platform::DirEntry> inside;
-    if (!platform::listDirectory(dir.c_str(), &inside) || !inside.empty()) continue;
-    if (platform::removeDirectory(dir.c_str()) == 0) {
+    const bool empty = platform::listDirectoryAt(dayDir, &inside) && inside.empty();
+    platform::closeDirectory(dayDir);
+    if (!empty) continue;
+    if (platform::removeDirectoryAt(holder, name.c_str()) == 0) {
       report("directory", dir);
       ++removed;
     }
   }
+  platform::closeDirectory(holder);
   return removed;
 }
 

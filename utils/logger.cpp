@@ -387,9 +387,12 @@ void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, 
     // replaced from outside) are made here, once, with one status query.
     const std::intptr_t handle = logger_->getLogFp();
     if (handle == platform::kNoFile) {
-      // A refused directory was reported once; its lines go nowhere quietly.
+      // A refused directory was reported once; its lines go nowhere quietly
+      // and are counted as dropped.
       if (!file.refused()) {
         logConsole("%s %d: fp is null \n", "zel::Logger::writeLog", kFpNullLine);
+      } else {
+        sDroppedLines.fetch_add(1, std::memory_order_relaxed);
       }
       offset += static_cast<std::size_t>(records[i] & kRecordValue);
       ++i;

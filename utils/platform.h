@@ -32,6 +32,15 @@ extern const char kPathSeparator;
 // Windows, "/tmp/zel/" elsewhere.
 extern const char* const kDefaultLogBase;
 
+// The log base in use when the client set none: kDefaultLogBase, unless the
+// test hook zel_test_hook_set_default_log_base() has put another in its
+// place. Threads: any thread.
+std::string defaultLogBase();
+
+// Puts `base` in place of kDefaultLogBase for defaultLogBase(); an empty
+// `base` restores it. Only the test hook calls it. Threads: any thread.
+void setDefaultLogBase(const std::string& base);
+
 // Milliseconds since 1970-01-01 UTC on the system (wall) clock, truncated,
 // plus the offset that the test hook below sets (0 unless a test set one).
 int64_t wallClockMs();
@@ -209,6 +218,7 @@ enum class DirCheck {
   kLink,           // a symbolic link (or a reparse point on Windows)
   kForeignOwner,   // owned by another user (and not by the administrator)
   kWorldWritable,  // writable by other users without the sticky bit
+  kForeignLink,    // a link owned by another user (and not by the administrator)
 };
 
 // Checks the directory at `path` for the log. With `followLink` a link to a
@@ -234,6 +244,8 @@ inline const char* dirCheckText(DirCheck check) {
       return "it is owned by another user";
     case DirCheck::kWorldWritable:
       return "other users may write into it";
+    case DirCheck::kForeignLink:
+      return "it is a link owned by another user";
   }
   return "unknown";
 }
@@ -253,6 +265,95 @@ bool listDirectory(const char* path, std::vector<DirEntry>* entries);
 
 // Removes the empty directory `path` (never through a link). Returns 0 or -1.
 int removeDirectory(const char* path);
+
+// ---------------------------------------------------------------------------
+// Directories reached through handles.
+//
+// The log reaches its day directory and every file in it through an open
+// handle of the directory (a descriptor opened with O_DIRECTORY|O_NOFOLLOW
+// on POSIX, then openat, mkdirat, renameat, unlinkat and fstatat on it), so
+// that a day directory swapped for a link between a check and a use
+// redirects nothing: the handle keeps naming the directory that was checked.
+// On Windows the handle is the directory opened without delete sharing,
+// which keeps it from being renamed, removed or replaced while it is held,
+// together with its full path, which the operations below join the names to.
+// A DirHandle is kNoFile or a handle that closeDirectory() closes.
+using DirHandle = FileHandle;
+
+// Opens the directory at `path` that holds the day directories and checks
+// it, without writing anything. A link at `path` is followed only when it
+// is owned by the process's (effective) user or by the administrator, else
+// kForeignLink. The directory must be owned by that user or the
+// administrator (kForeignOwner) and no other user may write into it: on
+// POSIX neither group nor others may write unless the sticky bit is set
+// (kWorldWritable); on Windows its access list may grant writing to nobody
+// but the owner, SYSTEM and the Administrators group (kWorldWritable).
+// kMissing when nothing is there. On kOk `*dir` holds the open directory;
+// otherwise kNoFile.
+DirCheck openBaseDirectory(const char* path, DirHandle* dir);
+
+// Opens the directory `name` inside `parent` without following a link
+// (kLink) and checks it as openBaseDirectory() does. kMissing when nothing
+// is there. On kOk `*dir` holds the open directory; otherwise kNoFile.
+DirCheck openDirectoryAt(DirHandle parent, const char* name, DirHandle* dir);
+
+// Closes `dir` (kNoFile is ignored).
+void closeDirectory(DirHandle dir);
+
+// Creates the directory `name` inside `dir` (private to the user: mode
+// 0700 on POSIX, an access list granting only the user, SYSTEM and the
+// Administrators group on Windows). Returns 0, or -1 (also when something
+// is there already).
+int makeDirAt(DirHandle dir, const char* name);
+
+// Creates one level of the log base, as makeDir() does, but private on
+// every platform: mode 0700 on POSIX, on Windows an access list granting
+// only the creating user, SYSTEM and the Administrators group (the default
+// base lies in a folder where every user may create folders). Returns 0 or
+// -1.
+int makePrivateDir(const char* path);
+
+// openAppend() for the file `name` inside `dir`: a link there is refused.
+FileHandle openAppendAt(DirHandle dir, const char* name);
+
+// True when `name` inside `dir` is a symbolic link (a reparse point on
+// Windows).
+bool isLinkAt(DirHandle dir, const char* name);
+
+// regularFileSize() for the file `name` inside `dir` (links followed).
+bool regularFileSizeAt(DirHandle dir, const char* name, int64_t* size);
+
+// True when `name` inside `dir` is the open `file` itself (the same file,
+// not a copy at the same name). Where the question cannot be put (Windows,
+// where a file held open is never removed from under its holder) true.
+bool isSameFileAt(DirHandle dir, const char* name, FileHandle file);
+
+// renameFile() of `from` to `to`, both inside `dir`. Returns 0 or -1.
+int renameAt(DirHandle dir, const char* from, const char* to);
+
+// Marks the open `file` as held by this process for as long as the handle
+// stays open, so that no other process's retention removes it: an
+// open-file-description write lock (F_OFD_SETLK) on POSIX, which neither
+// closing another descriptor of the file nor a forked child's exit
+// releases. On Windows the live file's own open handle already keeps other
+// processes from opening it without sharing (see removeUnheldFileAt());
+// nothing more is done. Returns false when the lock is held by another.
+bool holdFile(FileHandle file);
+
+// Removes the file `name` inside `dir` unless a process holds it: on POSIX
+// the file is locked as holdFile() does before it is unlinked (a file whose
+// lock another description holds is left); on Windows it is opened without
+// sharing and deleted through that handle (a file that another process has
+// open is left). A link is removed as itself. Returns 0 when removed, 1
+// when held, -1 on failure.
+int removeUnheldFileAt(DirHandle dir, const char* name);
+
+// listDirectory() of `dir`.
+bool listDirectoryAt(DirHandle dir, std::vector<DirEntry>* entries);
+
+// Removes the empty directory `name` inside `dir` (never through a link).
+// Returns 0 or -1.
+int removeDirectoryAt(DirHandle dir, const char* name);
 
 // The offset of local time from UTC, in seconds, at `t` (seconds since 1970).
 int64_t localOffsetSeconds(std::time_t t);
@@ -377,5 +478,12 @@ inline int formatAppDataPath(char* buf, std::size_t size, const char* appData, c
 // which is not installed. Threads: any thread; readings taken after the call
 // returns see the new offset.
 extern "C" ZEL_API void zel_test_hook_set_wall_clock_offset_ms(int64_t offset_ms);
+
+// Test hook, for the library's own tests only: the log base used when the
+// client set none becomes `base` (a directory path ending in a separator)
+// for directories chosen from now on; null or the empty text restores the
+// built-in default. This lets a test exercise the default base without
+// touching the machine's own /tmp/zel/. Threads: any thread.
+extern "C" ZEL_API void zel_test_hook_set_default_log_base(const char* base);
 
 #endif  // ZEL_UTILS_PLATFORM_H_

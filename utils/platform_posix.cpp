@@ -286,7 +286,9 @@ DirCheck checkDirectory(const char* path, bool followLink) {
   if (S_ISLNK(st.st_mode)) return DirCheck::kLink;
   if (!S_ISDIR(st.st_mode)) return DirCheck::kNotDirectory;
   if (st.st_uid != geteuid() && st.st_uid != 0) return DirCheck::kForeignOwner;
-  if ((st.st_mode & S_IWOTH) != 0 && (st.st_mode & S_ISVTX) == 0) return DirCheck::kWorldWritable;
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) {
+    return DirCheck::kWorldWritable;
+  }
   return DirCheck::kOk;
 }
 
@@ -311,6 +313,203 @@ bool listDirectory(const char* path, std::vector<DirEntry>* entries) {
 }
 
 int removeDirectory(const char* path) { return rmdir(path) == 0 ? 0 : -1; }
+
+namespace {
+
+// The checks that a log directory must pass, on its open descriptor: owned
+// by the effective user or root, and writable by nobody else unless the
+// sticky bit keeps others from renaming or removing what is in it.
+DirCheck checkOpenDirectory(int fd) {
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISDIR(st.st_mode)) return DirCheck::kNotDirectory;
+  if (st.st_uid != geteuid() && st.st_uid != 0) return DirCheck::kForeignOwner;
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) {
+    return DirCheck::kWorldWritable;
+  }
+  return DirCheck::kOk;
+}
+
+int openNoIntr(int dir, const char* name, int flags, mode_t mode = 0) {
+  int fd;
+  do {
+    fd = openat(dir, name, flags, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+// An exclusive open-file-description lock on the whole of `fd`, without
+// waiting.
+bool lockWhole(int fd) {
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = 0;
+  lock.l_len = 0;
+  return fcntl(fd, F_OFD_SETLK, &lock) == 0;
+}
+
+}  // namespace
+
+DirCheck openBaseDirectory(const char* path, DirHandle* dir) {
+  *dir = kNoFile;
+  int fd = openNoIntr(AT_FDCWD, path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    struct stat link;
+    if (lstat(path, &link) != 0) {
+      return errno == ENOENT || errno == ENOTDIR ? DirCheck::kMissing : DirCheck::kNotDirectory;
+    }
+    if (!S_ISLNK(link.st_mode)) return DirCheck::kNotDirectory;
+    // A link: followed only when its owner is the user or root. A link
+    // that another user planted (the default base lies in /tmp, where
+    // anyone may) would otherwise send the log wherever he chose.
+    if (link.st_uid != geteuid() && link.st_uid != 0) return DirCheck::kForeignLink;
+    fd = openNoIntr(AT_FDCWD, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+      return errno == ENOENT || errno == ENOTDIR ? DirCheck::kMissing : DirCheck::kNotDirectory;
+    }
+    // The link may have been replaced between the look and the open: the
+    // link found there now must still be one the user may follow.
+    if (lstat(path, &link) != 0 ||
+        (S_ISLNK(link.st_mode) && link.st_uid != geteuid() && link.st_uid != 0)) {
+      close(fd);
+      return DirCheck::kForeignLink;
+    }
+  }
+  const DirCheck check = checkOpenDirectory(fd);
+  if (check != DirCheck::kOk) {
+    close(fd);
+    return check;
+  }
+  *dir = fd;
+  return DirCheck::kOk;
+}
+
+DirCheck openDirectoryAt(DirHandle parent, const char* name, DirHandle* dir) {
+  *dir = kNoFile;
+  const int fd =
+      openNoIntr(static_cast<int>(parent), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    struct stat st;
+    if (fstatat(static_cast<int>(parent), name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      return S_ISLNK(st.st_mode) ? DirCheck::kLink : DirCheck::kNotDirectory;
+    }
+    return errno == ENOENT || errno == ENOTDIR ? DirCheck::kMissing : DirCheck::kNotDirectory;
+  }
+  const DirCheck check = checkOpenDirectory(fd);
+  if (check != DirCheck::kOk) {
+    close(fd);
+    return check;
+  }
+  *dir = fd;
+  return DirCheck::kOk;
+}
+
+void closeDirectory(DirHandle dir) {
+  if (dir != kNoFile) close(static_cast<int>(dir));
+}
+
+int makeDirAt(DirHandle dir, const char* name) {
+  return mkdirat(static_cast<int>(dir), name, 0700) == 0 ? 0 : -1;
+}
+
+int makePrivateDir(const char* path) { return mkdir(path, 0700) == 0 ? 0 : -1; }
+
+FileHandle openAppendAt(DirHandle dir, const char* name) {
+  const int fd = openNoIntr(static_cast<int>(dir), name,
+                            O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
+  return fd < 0 ? kNoFile : static_cast<FileHandle>(fd);
+}
+
+bool isLinkAt(DirHandle dir, const char* name) {
+  struct stat st;
+  return fstatat(static_cast<int>(dir), name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
+}
+
+bool regularFileSizeAt(DirHandle dir, const char* name, int64_t* size) {
+  struct stat st;
+  if (fstatat(static_cast<int>(dir), name, &st, 0) != 0 || !S_ISREG(st.st_mode)) return false;
+  *size = static_cast<int64_t>(st.st_size);
+  return true;
+}
+
+bool isSameFileAt(DirHandle dir, const char* name, FileHandle file) {
+  struct stat atName;
+  struct stat open;
+  return fstatat(static_cast<int>(dir), name, &atName, AT_SYMLINK_NOFOLLOW) == 0 &&
+         fstat(static_cast<int>(file), &open) == 0 && atName.st_dev == open.st_dev &&
+         atName.st_ino == open.st_ino;
+}
+
+int renameAt(DirHandle dir, const char* from, const char* to) {
+  return renameat(static_cast<int>(dir), from, static_cast<int>(dir), to) == 0 ? 0 : -1;
+}
+
+bool holdFile(FileHandle file) { return lockWhole(static_cast<int>(file)); }
+
+int removeUnheldFileAt(DirHandle dir, const char* name) {
+  const int parent = static_cast<int>(dir);
+  // The lock is taken on a description of our own: it fails while any
+  // other description (another process's live file) holds one, and while
+  // it is ours a process opening the name to write to it finds it held and
+  // looks again (see the log's live file). O_NONBLOCK: a FIFO put at the
+  // name must not stall the retention.
+  int fd = openNoIntr(parent, name, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd >= 0) {
+    if (!lockWhole(fd)) {
+      const bool held = errno == EAGAIN || errno == EACCES;
+      close(fd);
+      return held ? 1 : -1;
+    }
+  } else if (errno == EACCES || errno == EROFS || errno == ETXTBSY) {
+    // Not writable by us: ask whether anyone holds it through a read-only
+    // description instead.
+    fd = openNoIntr(parent, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd >= 0) {
+      struct flock lock {};
+      lock.l_type = F_WRLCK;
+      lock.l_whence = SEEK_SET;
+      if (fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK) {
+        close(fd);
+        return 1;
+      }
+    }
+  }
+  // A link (ELOOP) or a file that cannot be opened at all is removed as
+  // itself: no process can hold it as its live file through us.
+  const int result = unlinkat(parent, name, 0) == 0 ? 0 : -1;
+  if (fd >= 0) close(fd);
+  return result;
+}
+
+bool listDirectoryAt(DirHandle dir, std::vector<DirEntry>* entries) {
+  // fdopendir takes the descriptor over: it gets a copy of its own, read
+  // from the start.
+  const int copy = openNoIntr(static_cast<int>(dir), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (copy < 0) return false;
+  DIR* stream = fdopendir(copy);
+  if (stream == nullptr) {
+    close(copy);
+    return false;
+  }
+  while (struct dirent* entry = readdir(stream)) {
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    DirEntry out;
+    out.name = entry->d_name;
+    struct stat st;
+    if (fstatat(copy, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      out.isDirectory = S_ISDIR(st.st_mode);
+      out.isFile = S_ISREG(st.st_mode);
+      out.size = static_cast<int64_t>(st.st_size);
+    }
+    entries->push_back(std::move(out));
+  }
+  closedir(stream);
+  return true;
+}
+
+int removeDirectoryAt(DirHandle dir, const char* name) {
+  return unlinkat(static_cast<int>(dir), name, AT_REMOVEDIR) == 0 ? 0 : -1;
+}
 
 int64_t localOffsetSeconds(std::time_t t) {
   std::tm tm{};

@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <windows.h>
+// After windows.h, which they need.
+#include <aclapi.h>
+#include <sddl.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "utils/platform.h"
 
@@ -416,19 +420,271 @@ int renameFile(const char* from, const char* to) { return std::rename(from, to) 
 
 int removeFile(const char* path) { return std::remove(path) == 0 ? 0 : -1; }
 
-DirCheck checkDirectory(const char* path, bool followLink) {
-  // Ownership and access lists are left to the system's access checks; a
-  // reparse point (a symbolic link or a junction) is refused unless it is
-  // the base the user gave.
-  const DWORD attributes = GetFileAttributesA(path);
-  if (attributes == INVALID_FILE_ATTRIBUTES) {
-    const DWORD error = GetLastError();
-    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? DirCheck::kMissing
-                                                                          : DirCheck::kNotDirectory;
+namespace {
+
+// The security identifier of the process's user, from its token; empty
+// when it cannot be had.
+std::vector<unsigned char> currentUserSid() {
+  std::vector<unsigned char> sid;
+  HANDLE token = nullptr;
+  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) == 0) return sid;
+  DWORD size = 0;
+  GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+  std::vector<unsigned char> buffer(size);
+  if (size != 0 && GetTokenInformation(token, TokenUser, buffer.data(), size, &size) != 0) {
+    const PSID user = reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid;
+    const DWORD length = GetLengthSid(user);
+    const auto* bytes = static_cast<const unsigned char*>(user);
+    sid.assign(bytes, bytes + length);
   }
-  if (!followLink && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) return DirCheck::kLink;
-  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) return DirCheck::kNotDirectory;
+  CloseHandle(token);
+  return sid;
+}
+
+// The process's user, SYSTEM and the Administrators group: the only ones
+// who may own a log directory or write into it (as the user and root on
+// POSIX).
+bool isTrusted(PSID sid, const std::vector<unsigned char>& user) {
+  if (sid == nullptr || IsValidSid(sid) == 0) return false;
+  if (!user.empty() && EqualSid(sid, const_cast<unsigned char*>(user.data())) != 0) return true;
+  return IsWellKnownSid(sid, WinLocalSystemSid) != 0 ||
+         IsWellKnownSid(sid, WinBuiltinAdministratorsSid) != 0;
+}
+
+// Rights that let their holder put, rename or remove something in a
+// directory, or change who may.
+constexpr DWORD kDirectoryWriteRights = FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY | FILE_DELETE_CHILD |
+                                        DELETE | WRITE_DAC | WRITE_OWNER | GENERIC_WRITE |
+                                        GENERIC_ALL;
+
+// The owner of the object open as `handle`, and (with `acl`) whether its
+// access list grants writing to anyone but the trusted ones.
+DirCheck checkSecurity(HANDLE handle, bool acl) {
+  PSID owner = nullptr;
+  PACL dacl = nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  const SECURITY_INFORMATION what =
+      OWNER_SECURITY_INFORMATION | (acl ? DACL_SECURITY_INFORMATION : 0);
+  if (GetSecurityInfo(handle, SE_FILE_OBJECT, what, &owner, nullptr, acl ? &dacl : nullptr, nullptr,
+                      &descriptor) != ERROR_SUCCESS) {
+    return DirCheck::kForeignOwner;  // who owns it cannot be told: not ours
+  }
+  const std::vector<unsigned char> user = currentUserSid();
+  DirCheck check = DirCheck::kOk;
+  if (!isTrusted(owner, user)) {
+    check = DirCheck::kForeignOwner;
+  } else if (acl && dacl == nullptr) {
+    check = DirCheck::kWorldWritable;  // no access list: everyone may do everything
+  } else if (acl) {
+    for (DWORD i = 0; i < dacl->AceCount && check == DirCheck::kOk; ++i) {
+      void* entry = nullptr;
+      if (GetAce(dacl, i, &entry) == 0) continue;
+      const auto* header = static_cast<ACE_HEADER*>(entry);
+      // An entry only for what is created inside (CREATOR OWNER among
+      // them) grants nothing on the directory itself.
+      if (header->AceType != ACCESS_ALLOWED_ACE_TYPE ||
+          (header->AceFlags & INHERIT_ONLY_ACE) != 0) {
+        continue;
+      }
+      const auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(entry);
+      if ((allowed->Mask & kDirectoryWriteRights) == 0) continue;
+      PSID sid = const_cast<DWORD*>(&allowed->SidStart);
+      if (!isTrusted(sid, user) && EqualSid(sid, owner) == 0) check = DirCheck::kWorldWritable;
+    }
+  }
+  LocalFree(descriptor);
+  return check;
+}
+
+// A directory open as a handle, and its full path (without a trailing
+// separator) that the operations below join names to. The handle shares
+// reading and writing but not deletion: while it is held the directory
+// cannot be renamed, removed or replaced by a link, so its path keeps
+// naming the directory that was checked.
+struct OpenDirectory {
+  HANDLE handle;
+  std::string path;
+};
+
+OpenDirectory* asDirectory(DirHandle dir) { return reinterpret_cast<OpenDirectory*>(dir); }
+
+std::string joinName(DirHandle dir, const char* name) {
+  return asDirectory(dir)->path + "\\" + name;
+}
+
+HANDLE openDirectoryHandle(const char* path, bool followLink) {
+  return CreateFileA(path, FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | READ_CONTROL,
+                     FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                     FILE_FLAG_BACKUP_SEMANTICS | (followLink ? 0 : FILE_FLAG_OPEN_REPARSE_POINT),
+                     nullptr);
+}
+
+DirCheck openFailure() {
+  const DWORD error = GetLastError();
+  return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? DirCheck::kMissing
+                                                                        : DirCheck::kNotDirectory;
+}
+
+// Checks the directory open as `handle` (not a link) and hands it out as a
+// DirHandle; closes it when refused.
+DirCheck adoptDirectory(HANDLE handle, const std::string& path, DirHandle* dir) {
+  BY_HANDLE_FILE_INFORMATION info;
+  DirCheck check = DirCheck::kOk;
+  if (GetFileInformationByHandle(handle, &info) == 0 ||
+      (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    check = DirCheck::kNotDirectory;
+  } else {
+    check = checkSecurity(handle, true);
+  }
+  if (check != DirCheck::kOk) {
+    CloseHandle(handle);
+    return check;
+  }
+  std::string trimmed = path;
+  while (trimmed.size() > 1 && (trimmed.back() == '\\' || trimmed.back() == '/')) {
+    trimmed.pop_back();
+  }
+  *dir = reinterpret_cast<DirHandle>(new OpenDirectory{handle, trimmed});
   return DirCheck::kOk;
+}
+
+// The security descriptor of a private directory: full control for the
+// process's user, SYSTEM and the Administrators group, inherited by what
+// is created inside, nothing inherited from above. Null when it cannot be
+// made; the caller frees it with LocalFree.
+PSECURITY_DESCRIPTOR privateDescriptor() {
+  std::vector<unsigned char> user = currentUserSid();
+  if (user.empty()) return nullptr;
+  char* text = nullptr;
+  if (ConvertSidToStringSidA(user.data(), &text) == 0) return nullptr;
+  const std::string sddl =
+      std::string("D:P(A;OICI;FA;;;") + text + ")(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+  LocalFree(text);
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1,
+                                                           &descriptor, nullptr) == 0) {
+    return nullptr;
+  }
+  return descriptor;
+}
+
+}  // namespace
+
+DirCheck checkDirectory(const char* path, bool followLink) {
+  // A reparse point (a symbolic link or a junction) is refused unless it is
+  // the base the user gave; the directory must be owned by the user, SYSTEM
+  // or the Administrators and writable by no one else.
+  DirHandle dir = kNoFile;
+  const DirCheck check =
+      followLink ? openBaseDirectory(path, &dir) : openDirectoryAt(kNoFile, path, &dir);
+  closeDirectory(dir);
+  return check;
+}
+
+DirCheck openBaseDirectory(const char* path, DirHandle* dir) {
+  *dir = kNoFile;
+  HANDLE handle = openDirectoryHandle(path, false);
+  if (handle == INVALID_HANDLE_VALUE) return openFailure();
+  BY_HANDLE_FILE_INFORMATION info;
+  if (GetFileInformationByHandle(handle, &info) != 0 &&
+      (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+    // A link or junction: followed only when its owner is trusted, so that
+    // one that another user made where he may (the default base lies in a
+    // folder where every user may create folders) leads nowhere.
+    const DirCheck owner = checkSecurity(handle, false);
+    CloseHandle(handle);
+    if (owner != DirCheck::kOk) return DirCheck::kForeignLink;
+    handle = openDirectoryHandle(path, true);
+    if (handle == INVALID_HANDLE_VALUE) return openFailure();
+  }
+  return adoptDirectory(handle, path, dir);
+}
+
+DirCheck openDirectoryAt(DirHandle parent, const char* name, DirHandle* dir) {
+  *dir = kNoFile;
+  const std::string path = parent == kNoFile ? std::string(name) : joinName(parent, name);
+  const HANDLE handle = openDirectoryHandle(path.c_str(), false);
+  if (handle == INVALID_HANDLE_VALUE) return openFailure();
+  BY_HANDLE_FILE_INFORMATION info;
+  if (GetFileInformationByHandle(handle, &info) != 0 &&
+      (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+    CloseHandle(handle);
+    return DirCheck::kLink;
+  }
+  return adoptDirectory(handle, path, dir);
+}
+
+void closeDirectory(DirHandle dir) {
+  if (dir == kNoFile) return;
+  OpenDirectory* open = asDirectory(dir);
+  CloseHandle(open->handle);
+  delete open;
+}
+
+int makePrivateDir(const char* path) {
+  PSECURITY_DESCRIPTOR descriptor = privateDescriptor();
+  if (descriptor == nullptr) return -1;
+  SECURITY_ATTRIBUTES attributes{};
+  attributes.nLength = sizeof(attributes);
+  attributes.lpSecurityDescriptor = descriptor;
+  attributes.bInheritHandle = FALSE;
+  const BOOL made = CreateDirectoryA(path, &attributes);
+  LocalFree(descriptor);
+  return made != 0 ? 0 : -1;
+}
+
+int makeDirAt(DirHandle dir, const char* name) {
+  return makePrivateDir(joinName(dir, name).c_str());
+}
+
+FileHandle openAppendAt(DirHandle dir, const char* name) {
+  return openAppend(joinName(dir, name).c_str());
+}
+
+bool isLinkAt(DirHandle dir, const char* name) {
+  const DWORD attributes = GetFileAttributesA(joinName(dir, name).c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+bool regularFileSizeAt(DirHandle dir, const char* name, int64_t* size) {
+  return regularFileSize(joinName(dir, name).c_str(), size);
+}
+
+bool isSameFileAt(DirHandle /*dir*/, const char* /*name*/, FileHandle /*file*/) {
+  // Another process's retention opens a file without sharing before it
+  // removes it: a file held open here is never removed from under us.
+  return true;
+}
+
+int renameAt(DirHandle dir, const char* from, const char* to) {
+  return renameFile(joinName(dir, from).c_str(), joinName(dir, to).c_str());
+}
+
+bool holdFile(FileHandle /*file*/) { return true; }
+
+int removeUnheldFileAt(DirHandle dir, const char* name) {
+  // Opened without sharing: a file that any process has open (another
+  // process's live file) gives a sharing violation and is left. The file
+  // is then deleted through this very handle, so nothing can take its
+  // place between the look and the removal.
+  const std::string path = joinName(dir, name);
+  const HANDLE handle = CreateFileA(path.c_str(), DELETE, 0, nullptr, OPEN_EXISTING,
+                                    FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return GetLastError() == ERROR_SHARING_VIOLATION ? 1 : -1;
+  FILE_DISPOSITION_INFO disposition{};
+  disposition.DeleteFile = TRUE;
+  const BOOL removed =
+      SetFileInformationByHandle(handle, FileDispositionInfo, &disposition, sizeof(disposition));
+  CloseHandle(handle);
+  return removed != 0 ? 0 : -1;
+}
+
+bool listDirectoryAt(DirHandle dir, std::vector<DirEntry>* entries) {
+  return listDirectory(asDirectory(dir)->path.c_str(), entries);
+}
+
+int removeDirectoryAt(DirHandle dir, const char* name) {
+  return removeDirectory(joinName(dir, name).c_str());
 }
 
 bool listDirectory(const char* path, std::vector<DirEntry>* entries) {
