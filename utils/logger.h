@@ -72,7 +72,9 @@ extern "C" {
 // along but not tested: the caller compares zel_log_level() first. A
 // non-zero `flag` also hands the line to every registered LogBackend. The
 // first call creates the Logger; when it cannot be created the line is
-// dropped. When the queue is full (Logger::SetQueueLimit()) the line is
+// dropped. While the writer thread cannot be started the line is dropped
+// and counted (zel_log_dropped()), and the next line tries to start it
+// again. When the queue is full (Logger::SetQueueLimit()) the line is
 // dropped and counted under the default kDrop policy; under kBlock the call
 // waits until the writer has made room. Threads: any thread; lines of one
 // thread are written in call order.
@@ -113,9 +115,14 @@ ZEL_API void zel_log_flush(void);
 // line (kDrop). Does not create the Logger. Threads: any thread.
 ZEL_API void zel_set_log_queue_limit(size_t bytes, int block);
 
-// Returns the number of lines dropped because the queue was full since the
-// process started (0 when none was, or before the first line). Threads: any
-// thread.
+// Returns the number of lines dropped since the process started (0 when
+// none was, or before the first line): lines dropped because the queue was
+// full, and lines lost because there was no memory to queue them or no
+// writer thread. Each is also noticed in the file, in its place among the
+// lines: "zel log: <N> lines dropped (queue full)", "zel log: <N> lines lost
+// (out of memory)", "zel log: <N> lines lost (no writer thread)"; once
+// every notice is written (zel_log_flush()) their counts add up to this
+// number. Threads: any thread.
 ZEL_API uint64_t zel_log_dropped(void);
 
 // Installs the crash drain, as zel::Logger::InstallCrashHandler() does (see
@@ -281,7 +288,8 @@ class ZEL_API Logger : public LogBackend {
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  // Chooses and creates the directory, then starts the writer. Returns 0.
+  // Chooses and creates the directory, then starts the writer (a thread
+  // that cannot be created is tried again by the next line). Returns 0.
   int init();
 
   // The lines on their way to the writer thread and the writer's work on
