@@ -233,10 +233,15 @@ class ZEL_API Logger : public LogBackend {
   // handled by `policy`: kBlock makes the caller wait for room (a line
   // longer than the bound waits for an empty queue; the writer thread
   // itself, a backend that logs, never waits and may exceed the bound);
-  // kDrop drops and counts it and never blocks. Default: 64 MiB (67,108,864
-  // bytes) and kDrop. Takes effect for the next line; callers waiting for
-  // room look at the new bound at once. Process-wide: may be called before
-  // the Logger exists and does not create it. Threads: any thread.
+  // kDrop drops and counts it and never blocks. While a bound is set, the
+  // number of queued lines is capped too (1,048,576, drop notices
+  // included), so that lines of little or no text cannot take memory
+  // without limit: a line beyond the cap is handled as one beyond the
+  // bound. Default: 64 MiB (67,108,864 bytes) and kDrop. Takes effect for
+  // the next line; callers waiting for room look at the new bound and
+  // policy at once (under kDrop their lines are dropped and counted).
+  // Process-wide: may be called before the Logger exists and does not
+  // create it. Threads: any thread.
   static void SetQueueLimit(std::size_t bytes, QueueFullPolicy policy);
 
   // Installs the crash drain, once per process (opt-in). When the process
