@@ -23,8 +23,14 @@ constexpr int kFpNullLine = 296;
 constexpr std::size_t kBlockSize = 256 * 1024;
 // Free blocks kept for reuse; the others are given back.
 constexpr std::size_t kSpareBlocks = 4;
-// Records a new block has room for before its record list grows.
+// Records a new block has room for before its record list grows; a
+// recycled block keeps this much record storage and gives back the rest.
 constexpr std::size_t kBlockRecords = 2048;
+// While the queue is bounded, at most this many records (lines and drop
+// notices, 8 bytes each) are queued, whatever the size of the lines: the
+// bound counts text, and lines of no or little text would otherwise queue
+// without limit. 8 MiB of records, 16 MiB while a record list grows.
+constexpr std::size_t kMaxQueuedRecords = std::size_t{1} << 20;
 // How long the writer stays awake for more lines after the queue ran empty.
 constexpr int64_t kLingerNs = 50 * 1000;
 constexpr std::size_t kDefaultQueueLimit = std::size_t{64} * 1024 * 1024;
@@ -34,6 +40,19 @@ constexpr std::size_t kDefaultQueueLimit = std::size_t{64} * 1024 * 1024;
 constexpr uint64_t kRecordForward = uint64_t{1} << 62;  // hand the line to the backends
 constexpr uint64_t kRecordDropped = uint64_t{1} << 63;  // a notice, not a line
 constexpr uint64_t kRecordValue = kRecordForward - 1;
+// A notice's reason (DropReason) sits in the two bits below the flags, its
+// count in the bits below that.
+constexpr int kNoticeReasonShift = 60;
+constexpr uint64_t kNoticeCount = (uint64_t{1} << kNoticeReasonShift) - 1;
+
+// Why lines were dropped: each reason has its notice in the file, and all
+// of them are counted by zel_log_dropped().
+enum DropReason : unsigned {
+  kQueueFull = 0,  // the bound, under kDrop
+  kNoMemory = 1,   // no memory to queue the line
+  kNoWriter = 2,   // the writer thread could not be started
+  kDropReasons = 3,
+};
 
 // The queue bound and its policy, process-wide so that they can be set
 // before the Logger exists.
@@ -81,7 +100,19 @@ class Logger::LineQueue {
   // Writes one line as a run of its own, on the writer thread.
   void writeOne(const char* text, std::size_t size, bool forward);
 
+  // Called when the drain message's work ended with an exception: counts
+  // and reports it, and lets the next wake start a new drain.
+  void drainFailed();
+
  private:
+  // How far the writing of a block's records got: the next record, where
+  // its text starts, and the records already handed to the backends.
+  struct Progress {
+    std::size_t record = 0;
+    std::size_t offset = 0;
+    std::size_t forwarded = 0;
+  };
+
   struct Block {
     explicit Block(std::size_t size) : text(new char[size]), capacity(size) {
       records.reserve(kBlockRecords);
@@ -97,7 +128,16 @@ class Logger::LineQueue {
   class DrainMessage final : public Message {
    public:
     explicit DrainMessage(LineQueue* queue) : queue_(queue) {}
-    void Run() override { queue_->drain(); }
+    void Run() override {
+      // No exception may leave a message of the Logger's Looper (it would
+      // end the process): the drain catches what its writing throws, and
+      // anything else is caught here.
+      try {
+        queue_->drain();
+      } catch (...) {
+        queue_->drainFailed();
+      }
+    }
     static void* operator new(std::size_t size);
     static void operator delete(void* memory);
 
@@ -108,8 +148,9 @@ class Logger::LineQueue {
   // A block with room for `size` more bytes at the back of the queue.
   // Requires mutex_.
   Block* blockFor(std::size_t size);
-  // Gives a written block back for reuse. Requires mutex_.
-  void recycle(std::unique_ptr<Block> block);
+  // Gives a written block back for reuse, with at most kBlockRecords of
+  // record storage. Requires mutex_.
+  void recycle(std::unique_ptr<Block> block) noexcept;
   // Called with mutex_ held and the queue empty: waits up to kLingerNs for
   // more lines (mutex_ released meanwhile). True when lines are queued.
   bool linger();
@@ -118,14 +159,45 @@ class Logger::LineQueue {
   void release(std::unique_ptr<Block> block);
   // Takes `lock` (on mutex_, not owned yet), trying briefly before sleeping.
   static void lock(std::unique_lock<std::mutex>* lock);
-  // Appends the notice of one more dropped line. Requires mutex_.
-  void noteDropped();
-  // Posts the drain message when the writer was asleep; `lock` is released.
-  void wake(std::unique_lock<std::mutex>* lock);
-  // Writes the records of one block; `text` holds the lines back to back.
-  void writeRecords(const char* text, const uint64_t* records, std::size_t count);
-  // Writes the notice of `count` dropped lines as a line of the writer's own.
-  void writeDropNotice(uint64_t count);
+  // Whether a line of `size` bytes fits under the bound `limit` (0: none),
+  // in text and in records. Requires mutex_.
+  bool hasRoom(std::size_t size, std::size_t limit) const;
+  // Decides whether a line of `size` bytes may be queued: true when it fits
+  // (or under kBlock once it does: the caller waits, `lock` released
+  // meanwhile), false when it is to be dropped. A waiter looks at the bound
+  // and the policy again each time it wakes. Requires `lock` held.
+  bool waitForRoom(std::unique_lock<std::mutex>* lock, std::size_t size);
+  // Appends the line to the queue, all or nothing: false, with nothing
+  // changed, when memory for it cannot be had. Requires mutex_.
+  bool append(const char* text, std::size_t size, bool forward) noexcept;
+  // Counts one line dropped for `reason`; its notice is queued now, or
+  // with the next notice that can be queued. Allocates nothing that can
+  // fail: the count and the notices agree whatever fails. Requires mutex_.
+  void noteDropped(DropReason reason) noexcept;
+  // Queues the notice of the drops not noticed yet; false when that needs
+  // memory that cannot be had (they stay pending). Requires mutex_.
+  bool appendNotices() noexcept;
+  // Whether the writer thread runs; starts it when it does not (after a
+  // failed start), reporting the first failure. Requires mutex_.
+  bool writerRunning();
+  // Posts the drain message when the writer was asleep; `lock` is held on
+  // entry and released on return. False when the writer could not be
+  // woken (no writer, or no memory to post): then the writer counts as
+  // asleep again, the lines stay queued for the next wake, and waiters are
+  // told so that they can try the wake themselves.
+  bool wake(std::unique_lock<std::mutex>* lock);
+  // Writes the records of one block, catching every exception: a run whose
+  // writing throws is tried again once, and a record that throws twice is
+  // given up (counted and reported with drainFailed()'s count).
+  void writeSafely(const char* text, const uint64_t* records, std::size_t count) noexcept;
+  // Writes the records of one block from `at` on, advancing `at` as they are
+  // written; `text` holds the lines back to back.
+  void writeRecords(const char* text, const uint64_t* records, std::size_t count, Progress* at);
+  // Counts one exception caught on the writer thread and reports the first.
+  void writerFailed() noexcept;
+  // Writes the notice record `notice` (a count of dropped lines and their
+  // reason) as a line of the writer's own.
+  void writeDropNotice(uint64_t notice);
   // Hands the line `text` of `size` bytes to every registered backend: the
   // one place where backends are called.
   void forward(const char* text, std::size_t size);
@@ -137,6 +209,9 @@ class Logger::LineQueue {
   std::vector<std::unique_ptr<Block>> blocks_;  // queued, oldest first; the last one fills
   std::vector<std::unique_ptr<Block>> spare_;   // written blocks kept for reuse
   std::size_t queuedBytes_ = 0;                 // text of the lines posted and not yet written
+  std::size_t queuedRecords_ = 0;               // records posted and not yet written
+  uint64_t unnotedDrops_[kDropReasons] = {};    // dropped lines whose notice is not queued yet
+  bool startReported_ = false;                  // a failed start of the writer was reported
   // Records queued so far; written under mutex_, also read without it by
   // the writer while it lingers.
   std::atomic<uint64_t> posted_{0};
@@ -149,6 +224,7 @@ class Logger::LineQueue {
   std::vector<std::unique_ptr<Block>> batch_;  // the blocks being written
   std::vector<platform::WriteBuffer> pieces_;  // the run being built
   std::vector<std::size_t> runLines_;          // its lines' lengths in the file
+  std::atomic<uint64_t> writerFailures_{0};    // exceptions caught on the writer thread
 
   static std::atomic<void*> sSpareDrain;  // the memory of one drain message
 };
@@ -195,83 +271,187 @@ Logger::LineQueue::Block* Logger::LineQueue::blockFor(std::size_t size) {
   return blocks_.back().get();
 }
 
-void Logger::LineQueue::recycle(std::unique_ptr<Block> block) {
+void Logger::LineQueue::recycle(std::unique_ptr<Block> block) noexcept {
   if (block->capacity != kBlockSize || spare_.size() >= kSpareBlocks) return;
   block->used = 0;
   block->records.clear();
-  spare_.push_back(std::move(block));
-}
-
-void Logger::LineQueue::noteDropped() {
-  if (!blocks_.empty()) {
-    std::vector<uint64_t>& records = blocks_.back()->records;
-    if (!records.empty() && (records.back() & kRecordDropped) != 0 &&
-        (records.back() & kRecordValue) < kRecordValue) {
-      ++records.back();
-      return;
+  try {
+    if (block->records.capacity() > kBlockRecords) {
+      // A block that held many short lines gives its record storage back.
+      std::vector<uint64_t>().swap(block->records);
+      block->records.reserve(kBlockRecords);
     }
+    spare_.push_back(std::move(block));
+  } catch (...) {
+    // No memory for the reserve: the block is freed instead of kept.
   }
-  blockFor(0)->records.push_back(kRecordDropped | 1);
-  posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
-void Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
+void Logger::LineQueue::noteDropped(DropReason reason) noexcept {
+  sDroppedLines.fetch_add(1, std::memory_order_relaxed);
+  ++unnotedDrops_[reason];
+  appendNotices();
+}
+
+bool Logger::LineQueue::appendNotices() noexcept {
+  for (unsigned reason = 0; reason < kDropReasons; ++reason) {
+    uint64_t& count = unnotedDrops_[reason];
+    if (count == 0) continue;
+    const uint64_t kind = kRecordDropped | (uint64_t{reason} << kNoticeReasonShift);
+    if (!blocks_.empty() && !blocks_.back()->records.empty()) {
+      // Drops for the same reason as the notice at the back of the queue
+      // are added to it.
+      uint64_t& last = blocks_.back()->records.back();
+      if ((last & ~kNoticeCount) == kind && (last & kNoticeCount) <= kNoticeCount - count) {
+        last += count;
+        count = 0;
+        continue;
+      }
+    }
+    try {
+      blockFor(0)->records.push_back(kind | count);
+    } catch (...) {
+      return false;
+    }
+    count = 0;
+    ++queuedRecords_;
+    posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  }
+  return true;
+}
+
+bool Logger::LineQueue::writerRunning() {
+  Looper& looper = *logger_->mWriter->looper;
+  if (!looper.IsStoped()) return true;
+  // The writer's thread could not be created (at start-up or since): try
+  // again, as every line that comes meanwhile does.
+  try {
+    looper.Start();
+    return !looper.IsStoped();
+  } catch (...) {
+  }
+  if (!startReported_) {
+    startReported_ = true;
+    logConsole(
+        "zel log: the writer thread cannot be started; lines are dropped and counted until it "
+        "can (reported once)\n");
+  }
+  return false;
+}
+
+bool Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
   if (drainPending_) {
     lock->unlock();
-    return;
+    return true;
   }
   drainPending_ = true;
   lock->unlock();
-  if (logger_->mWriter->looper->PostMessageAAA(std::unique_ptr<Message>(new DrainMessage(this))) !=
-      0) {
-    // The writer is stopped: nothing can be written any more.
+  bool posted = false;
+  try {
+    // The Looper's queue may need memory for the message: a failure is
+    // undone below rather than leaving the writer asleep for good.
+    posted = logger_->mWriter->looper->PostMessageAAA(
+                 std::unique_ptr<Message>(new DrainMessage(this))) == 0;
+  } catch (...) {
+  }
+  if (!posted) {
     lock->lock();
     drainPending_ = false;
+    if (roomWaiters_ > 0) room_.notify_all();
+    if (flushWaiters_ > 0) written_.notify_all();
     lock->unlock();
   }
+  return posted;
+}
+
+bool Logger::LineQueue::hasRoom(std::size_t size, std::size_t limit) const {
+  if (limit == 0) return true;
+  if (queuedRecords_ >= kMaxQueuedRecords) return false;
+  return size <= limit - (queuedBytes_ < limit ? queuedBytes_ : limit);
+}
+
+bool Logger::LineQueue::waitForRoom(std::unique_lock<std::mutex>* lock, std::size_t size) {
+  for (;;) {
+    if (hasRoom(size, sQueueLimit.load(std::memory_order_relaxed))) return true;
+    if (!sQueueBlocks.load(std::memory_order_relaxed)) return false;
+    // The writer thread (a backend that logs) cannot wait for itself: its
+    // line goes beyond the bound. A line longer than the bound waits for
+    // an empty queue only.
+    if (tOnWriterThread) return true;
+    if (queuedBytes_ == 0 && queuedRecords_ < kMaxQueuedRecords) return true;
+    if (!drainPending_) {
+      // The writer is asleep with lines queued (its wake failed): wake it,
+      // or give the line up when that fails again.
+      if (!wake(lock)) {
+        lock->lock();
+        return false;
+      }
+      lock->lock();
+      continue;
+    }
+    ++roomWaiters_;
+    room_.wait(*lock);
+    --roomWaiters_;
+  }
+}
+
+bool Logger::LineQueue::append(const char* text, std::size_t size, bool forward) noexcept {
+  // The record is added before the text is copied: a record list that
+  // cannot grow leaves the queue as it was.
+  Block* block = nullptr;
+  try {
+    block = blockFor(size);
+    block->records.push_back(static_cast<uint64_t>(size) | (forward ? kRecordForward : 0));
+  } catch (...) {
+    return false;
+  }
+  std::memcpy(block->text.get() + block->used, text, size);
+  block->used += size;
+  queuedBytes_ += size;
+  ++queuedRecords_;
+  posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  return true;
 }
 
 void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
   std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
   LineQueue::lock(&lock);
-  std::size_t limit = sQueueLimit.load(std::memory_order_relaxed);
-  if (limit != 0 && size > limit - (queuedBytes_ < limit ? queuedBytes_ : limit)) {
-    if (!sQueueBlocks.load(std::memory_order_relaxed)) {
-      sDroppedLines.fetch_add(1, std::memory_order_relaxed);
-      noteDropped();
-      wake(&lock);
-      return;
-    }
-    // The writer thread (a backend that logs) cannot wait for itself: its
-    // line goes beyond the bound. A line longer than the bound waits for
-    // an empty queue only.
-    if (!tOnWriterThread) {
-      ++roomWaiters_;
-      room_.wait(lock, [this, size, &limit] {
-        limit = sQueueLimit.load(std::memory_order_relaxed);
-        return limit == 0 || queuedBytes_ == 0 || !sQueueBlocks.load(std::memory_order_relaxed) ||
-               size <= limit - (queuedBytes_ < limit ? queuedBytes_ : limit);
-      });
-      --roomWaiters_;
-    }
+  if (!writerRunning()) {
+    // No writer: nothing could write the line, and no caller may wait for
+    // one. It is dropped and counted; the notice is written once a writer
+    // runs.
+    noteDropped(kNoWriter);
+    return;
   }
-  Block* block = blockFor(size);
-  std::memcpy(block->text.get() + block->used, text, size);
-  block->used += size;
-  block->records.push_back(static_cast<uint64_t>(size) | (forward ? kRecordForward : 0));
-  queuedBytes_ += size;
-  posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  // Drops not noticed yet (no memory then) come before this line.
+  appendNotices();
+  if (!waitForRoom(&lock, size)) {
+    noteDropped(kQueueFull);
+  } else if (!append(text, size, forward)) {
+    // At most this line is lost: the queue is as it was before it.
+    noteDropped(kNoMemory);
+  }
   wake(&lock);
 }
 
 void Logger::LineQueue::flush() {
   if (tOnWriterThread) return;
   std::unique_lock<std::mutex> lock(mutex_);
+  appendNotices();
   const uint64_t target = posted_.load(std::memory_order_relaxed);
-  if (done_ >= target) return;
-  ++flushWaiters_;
-  written_.wait(lock, [this, target] { return done_ >= target; });
-  --flushWaiters_;
+  while (done_ < target) {
+    if (!drainPending_) {
+      // Lines are queued and the writer sleeps: its wake failed, or it has
+      // no thread. Wake it; when that cannot be done the lines stay queued
+      // for the next line's wake and the flush returns.
+      if (!writerRunning() || !wake(&lock)) return;
+      lock.lock();
+      continue;
+    }
+    ++flushWaiters_;
+    written_.wait(lock);
+    --flushWaiters_;
+  }
 }
 
 void Logger::LineQueue::limitChanged() {
@@ -296,7 +476,7 @@ void Logger::LineQueue::drain() {
     }
     for (std::size_t b = 0; b < batch_.size(); ++b) {
       Block& block = *batch_[b];
-      writeRecords(block.text.get(), block.records.data(), block.records.size());
+      writeSafely(block.text.get(), block.records.data(), block.records.size());
       if (b + 1 == batch_.size()) break;
       // A backlog: give each block's room back as soon as it is written.
       std::lock_guard<std::mutex> lock(mutex_);
@@ -321,8 +501,24 @@ bool Logger::LineQueue::linger() {
   return !blocks_.empty();
 }
 
+void Logger::LineQueue::drainFailed() {
+  writerFailed();
+  // The drain ended early: the blocks it had taken are given up (their
+  // lines are lost, counted in the failure), and the next wake starts a
+  // new drain.
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (std::unique_ptr<Block>& block : batch_) {
+    if (block) release(std::move(block));
+  }
+  batch_.clear();
+  drainPending_ = false;
+  if (roomWaiters_ > 0) room_.notify_all();
+  if (flushWaiters_ > 0) written_.notify_all();
+}
+
 void Logger::LineQueue::release(std::unique_ptr<Block> block) {
   queuedBytes_ -= block->used;
+  queuedRecords_ -= block->records.size();
   done_ += block->records.size();
   recycle(std::move(block));
   if (roomWaiters_ > 0) room_.notify_all();
@@ -342,13 +538,57 @@ void Logger::LineQueue::lock(std::unique_lock<std::mutex>* lock) {
 void Logger::LineQueue::writeOne(const char* text, std::size_t size, bool forward) {
   tOnWriterThread = true;
   const uint64_t record = static_cast<uint64_t>(size) | (forward ? kRecordForward : 0);
-  writeRecords(text, &record, 1);
+  writeSafely(text, &record, 1);
 }
 
-void Logger::LineQueue::writeDropNotice(uint64_t count) {
+void Logger::LineQueue::writerFailed() noexcept {
+  if (writerFailures_.fetch_add(1) == 0) {
+    logConsole(
+        "zel log: the writer thread ran out of memory; the run is tried again once, then its "
+        "line is lost (reported once)\n");
+  }
+}
+
+void Logger::LineQueue::writeSafely(const char* text, const uint64_t* records,
+                                    std::size_t count) noexcept {
+  Progress at;
+  std::size_t failedAt = count;  // the record whose run threw last
+  while (at.record < count) {
+    try {
+      writeRecords(text, records, count, &at);
+    } catch (...) {
+      // Out of memory in the file's work (rotation, retention, paths):
+      // the lines before the run are written; the run is tried again, and
+      // a record that throws again is given up so that the writer goes on.
+      writerFailed();
+      if (at.record != failedAt) {
+        failedAt = at.record;
+        continue;
+      }
+      if ((records[at.record] & kRecordDropped) == 0) {
+        at.offset += static_cast<std::size_t>(records[at.record] & kRecordValue);
+      }
+      ++at.record;
+      if (at.forwarded < at.record) at.forwarded = at.record;
+    }
+  }
+}
+
+void Logger::LineQueue::writeDropNotice(uint64_t notice) {
+  const auto count = static_cast<unsigned long long>(notice & kNoticeCount);
   char line[kLineSize];
-  const std::size_t size = printLogLine(line, "zel log: %llu lines dropped (queue full)\n",
-                                        static_cast<unsigned long long>(count));
+  std::size_t size = 0;
+  switch ((notice & kRecordValue) >> kNoticeReasonShift) {
+    case kNoMemory:
+      size = printLogLine(line, "zel log: %llu lines lost (out of memory)\n", count);
+      break;
+    case kNoWriter:
+      size = printLogLine(line, "zel log: %llu lines lost (no writer thread)\n", count);
+      break;
+    default:
+      size = printLogLine(line, "zel log: %llu lines dropped (queue full)\n", count);
+      break;
+  }
   writeOne(line, size, false);
 }
 
@@ -372,14 +612,17 @@ void Logger::LineQueue::forward(const char* text, std::size_t size) {
   }
 }
 
-void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, std::size_t count) {
+void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, std::size_t count,
+                                     Progress* at) {
   LogFile& file = *logger_->mLogFile;
-  std::size_t i = 0;          // the next record to write
-  std::size_t offset = 0;     // where its text starts
-  std::size_t forwarded = 0;  // records before this one were handed to the backends
+  // at->record: the next record to write; at->offset: where its text
+  // starts; at->forwarded: records before it were handed to the backends.
+  std::size_t& i = at->record;
+  std::size_t& offset = at->offset;
+  std::size_t& forwarded = at->forwarded;
   while (i < count) {
     if ((records[i] & kRecordDropped) != 0) {
-      writeDropNotice(records[i] & kRecordValue);
+      writeDropNotice(records[i]);
       ++i;
       continue;
     }
@@ -419,8 +662,11 @@ void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, 
       const std::size_t length =
           nul != nullptr ? static_cast<std::size_t>(static_cast<const char*>(nul) - line) : size;
       if (length == 0 && end > i) break;
-      if (end >= forwarded && (records[end] & kRecordForward) != 0) {
-        forward(line, size);
+      if (end >= forwarded) {
+        // Counted at once, so that a run tried again after an exception
+        // does not hand the line to the backends twice.
+        forwarded = end + 1;
+        if ((records[end] & kRecordForward) != 0) forward(line, size);
       }
       endOffset += size;
       ++end;
@@ -440,7 +686,6 @@ void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, 
       runLines_.push_back(onDisk);
       runBytes += static_cast<int64_t>(onDisk);
     }
-    if (end > forwarded) forwarded = end;
     if (emptyLine) {
       // What fprintf gives for an empty text: 0, a failure.
       logConsole("zel log write error,ret[%d] \n", 0);
@@ -512,7 +757,12 @@ int Logger::init() {
   writer->looper = std::make_unique<Looper>();
   writer->handler = [this](LogInfo* info) { writeLog(info); };
   mWriter = std::move(writer);
-  mWriter->looper->Start();
+  try {
+    mWriter->looper->Start();
+  } catch (...) {
+    // No thread for the writer now: lines are dropped and counted, and
+    // each new line tries to start it again.
+  }
   return 0;
 }
 

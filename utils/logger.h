@@ -72,7 +72,9 @@ extern "C" {
 // along but not tested: the caller compares zel_log_level() first. A
 // non-zero `flag` also hands the line to every registered LogBackend. The
 // first call creates the Logger; when it cannot be created the line is
-// dropped. When the queue is full (Logger::SetQueueLimit()) the line is
+// dropped. While the writer thread cannot be started the line is dropped
+// and counted (zel_log_dropped()), and the next line tries to start it
+// again. When the queue is full (Logger::SetQueueLimit()) the line is
 // dropped and counted under the default kDrop policy; under kBlock the call
 // waits until the writer has made room. Threads: any thread; lines of one
 // thread are written in call order.
@@ -113,9 +115,14 @@ ZEL_API void zel_log_flush(void);
 // line (kDrop). Does not create the Logger. Threads: any thread.
 ZEL_API void zel_set_log_queue_limit(size_t bytes, int block);
 
-// Returns the number of lines dropped because the queue was full since the
-// process started (0 when none was, or before the first line). Threads: any
-// thread.
+// Returns the number of lines dropped since the process started (0 when
+// none was, or before the first line): lines dropped because the queue was
+// full, and lines lost because there was no memory to queue them or no
+// writer thread. Each is also noticed in the file, in its place among the
+// lines: "zel log: <N> lines dropped (queue full)", "zel log: <N> lines lost
+// (out of memory)", "zel log: <N> lines lost (no writer thread)"; once
+// every notice is written (zel_log_flush()) their counts add up to this
+// number. Threads: any thread.
 ZEL_API uint64_t zel_log_dropped(void);
 
 // Installs the crash drain, as zel::Logger::InstallCrashHandler() does (see
@@ -226,10 +233,15 @@ class ZEL_API Logger : public LogBackend {
   // handled by `policy`: kBlock makes the caller wait for room (a line
   // longer than the bound waits for an empty queue; the writer thread
   // itself, a backend that logs, never waits and may exceed the bound);
-  // kDrop drops and counts it and never blocks. Default: 64 MiB (67,108,864
-  // bytes) and kDrop. Takes effect for the next line; callers waiting for
-  // room look at the new bound at once. Process-wide: may be called before
-  // the Logger exists and does not create it. Threads: any thread.
+  // kDrop drops and counts it and never blocks. While a bound is set, the
+  // number of queued lines is capped too (1,048,576, drop notices
+  // included), so that lines of little or no text cannot take memory
+  // without limit: a line beyond the cap is handled as one beyond the
+  // bound. Default: 64 MiB (67,108,864 bytes) and kDrop. Takes effect for
+  // the next line; callers waiting for room look at the new bound and
+  // policy at once (under kDrop their lines are dropped and counted).
+  // Process-wide: may be called before the Logger exists and does not
+  // create it. Threads: any thread.
   static void SetQueueLimit(std::size_t bytes, QueueFullPolicy policy);
 
   // Installs the crash drain, once per process (opt-in). When the process
@@ -283,7 +295,8 @@ class ZEL_API Logger : public LogBackend {
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  // Chooses and creates the directory, then starts the writer. Returns 0.
+  // Chooses and creates the directory, then starts the writer (a thread
+  // that cannot be created is tried again by the next line). Returns 0.
   int init();
 
   // The lines on their way to the writer thread and the writer's work on

@@ -212,14 +212,11 @@ int Looper::Start() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (!stopped_.load()) return -1;
   // The thread is created before the looper counts as running: a thread
-  // that cannot be created leaves it stopped. The new thread takes mutex_
-  // before it looks at stopped_, so it sees the cleared flag.
-  std::unique_ptr<std::thread> thread;
-  try {
-    thread = std::make_unique<std::thread>(&Looper::process, this);
-  } catch (...) {
-    return -1;
-  }
+  // that cannot be created (std::system_error from std::thread, raised on
+  // to the caller) leaves it stopped, so that Start() may be tried again.
+  // The new thread takes mutex_ before it looks at stopped_, so it sees the
+  // cleared flag.
+  auto thread = std::make_unique<std::thread>(&Looper::process, this);
   stopped_.exchange(false);
   // Replacing a thread that is still joinable ends the process, as
   // destroying a joinable std::thread does.

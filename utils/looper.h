@@ -126,9 +126,11 @@ class ZEL_API Looper {
   Looper& operator=(const Looper&) = delete;
 
   // Starts the loop thread. Messages left queued by an earlier Stop() run
-  // once they are due. Returns 0 when started; -1 when already running, and
-  // -1 when no thread can be created (out of threads or memory), leaving the
-  // Looper stopped, so that Start() may be tried again. Threads: any thread.
+  // once they are due. Returns 0 when started; -1 when already running.
+  // Throws std::system_error (std::errc::resource_unavailable_try_again)
+  // when no thread can be created, and std::bad_alloc when out of memory;
+  // either leaves the Looper stopped, so that Start() may be tried again.
+  // Threads: any thread.
   int Start();
 
   // Stops the loop. From another thread: prints "already stoped \n" to

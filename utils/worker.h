@@ -56,8 +56,9 @@ class ZEL_API Worker {
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
-  // Starts the worker thread. Returns 0; -1 when already running, or when
-  // no thread can be created (the worker then stays stopped).
+  // Starts the worker thread. Returns 0; -1 when already running. Throws
+  // std::system_error when no thread can be created, as Looper::Start()
+  // does (the worker then stays stopped and may be started again).
   int Start();
 
   // Stops the worker thread: 0, or -1 (and "already stoped \n" on standard
