@@ -85,6 +85,27 @@ void LogFile::setLimits(int maxSize, int maxCount) {
   mMaxFileCount.store(maxCount < 0 ? 0 : maxCount > kMaxFileCount ? kMaxFileCount : maxCount);
 }
 
+void LogFile::lockForFork() { directoryTexts().mutex.lock(); }
+
+void LogFile::unlockAfterFork() { directoryTexts().mutex.unlock(); }
+
+void LogFile::afterForkInChild(int64_t pid) {
+  if (mFile != platform::kNoFile) platform::closeFile(mFile);
+  mFile = platform::kNoFile;
+  mFileId = platform::FileId();
+  mFileOffset = -1;
+  mRunPosition = -1;
+  mFileIndex = 0;
+  mForkedPid = pid;
+  // The directory, the start time and the name are chosen again.
+  mCurDate.clear();
+}
+
+bool LogFile::descriptorStillOurs() const {
+  platform::FileId id;
+  return platform::fileIdentity(mFile, &id) && id == mFileId;
+}
+
 int LogFile::logFileInit() {
   updateLogDir();
   mDirLen = mLogDir.size();
@@ -93,11 +114,16 @@ int LogFile::logFileInit() {
 
 const char* LogFile::todayDateDir() {
   const int64_t second = platform::wallClockMs() / 1000;
+  // While a fault is handled the day stays the current directory's: the
+  // faulting thread may hold the C library's time-zone lock for good.
+  if (crash::draining()) return mCurDate.c_str();
   if (second != mTodaySecond) {
     std::tm tm{};
     platform::localTime(static_cast<std::time_t>(second), &tm);
     platform::formatDateDir(mTodayDateDir, sizeof(mTodayDateDir), tm);
     mTodaySecond = second;
+    // The fatal line's prefix takes its local time from this offset.
+    crash::setLocalOffset(platform::localOffsetSeconds(static_cast<std::time_t>(second)));
   }
   return mTodayDateDir;
 }
@@ -117,7 +143,7 @@ std::string LogFile::getPrefix() {
   retention::markDue();  // start-up or a change of day
   platform::formatStartTime(mStartTimeBuf, sizeof(mStartTimeBuf), tm);
   mStartTime = mStartTimeBuf;
-  mProcessName = processName;
+  mProcessName = mForkedPid != 0 ? processName + "." + std::to_string(mForkedPid) : processName;
   mBase =
       texts.fixedDirPrefix.empty() ? std::string(platform::kDefaultLogBase) : texts.fixedDirPrefix;
   if (texts.fixedDirPrefix.empty()) {
@@ -158,6 +184,14 @@ void LogFile::updateLogDir() {
 }
 
 platform::FileHandle LogFile::getFile() {
+  if (mFile != platform::kNoFile && !descriptorStillOurs()) {
+    // Closed from outside, its number maybe reused: not ours to close. The
+    // live file is opened again at its path.
+    crash::setLiveFile(platform::kNoFile);
+    mFile = platform::kNoFile;
+    mFileOffset = -1;
+    mRunPosition = -1;
+  }
   if (mFile != platform::kNoFile) {
     // One file-status query answers both whether a regular file is still at
     // the path and how large it is. The live file's position is the size
@@ -205,6 +239,12 @@ platform::FileHandle LogFile::getFile() {
   buildLogFilePath(mFilePath, mLogDir, mDirLen, mProcessName, mStartTime, "txt");
   if (!directoryIsSafe()) return platform::kNoFile;
   mFile = platform::openAppend(mFilePath);
+  // Its identity, for descriptorStillOurs(); a file that cannot tell it is
+  // not used.
+  if (mFile != platform::kNoFile && !platform::fileIdentity(mFile, &mFileId)) {
+    platform::closeFile(mFile);
+    mFile = platform::kNoFile;
+  }
   if (mFile == platform::kNoFile &&
       platform::checkDirectory(mFilePath, false) == platform::DirCheck::kLink) {
     mFileOffset = -1;

@@ -1,5 +1,6 @@
 #include "utils/logger.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <new>
@@ -45,6 +46,21 @@ std::atomic<uint64_t> sDroppedLines{0};
 // True on the writer thread, which must not wait for its own queue.
 thread_local bool tOnWriterThread = false;
 
+// The calling thread's operating-system id, asked once per thread (and
+// again in a forked child, whose thread has an id of its own).
+thread_local uint64_t tThreadId = 0;
+
+uint64_t selfId() {
+  if (tThreadId == 0) tThreadId = platform::currentThreadId();
+  return tThreadId;
+}
+
+// Set in a forked child: the writer thread and the crash drain's thread are
+// the parent's and not in the child; the next line makes them anew.
+std::atomic<bool> sWriterLost{false};
+// Serialises making them anew; made anew itself in the child.
+std::mutex* sRestartMutex = new std::mutex;  // never destroyed
+
 }  // namespace
 
 // The lines posted and not yet written, in posting order, and the writer's
@@ -80,6 +96,27 @@ class Logger::LineQueue {
 
   // Writes one line as a run of its own, on the writer thread.
   void writeOne(const char* text, std::size_t size, bool forward);
+
+  // The crash drain's flush (crash::DrainFunction): waits until the lines
+  // queued so far are written, at most until `deadlineNs`, and never for
+  // the queue's lock while `faultingThread` holds it (it never lets go).
+  void crashFlush(uint64_t faultingThread, int64_t deadlineNs);
+
+  // A fault of the writer thread (crash::WriterFaultFunction's work, in the
+  // fatal handler): writes the lines of the run being gathered and the
+  // line being handed to a backend.
+  void writeGathered();
+
+  // Around fork(): the queue's lock (and the locks the writer takes) are
+  // held across the fork, so that the child finds them in a known state;
+  // in the child the queue is reset to the lines the child posts.
+  static void forkPrepare();
+  static void forkParent();
+  static void forkChild();
+
+  // In a forked child, at its first line: a writer thread of its own, and
+  // the crash drain's thread anew.
+  void restartWriter();
 
  private:
   struct Block {
@@ -144,11 +181,23 @@ class Logger::LineQueue {
   bool drainPending_ = false;  // the writer is awake or woken
   int roomWaiters_ = 0;
   int flushWaiters_ = 0;
+  // The thread that holds mutex_ outside the writer (0: none, or the
+  // writer): the crash drain does not wait for a lock its faulting thread
+  // holds.
+  std::atomic<uint64_t> owner_{0};
+  // True while the writer writes a batch it took, without the lock.
+  std::atomic<bool> writing_{false};
 
   // Writer thread only.
   std::vector<std::unique_ptr<Block>> batch_;  // the blocks being written
   std::vector<platform::WriteBuffer> pieces_;  // the run being built
   std::vector<std::size_t> runLines_;          // its lines' lengths in the file
+  // While the writer hands a line to the backends: the run's file, and the
+  // line's text as the file gets it (for a fault inside a backend).
+  std::atomic<bool> forwarding_{false};
+  platform::FileHandle runFile_ = platform::kNoFile;
+  const char* forwardText_ = nullptr;
+  std::size_t forwardLength_ = 0;
 
   static std::atomic<void*> sSpareDrain;  // the memory of one drain message
 };
@@ -216,6 +265,7 @@ void Logger::LineQueue::noteDropped() {
 }
 
 void Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
+  owner_.store(0, std::memory_order_relaxed);
   if (drainPending_) {
     lock->unlock();
     return;
@@ -232,8 +282,11 @@ void Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
 }
 
 void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
+  if (sWriterLost.load(std::memory_order_acquire)) restartWriter();
   std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
   LineQueue::lock(&lock);
+  const uint64_t self = selfId();
+  owner_.store(self, std::memory_order_relaxed);
   std::size_t limit = sQueueLimit.load(std::memory_order_relaxed);
   if (limit != 0 && size > limit - (queuedBytes_ < limit ? queuedBytes_ : limit)) {
     if (!sQueueBlocks.load(std::memory_order_relaxed)) {
@@ -247,11 +300,13 @@ void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
     // an empty queue only.
     if (!tOnWriterThread) {
       ++roomWaiters_;
+      owner_.store(0, std::memory_order_relaxed);
       room_.wait(lock, [this, size, &limit] {
         limit = sQueueLimit.load(std::memory_order_relaxed);
         return limit == 0 || queuedBytes_ == 0 || !sQueueBlocks.load(std::memory_order_relaxed) ||
                size <= limit - (queuedBytes_ < limit ? queuedBytes_ : limit);
       });
+      owner_.store(self, std::memory_order_relaxed);
       --roomWaiters_;
     }
   }
@@ -266,17 +321,140 @@ void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
 
 void Logger::LineQueue::flush() {
   if (tOnWriterThread) return;
+  const uint64_t self = selfId();
   std::unique_lock<std::mutex> lock(mutex_);
+  owner_.store(self, std::memory_order_relaxed);
   const uint64_t target = posted_.load(std::memory_order_relaxed);
-  if (done_ >= target) return;
-  ++flushWaiters_;
+  const bool wait = done_ < target;
+  if (wait) ++flushWaiters_;
+  owner_.store(0, std::memory_order_relaxed);
+  if (!wait) return;
   written_.wait(lock, [this, target] { return done_ >= target; });
   --flushWaiters_;
 }
 
 void Logger::LineQueue::limitChanged() {
   std::lock_guard<std::mutex> lock(mutex_);
+  owner_.store(selfId(), std::memory_order_relaxed);
   if (roomWaiters_ > 0) room_.notify_all();
+  owner_.store(0, std::memory_order_relaxed);
+}
+
+void Logger::LineQueue::crashFlush(uint64_t faultingThread, int64_t deadlineNs) {
+  // The faulting thread is stopped in its signal handler for good: a lock
+  // it holds is never let go, and waiting for it would only run out the
+  // handler's wait. Then the lines queued behind that lock cannot be
+  // reached (the thread may have stopped half-way through changing the
+  // queue); the ones the writer took already are written by the writer,
+  // which needs no lock for them. Anyone else holds the lock for well
+  // under a microsecond.
+  std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
+  while (!lock.try_lock()) {
+    if (owner_.load(std::memory_order_relaxed) == faultingThread) {
+      while (writing_.load(std::memory_order_acquire) && platform::monotonicNs() < deadlineNs) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+      }
+      return;
+    }
+    if (platform::monotonicNs() >= deadlineNs) return;
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+  }
+  const uint64_t target = posted_.load(std::memory_order_relaxed);
+  if (done_ >= target) return;
+  ++flushWaiters_;
+  const int64_t left = deadlineNs - platform::monotonicNs();
+  if (left > 0) {
+    written_.wait_for(lock, std::chrono::nanoseconds(left),
+                      [this, target] { return done_ >= target; });
+  }
+  --flushWaiters_;
+}
+
+void Logger::LineQueue::writeGathered() {
+  if (!forwarding_.load(std::memory_order_acquire)) return;
+  // The lines gathered before the one a backend was given are not in the
+  // file yet (the run is written after the gathering); the line itself is
+  // written too, since it is whole. Whatever comes behind stays unwritten:
+  // the thread that writes it is the one that failed.
+  platform::writeAll(runFile_, pieces_.data(), pieces_.size());
+  if (forwardLength_ > 0) {
+    const platform::WriteBuffer line{forwardText_, forwardLength_};
+    platform::writeAll(runFile_, &line, 1);
+  }
+}
+
+void Logger::LineQueue::forkPrepare() {
+  Logger* logger = sLogger.load(std::memory_order_acquire);
+  if (logger == nullptr) return;
+  // In the order the writer takes them: a backend (called under the
+  // backend lock) may log or set the base.
+  logger->mBackendLock.lock();
+  LogFile::lockForFork();
+  retention::lockForFork();
+  logger->mQueue->mutex_.lock();
+}
+
+void Logger::LineQueue::forkParent() {
+  Logger* logger = sLogger.load(std::memory_order_acquire);
+  if (logger == nullptr) return;
+  logger->mQueue->mutex_.unlock();
+  retention::unlockAfterFork();
+  LogFile::unlockAfterFork();
+  logger->mBackendLock.unlock();
+}
+
+void Logger::LineQueue::forkChild() {
+  Logger* logger = sLogger.load(std::memory_order_acquire);
+  if (logger == nullptr) return;
+  // The child has only the forking thread. The lines queued in the parent
+  // are the parent's to write: the child's queue starts empty, and nobody
+  // waits in it. The condition variables are made anew: their waiters are
+  // threads of the parent.
+  LineQueue& queue = *logger->mQueue;
+  tThreadId = 0;
+  tOnWriterThread = false;
+  new (&queue.room_) std::condition_variable;
+  new (&queue.written_) std::condition_variable;
+  queue.blocks_.clear();
+  queue.batch_.clear();
+  queue.pieces_.clear();
+  queue.runLines_.clear();
+  queue.queuedBytes_ = 0;
+  queue.done_ = queue.posted_.load(std::memory_order_relaxed);
+  queue.drainPending_ = false;
+  queue.roomWaiters_ = 0;
+  queue.flushWaiters_ = 0;
+  queue.owner_.store(0, std::memory_order_relaxed);
+  queue.writing_.store(false, std::memory_order_relaxed);
+  queue.forwarding_.store(false, std::memory_order_relaxed);
+  sDroppedLines.store(0, std::memory_order_relaxed);
+  // A live file of its own, named with the child's process id.
+  logger->mLogFile->afterForkInChild(platform::processId());
+  crash::afterForkInChild();
+  sRestartMutex = new (sRestartMutex) std::mutex;
+  sWriterLost.store(true, std::memory_order_release);
+  queue.mutex_.unlock();
+  retention::unlockAfterFork();
+  LogFile::unlockAfterFork();
+  // A reader-writer lock remembers its writer by thread id, which the
+  // child's thread does not share with the parent's: it is made anew.
+  new (&logger->mBackendLock) std::shared_mutex;
+}
+
+void Logger::LineQueue::restartWriter() {
+  std::lock_guard<std::mutex> lock(*sRestartMutex);
+  if (!sWriterLost.load(std::memory_order_acquire)) return;
+  // The parent's writer (its Looper) belongs to a thread the child does
+  // not have: it can be neither stopped nor freed, and is left alone.
+  static_cast<void>(logger_->mWriter.release());
+  auto writer = std::make_unique<Writer>();
+  writer->looper = std::make_unique<Looper>();
+  Logger* logger = logger_;
+  writer->handler = [logger](LogInfo* info) { logger->writeLog(info); };
+  writer->looper->Start();
+  logger_->mWriter = std::move(writer);
+  crash::restartAfterFork();
+  sWriterLost.store(false, std::memory_order_release);
 }
 
 void Logger::LineQueue::drain() {
@@ -285,22 +463,31 @@ void Logger::LineQueue::drain() {
     {
       // The last block written is accounted for together with taking the
       // next batch: one lock per batch while lines trickle in.
+      writing_.store(false, std::memory_order_release);
       std::lock_guard<std::mutex> lock(mutex_);
-      if (!batch_.empty()) release(std::move(batch_.back()));
+      for (std::unique_ptr<Block>& block : batch_) {
+        if (block) release(std::move(block));
+      }
       batch_.clear();
       if (blocks_.empty() && !linger()) {
         drainPending_ = false;
         return;
       }
       batch_.swap(blocks_);
+      writing_.store(true, std::memory_order_relaxed);
     }
     for (std::size_t b = 0; b < batch_.size(); ++b) {
       Block& block = *batch_[b];
       writeRecords(block.text.get(), block.records.data(), block.records.size());
       if (b + 1 == batch_.size()) break;
       // A backlog: give each block's room back as soon as it is written.
-      std::lock_guard<std::mutex> lock(mutex_);
-      release(std::move(batch_[b]));
+      // The writer does not wait for the lock here: while it holds blocks
+      // it took, it needs no lock to write them, and the crash drain counts
+      // on that (a thread that faulted holding the lock never lets go).
+      // Room that cannot be given back now is given back after the batch.
+      std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
+      for (int i = 0; i < 100 && !lock.owns_lock(); ++i) lock.try_lock();
+      if (lock.owns_lock()) release(std::move(batch_[b]));
     }
   }
 }
@@ -417,7 +604,12 @@ void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, 
           nul != nullptr ? static_cast<std::size_t>(static_cast<const char*>(nul) - line) : size;
       if (length == 0 && end > i) break;
       if (end >= forwarded && (records[end] & kRecordForward) != 0) {
+        runFile_ = handle;
+        forwardText_ = line;
+        forwardLength_ = length;
+        forwarding_.store(true, std::memory_order_release);
         forward(line, size);
+        forwarding_.store(false, std::memory_order_relaxed);
       }
       endOffset += size;
       ++end;
@@ -510,6 +702,10 @@ int Logger::init() {
   writer->handler = [this](LogInfo* info) { writeLog(info); };
   mWriter = std::move(writer);
   mWriter->looper->Start();
+  // A forked child gets a writer of its own at its first line; see
+  // LineQueue::forkChild().
+  platform::registerForkHandlers(&LineQueue::forkPrepare, &LineQueue::forkParent,
+                                 &LineQueue::forkChild);
   return 0;
 }
 
@@ -554,7 +750,15 @@ uint64_t Logger::BackendFailures() const { return mBackendFailures.load(); }
 
 int Logger::InstallCrashHandler() {
   try {
-    return crash::install(GetInstance());
+    GetInstance();
+    return crash::install(
+        [](uint64_t faultingThread, int64_t deadlineNs) {
+          sLogger.load(std::memory_order_acquire)->mQueue->crashFlush(faultingThread, deadlineNs);
+        },
+        [] {
+          Logger* logger = sLogger.load(std::memory_order_acquire);
+          if (logger != nullptr) logger->mQueue->writeGathered();
+        });
   } catch (...) {
     return -1;
   }

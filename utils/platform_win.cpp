@@ -310,6 +310,23 @@ std::size_t writtenLength(const char* text, std::size_t size) {
   return length;
 }
 
+bool fileIdentity(FileHandle file, FileId* id) {
+  BY_HANDLE_FILE_INFORMATION info;
+  if (file == kNoFile || !GetFileInformationByHandle(reinterpret_cast<HANDLE>(file), &info)) {
+    return false;
+  }
+  id->device = info.dwVolumeSerialNumber;
+  id->node = (static_cast<uint64_t>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
+  return true;
+}
+
+int64_t processId() { return static_cast<int64_t>(GetCurrentProcessId()); }
+
+// Windows has no fork.
+bool registerForkHandlers(void (*)(), void (*)(), void (*)()) { return true; }
+
+void pauseMs(int64_t ms) { Sleep(static_cast<DWORD>(ms)); }
+
 int64_t fileSize(FileHandle file) {
   LARGE_INTEGER size;
   if (GetFileSizeEx(reinterpret_cast<HANDLE>(file), &size) == 0) return -1;
@@ -396,6 +413,19 @@ bool makeWakeChannel(WakeChannel* channel) {
   channel->readEnd = reinterpret_cast<FileHandle>(event);
   channel->writeEnd = channel->readEnd;
   return true;
+}
+
+// Windows has no fork: a channel's handles stay the library's own.
+bool wakeChannelIntact(const WakeChannel& channel) {
+  return channel.readEnd != kNoFile && channel.writeEnd != kNoFile;
+}
+
+void closeWakeChannel(WakeChannel* channel) {
+  if (channel->readEnd != kNoFile) CloseHandle(reinterpret_cast<HANDLE>(channel->readEnd));
+  if (channel->writeEnd != kNoFile && channel->writeEnd != channel->readEnd) {
+    CloseHandle(reinterpret_cast<HANDLE>(channel->writeEnd));
+  }
+  *channel = WakeChannel();
 }
 
 void wakeSend(const WakeChannel& channel) { SetEvent(reinterpret_cast<HANDLE>(channel.writeEnd)); }
