@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include "utils/log_retention.h"
+
 namespace zel {
 namespace crash {
 
@@ -27,7 +29,6 @@ std::atomic<uint64_t> sBusy{0};
 // The faulting thread, for the drain thread, which must not wait for a
 // lock that thread holds.
 std::atomic<uint64_t> sFaultingThread{0};
-std::atomic<bool> sDraining{false};
 DrainFunction sDrain = nullptr;
 WriterFaultFunction sWriterFault = nullptr;
 platform::WakeChannel sRequest;
@@ -66,8 +67,9 @@ char* putHex(char* out, char* end, uint32_t value) {
   return out;
 }
 
-// The calendar month (1-12) and day of the day `days` since 1970-01-01.
-void civilFromDays(int64_t days, int* month, int* day) {
+// The calendar year, month (1-12) and day of the day `days` since
+// 1970-01-01.
+void civilFromDays(int64_t days, int* year, int* month, int* day) {
   days += 719468;
   const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
   const int64_t doe = days - era * 146097;
@@ -76,6 +78,7 @@ void civilFromDays(int64_t days, int* month, int* day) {
   const int64_t mp = (5 * doy + 2) / 153;
   *day = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
   *month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
+  *year = static_cast<int>(yoe + era * 400 + (*month <= 2 ? 1 : 0));
 }
 
 // Floor division for a negative `a` too.
@@ -126,7 +129,6 @@ void onFatal(uint32_t code, const char* name) {
     platform::pauseMs(1);
     expected = 0;
   }
-  sDraining.store(true);
   if (tid == sWriterThread.load()) {
     // The writer cannot drain its own queue while it is stopped here: the
     // lines it had gathered for its next write are written from here.
@@ -135,11 +137,14 @@ void onFatal(uint32_t code, const char* name) {
     requestDrain(tid);
   }
   writeFatalLine(tid, code, name);
-  sDraining.store(false);
-  // When the process goes on (an earlier handler took the signal), the
-  // drain stays ready for the next fault.
-  sBusy.store(0);
+  // sBusy stays taken: the process ends now, and another thread's fault
+  // must not write a second fatal line meanwhile. When it goes on after
+  // all, onResume() frees it.
 }
+
+// The process goes on after a handled signal (an earlier handler took it):
+// the drain is ready for the next fault.
+void onResume() { sBusy.store(0); }
 
 }  // namespace
 
@@ -153,9 +158,10 @@ std::size_t formatFatalLine(char* buf, std::size_t size, int64_t utcMs, int64_t 
   const int64_t ms = localMs - seconds * 1000;
   const int64_t days = floorDiv(seconds, 86400);
   const int64_t secondOfDay = seconds - days * 86400;
+  int year = 0;
   int month = 0;
   int day = 0;
-  civilFromDays(days, &month, &day);
+  civilFromDays(days, &year, &month, &day);
   out = putText(out, end, "[");
   out = putDecimal(out, end, static_cast<uint64_t>(month), 1);
   out = putText(out, end, "-");
@@ -207,9 +213,19 @@ void setLiveFile(platform::FileHandle file) {
   sLiveFile.store(file);
 }
 
-void setLocalOffset(int64_t offsetSeconds) { sOffsetSeconds.store(offsetSeconds); }
+void noteLocalTime(int64_t utcSecond, const std::tm& local) {
+  const int64_t localSecond =
+      retention::daysFromCivil(local.tm_year + 1900, static_cast<unsigned>(local.tm_mon + 1),
+                               static_cast<unsigned>(local.tm_mday)) *
+          86400 +
+      local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
+  sOffsetSeconds.store(localSecond - utcSecond, std::memory_order_relaxed);
+}
 
-bool draining() { return sDraining.load(std::memory_order_relaxed); }
+void localDate(int64_t utcSecond, int* year, int* month, int* day) {
+  const int64_t local = utcSecond + sOffsetSeconds.load(std::memory_order_relaxed);
+  civilFromDays(floorDiv(local, 86400), year, month, day);
+}
 
 namespace {
 
@@ -223,7 +239,7 @@ bool startDrainThread() {
   // process; it writes the queued lines and answers. It reads nothing
   // that depends on the time zone: a faulting thread may hold the C
   // library's time-zone lock (the fatal line's local time offset is kept
-  // up to date by the writer, see setLocalOffset()).
+  // up to date by the threads that log, see noteLocalTime()).
   std::thread drain([] {
     while (platform::wakeWait(sRequest, -1)) {
       const int64_t deadlineNs = platform::monotonicNs() + sWaitMs.load() * 1000000;
@@ -249,7 +265,7 @@ int install(DrainFunction drain, WriterFaultFunction writerFault) {
   sDrain = drain;
   sWriterFault = writerFault;
   if (!startDrainThread()) return -1;
-  if (!platform::installFatalHandler(onFatal)) return -1;
+  if (!platform::installFatalHandler(onFatal, onResume)) return -1;
   sInstalled = true;
   return 0;
 }
@@ -265,7 +281,6 @@ void afterForkInChild() {
   platform::closeWakeChannel(&sReply);
   sDrainStarted = false;
   sBusy.store(0);
-  sDraining.store(false);
   sFaultingThread.store(0);
   sWriterThread.store(0);
   sLiveFile.store(platform::kNoFile);

@@ -21,6 +21,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 #include "utils/platform.h"
 
@@ -36,14 +37,17 @@ constexpr int64_t kDefaultWaitMs = 2000;
 // the live file.
 void setLiveFile(platform::FileHandle file);
 
-// Sets the offset of local time from UTC, in seconds, that the fatal line's
-// prefix uses. The writer keeps it up to date; the handler and the drain
-// thread never ask the time zone, whose lock a faulting thread may hold.
-void setLocalOffset(int64_t offsetSeconds);
+// Keeps the offset of local time from UTC that `local` (the local time of
+// `utcSecond`, seconds since 1970) shows. The threads that convert local
+// times anyway (the line prefix, the choice of the directory) call it; the
+// fatal line and the writer's date take local time from it, so that neither
+// the fault handling nor the writer asks the time zone, whose lock a
+// faulting thread may hold for good.
+void noteLocalTime(int64_t utcSecond, const std::tm& local);
 
-// True while a fault is being handled: the writer then takes nothing from
-// the time zone (it keeps its date as it is).
-bool draining();
+// The local calendar date of `utcSecond` (seconds since 1970) by the offset
+// noteLocalTime() kept: pure arithmetic, no library call.
+void localDate(int64_t utcSecond, int* year, int* month, int* day);
 
 // Writes the lines queued before a fault of the thread `faultingThread`,
 // until `deadlineNs` (platform::monotonicNs()) at the latest, without

@@ -114,16 +114,18 @@ int LogFile::logFileInit() {
 
 const char* LogFile::todayDateDir() {
   const int64_t second = platform::wallClockMs() / 1000;
-  // While a fault is handled the day stays the current directory's: the
-  // faulting thread may hold the C library's time-zone lock for good.
-  if (crash::draining()) return mCurDate.c_str();
+  // Without the C library's local time: the writer must not wait for its
+  // time-zone lock, which a thread that faulted may hold for good while
+  // the crash drain waits for the writer. The offset from UTC is the one
+  // the threads that log saw last.
   if (second != mTodaySecond) {
     std::tm tm{};
-    platform::localTime(static_cast<std::time_t>(second), &tm);
+    int year = 0;
+    crash::localDate(second, &year, &tm.tm_mon, &tm.tm_mday);
+    tm.tm_year = year - 1900;
+    tm.tm_mon -= 1;
     platform::formatDateDir(mTodayDateDir, sizeof(mTodayDateDir), tm);
     mTodaySecond = second;
-    // The fatal line's prefix takes its local time from this offset.
-    crash::setLocalOffset(platform::localOffsetSeconds(static_cast<std::time_t>(second)));
   }
   return mTodayDateDir;
 }
@@ -131,7 +133,8 @@ const char* LogFile::todayDateDir() {
 std::string LogFile::getPrefix() {
   const std::string processName = get_process_name();
   std::tm tm{};
-  platform::localTime(static_cast<std::time_t>(platform::wallClockMs() / 1000), &tm);
+  const int64_t now = platform::wallClockMs() / 1000;
+  if (platform::localTime(static_cast<std::time_t>(now), &tm)) crash::noteLocalTime(now, tm);
   char date[kPathSize];
   platform::formatDateDir(date, sizeof(date), tm);
 

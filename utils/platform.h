@@ -289,11 +289,15 @@ bool wakeWait(const WakeChannel& channel, int64_t timeoutMs);
 // only what is safe in a signal handler.
 using FatalHook = void (*)(uint32_t code, const char* name);
 
+// Called by the fatal handler after `hook` ran when the process goes on all
+// the same (an earlier handler took the signal and returned).
+using ResumeHook = void (*)();
+
 // True where the fatal handler reports exception codes (Windows), false
 // where it reports signal numbers (POSIX).
 extern const bool kFatalCodeIsException;
 
-// Installs `hook` for the faults that end the process: SIGSEGV, SIGBUS,
+// Installs `hook` (and `resume`) for the faults that end the process: SIGSEGV, SIGBUS,
 // SIGILL, SIGFPE and SIGABRT on POSIX (on an alternate signal stack for the
 // calling thread), the unhandled-exception filter on Windows. Installing
 // twice installs once. Returns false on failure.
@@ -313,12 +317,13 @@ extern const bool kFatalCodeIsException;
 // - SIGABRT, and any signal sent with kill, raise or sigqueue, cannot be
 //   undone by returning from a handler: `hook` runs first, then the earlier
 //   handler (called directly with the signal's siginfo_t); when it returns
-//   the process goes on.
+//   the process goes on, and `resume` is called.
 // - Without an earlier handler (the default action): `hook` runs, then the
 //   default action ends the process as it would have without the handler.
 //   A signal sent to a process that ignored it stays ignored (no hook).
-// On Windows `hook` runs and then the previous filter is called.
-bool installFatalHandler(FatalHook hook);
+// On Windows `hook` runs and then the previous filter is called; when that
+// continues the execution, `resume` is called.
+bool installFatalHandler(FatalHook hook, ResumeHook resume);
 
 // True while the process is ending and the operating system has already
 // ended its other threads: on Windows, during the DLL detach of process exit

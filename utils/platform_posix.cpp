@@ -318,6 +318,7 @@ constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
 constexpr int kFatalSignalCount = sizeof(kFatalSignals) / sizeof(kFatalSignals[0]);
 
 FatalHook sFatalHook = nullptr;
+ResumeHook sResumeHook = nullptr;
 struct sigaction sPreviousActions[kFatalSignalCount];
 
 const char* signalName(int sig) {
@@ -503,6 +504,7 @@ void onFatalSignal(int sig, siginfo_t* info, void* context) {
   sFatalHook(static_cast<uint32_t>(sig), signalName(sig));
   if (isHandler(earlier)) {
     callEarlierHandler(sig, info, context, index);
+    sResumeHook();
     errno = savedErrno;
     return;
   }
@@ -515,8 +517,9 @@ void onFatalSignal(int sig, siginfo_t* info, void* context) {
 
 }  // namespace
 
-bool installFatalHandler(FatalHook hook) {
+bool installFatalHandler(FatalHook hook, ResumeHook resume) {
   if (sFatalHook != nullptr) return true;
+  sResumeHook = resume;
   // The handler runs on an alternate stack, so that it runs after a stack
   // overflow of this thread too. The stack is never freed: the handler may
   // run until the process ends.

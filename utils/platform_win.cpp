@@ -439,6 +439,7 @@ bool wakeWait(const WakeChannel& channel, int64_t timeoutMs) {
 namespace {
 
 FatalHook sFatalHook = nullptr;
+ResumeHook sResumeHook = nullptr;
 LPTOP_LEVEL_EXCEPTION_FILTER sPreviousFilter = nullptr;
 
 const char* exceptionName(DWORD code) {
@@ -473,14 +474,19 @@ LONG WINAPI onUnhandledException(EXCEPTION_POINTERS* pointers) {
   sFatalHook(static_cast<uint32_t>(code), exceptionName(code));
   // Hand on to the filter that was there before; without one the system
   // ends the process as it would have.
-  if (sPreviousFilter != nullptr) return sPreviousFilter(pointers);
+  if (sPreviousFilter != nullptr) {
+    const LONG result = sPreviousFilter(pointers);
+    if (result == EXCEPTION_CONTINUE_EXECUTION) sResumeHook();
+    return result;
+  }
   return EXCEPTION_CONTINUE_SEARCH;
 }
 
 }  // namespace
 
-bool installFatalHandler(FatalHook hook) {
+bool installFatalHandler(FatalHook hook, ResumeHook resume) {
   if (sFatalHook != nullptr) return true;
+  sResumeHook = resume;
   sFatalHook = hook;
   sPreviousFilter = SetUnhandledExceptionFilter(onUnhandledException);
   return true;
