@@ -297,7 +297,11 @@ TEST(CrashRecoveryTest, SignalToAThreadInsideLocaltimeEndsWithinMilliseconds) {
     TempDir dir;
     const ChildResult result = RunChild(dir.path(), 10000, [] {
       sShared->installResult.store(zel_log_install_crash_handler());
-      for (int i = 0; i < 50; ++i) log_print(0, 0, "line %d\n", i);
+      // The live file is open before the conversions start; the other
+      // lines come while they run, so that the writer is at work when the
+      // signal comes.
+      log_print(0, 0, "line 0\n");
+      zel_log_flush();
       static std::atomic<uint64_t> conversions{0};
       std::thread victim([] {
         sShared->faultingTid.store(Tid());
@@ -310,6 +314,7 @@ TEST(CrashRecoveryTest, SignalToAThreadInsideLocaltimeEndsWithinMilliseconds) {
       if (!WaitFor([] { return conversions.load() > 10000; }, std::chrono::milliseconds(30000))) {
         _exit(4);
       }
+      for (int i = 1; i < 50; ++i) log_print(0, 0, "line %d\n", i);
       sShared->faultAtNs.store(NowNs());
       pthread_kill(victim.native_handle(), SIGSEGV);
       victim.join();
