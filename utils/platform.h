@@ -276,11 +276,13 @@ bool wakeChannelIntact(const WakeChannel& channel);
 // child, whose copy of the parent's channel is shared with the parent.
 void closeWakeChannel(WakeChannel* channel);
 
-// Wakes the waiter of `channel`. Safe in a signal handler.
+// Wakes the waiter of `channel`; does nothing once the channel is no longer
+// intact (wakeChannelIntact()). Safe in a signal handler.
 void wakeSend(const WakeChannel& channel);
 
 // Waits for one wake-up on `channel`, at most `timeoutMs` milliseconds
-// (negative: for ever). Returns true when woken, false on timeout or error.
+// (negative: for ever). Returns true when woken, false on timeout or error,
+// and false once the channel is no longer intact (wakeChannelIntact()).
 // Safe in a signal handler.
 bool wakeWait(const WakeChannel& channel, int64_t timeoutMs);
 

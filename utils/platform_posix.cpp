@@ -281,6 +281,9 @@ void closeWakeChannel(WakeChannel* channel) {
 }
 
 void wakeSend(const WakeChannel& channel) {
+  // Never into a descriptor that took over the channel's number.
+  FileId id;
+  if (!fileIdentity(channel.writeEnd, &id) || id != channel.writeId) return;
   const char byte = 1;
   ssize_t n;
   do {
@@ -303,6 +306,10 @@ bool wakeWait(const WakeChannel& channel, int64_t timeoutMs) {
     const int ready = poll(&pfd, 1, wait);
     if (ready < 0 && errno != EINTR) return false;
     if (ready > 0) {
+      // Never from a descriptor that took over the channel's number: the
+      // channel was closed from outside, and waiting on it is over.
+      FileId id;
+      if (!fileIdentity(channel.readEnd, &id) || id != channel.readId) return false;
       char byte;
       const ssize_t n = read(pfd.fd, &byte, 1);
       if (n == 1) return true;
