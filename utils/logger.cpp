@@ -181,9 +181,9 @@ class Logger::LineQueue {
   bool drainPending_ = false;  // the writer is awake or woken
   int roomWaiters_ = 0;
   int flushWaiters_ = 0;
-  // The thread that holds mutex_ outside the writer (0: none, or the
-  // writer): the crash drain does not wait for a lock its faulting thread
-  // holds.
+  // The thread that holds mutex_ in post(), flush() or limitChanged() (0:
+  // none, or the writer in its own work): the crash drain does not wait
+  // for a lock its faulting thread holds.
   std::atomic<uint64_t> owner_{0};
   // True while the writer writes a batch it took, without the lock.
   std::atomic<bool> writing_{false};
