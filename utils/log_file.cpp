@@ -85,6 +85,27 @@ void LogFile::setLimits(int maxSize, int maxCount) {
   mMaxFileCount.store(maxCount < 0 ? 0 : maxCount > kMaxFileCount ? kMaxFileCount : maxCount);
 }
 
+void LogFile::lockForFork() { directoryTexts().mutex.lock(); }
+
+void LogFile::unlockAfterFork() { directoryTexts().mutex.unlock(); }
+
+void LogFile::afterForkInChild(int64_t pid) {
+  if (mFile != platform::kNoFile) platform::closeFile(mFile);
+  mFile = platform::kNoFile;
+  mFileId = platform::FileId();
+  mFileOffset = -1;
+  mRunPosition = -1;
+  mFileIndex = 0;
+  mForkedPid = pid;
+  // The directory, the start time and the name are chosen again.
+  mCurDate.clear();
+}
+
+bool LogFile::descriptorStillOurs() const {
+  platform::FileId id;
+  return platform::fileIdentity(mFile, &id) && id == mFileId;
+}
+
 int LogFile::logFileInit() {
   updateLogDir();
   mDirLen = mLogDir.size();
@@ -93,9 +114,16 @@ int LogFile::logFileInit() {
 
 const char* LogFile::todayDateDir() {
   const int64_t second = platform::wallClockMs() / 1000;
+  // Without the C library's local time: the writer must not wait for its
+  // time-zone lock, which a thread that faulted may hold for good while
+  // the crash drain waits for the writer. The offset from UTC is the one
+  // the threads that log saw last.
   if (second != mTodaySecond) {
     std::tm tm{};
-    platform::localTime(static_cast<std::time_t>(second), &tm);
+    int year = 0;
+    crash::localDate(second, &year, &tm.tm_mon, &tm.tm_mday);
+    tm.tm_year = year - 1900;
+    tm.tm_mon -= 1;
     platform::formatDateDir(mTodayDateDir, sizeof(mTodayDateDir), tm);
     mTodaySecond = second;
   }
@@ -105,7 +133,8 @@ const char* LogFile::todayDateDir() {
 std::string LogFile::getPrefix() {
   const std::string processName = get_process_name();
   std::tm tm{};
-  platform::localTime(static_cast<std::time_t>(platform::wallClockMs() / 1000), &tm);
+  const int64_t now = platform::wallClockMs() / 1000;
+  if (platform::localTime(static_cast<std::time_t>(now), &tm)) crash::noteLocalTime(now, tm);
   char date[kPathSize];
   platform::formatDateDir(date, sizeof(date), tm);
 
@@ -117,7 +146,7 @@ std::string LogFile::getPrefix() {
   retention::markDue();  // start-up or a change of day
   platform::formatStartTime(mStartTimeBuf, sizeof(mStartTimeBuf), tm);
   mStartTime = mStartTimeBuf;
-  mProcessName = processName;
+  mProcessName = mForkedPid != 0 ? processName + "." + std::to_string(mForkedPid) : processName;
   const std::string defaultBase = platform::defaultLogBase();
   mBase = texts.fixedDirPrefix.empty() ? defaultBase : texts.fixedDirPrefix;
   if (texts.fixedDirPrefix.empty()) {
@@ -168,6 +197,14 @@ void LogFile::updateLogDir() {
 }
 
 platform::FileHandle LogFile::getFile() {
+  if (mFile != platform::kNoFile && !descriptorStillOurs()) {
+    // Closed from outside, its number maybe reused: not ours to close. The
+    // live file is opened again at its path.
+    crash::setLiveFile(platform::kNoFile);
+    mFile = platform::kNoFile;
+    mFileOffset = -1;
+    mRunPosition = -1;
+  }
   if (mFile != platform::kNoFile) {
     // One file-status query answers both whether a regular file is still at
     // the name and how large it is. The live file's position is the size
@@ -226,6 +263,12 @@ platform::FileHandle LogFile::getFile() {
     return platform::kNoFile;
   }
   mFile = openLiveFile();
+  // Its identity, for descriptorStillOurs(); a file that cannot tell it is
+  // not used.
+  if (mFile != platform::kNoFile && !platform::fileIdentity(mFile, &mFileId)) {
+    platform::closeFile(mFile);
+    mFile = platform::kNoFile;
+  }
   if (mFile == platform::kNoFile && platform::isLinkAt(mDayDir, mFileName.c_str())) {
     mFileOffset = -1;
     mRunPosition = -1;

@@ -43,6 +43,20 @@ class LogFile {
   // was chosen. Threads: any thread.
   static std::string currentDir();
 
+  // Around fork(): the process-wide directory texts are locked in the
+  // forking thread before the fork and unlocked after it, in the parent and
+  // in the child.
+  static void lockForFork();
+  static void unlockAfterFork();
+
+  // In a forked child (from the fork handler, alone): the live file is the
+  // parent's; the child's copy of its descriptor is closed, and the child
+  // opens a file of its own at its next line, in the directory chosen
+  // anew, with its own start time and with `pid` added to the process part
+  // of the name ("zel.log.<process>.<pid>.<hhmmss>.txt"), so that it
+  // differs from the parent's and from every sibling's.
+  void afterForkInChild(int64_t pid);
+
   // Sets the size limit of the live file in bytes and the number of files
   // kept, for the lines written from now on. A negative size is taken as 0;
   // a count is held in 0..256 (0 and 256 both keep 256 files). Threads: any
@@ -112,6 +126,10 @@ class LogFile {
   static const char* fileNameOf(const char* path);
   // Records a refusal of `path` and reports it once.
   void refuse(const std::string& path, platform::DirCheck check);
+  // True while mFile still is the file this writer opened: a process may
+  // close every descriptor (a daemon does) and open another file under the
+  // same number, which must never get the log's lines.
+  bool descriptorStillOurs() const;
   // Applies the retention settings when they are due (start-up, change of
   // day, new settings).
   void applyRetentionIfDue();
@@ -132,6 +150,8 @@ class LogFile {
   std::atomic<int32_t> mMaxFileSize;
 
   platform::FileHandle mFile = platform::kNoFile;  // the live file
+  platform::FileId mFileId;                        // its identity when opened
+  int64_t mForkedPid = 0;                          // a forked child's process id, else 0
   char mFilePath[kPathSize] = {0};                 // its path
   std::string mFileName;                           // its name in mDayDir
   // The live file's day directory, open: the file is renamed and the

@@ -11,6 +11,7 @@
 #include <limits>
 #include <string>
 
+#include "utils/log_crash.h"
 #include "utils/logger.h"
 #include "utils/platform.h"
 
@@ -32,7 +33,9 @@ const std::tm& localTimeOf(std::time_t second) {
   thread_local std::time_t cachedSecond = std::numeric_limits<std::time_t>::min();
   thread_local std::tm cachedTm{};
   if (second != cachedSecond) {
-    platform::localTime(second, &cachedTm);
+    // The offset from UTC it shows is kept for the writer and the crash
+    // drain, which take no local time from the C library.
+    if (platform::localTime(second, &cachedTm)) crash::noteLocalTime(second, cachedTm);
     cachedSecond = second;
   }
   return cachedTm;

@@ -78,6 +78,10 @@ bool takeDue(int* days, int64_t* totalBytes) {
   return true;
 }
 
+void lockForFork() { settings().mutex.lock(); }
+
+void unlockAfterFork() { settings().mutex.unlock(); }
+
 void markDue() {
   Settings& s = settings();
   std::lock_guard<std::mutex> lock(s.mutex);

@@ -54,6 +54,11 @@ bool parseLogFileName(const std::string& name, std::string* startTime, int* inde
 int apply(const std::string& base, int days, int64_t totalBytes, const std::string& livePath,
           int64_t today);
 
+// Around fork(): the settings are locked in the forking thread before the
+// fork and unlocked after it, in the parent and in the child.
+void lockForFork();
+void unlockAfterFork();
+
 }  // namespace retention
 }  // namespace zel
 

@@ -1,5 +1,6 @@
 #include "utils/logger.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <new>
@@ -64,6 +65,21 @@ std::atomic<uint64_t> sDroppedLines{0};
 // True on the writer thread, which must not wait for its own queue.
 thread_local bool tOnWriterThread = false;
 
+// The calling thread's operating-system id, asked once per thread (and
+// again in a forked child, whose thread has an id of its own).
+thread_local uint64_t tThreadId = 0;
+
+uint64_t selfId() {
+  if (tThreadId == 0) tThreadId = platform::currentThreadId();
+  return tThreadId;
+}
+
+// Set in a forked child: the writer thread and the crash drain's thread are
+// the parent's and not in the child; the next line makes them anew.
+std::atomic<bool> sWriterLost{false};
+// Serialises making them anew; made anew itself in the child.
+std::mutex* sRestartMutex = new std::mutex;  // never destroyed
+
 }  // namespace
 
 // The lines posted and not yet written, in posting order, and the writer's
@@ -103,6 +119,26 @@ class Logger::LineQueue {
   // Called when the drain message's work ended with an exception: counts
   // and reports it, and lets the next wake start a new drain.
   void drainFailed();
+  // The crash drain's flush (crash::DrainFunction): waits until the lines
+  // queued so far are written, at most until `deadlineNs`, and never for
+  // the queue's lock while `faultingThread` holds it (it never lets go).
+  void crashFlush(uint64_t faultingThread, int64_t deadlineNs);
+
+  // A fault of the writer thread (crash::WriterFaultFunction's work, in the
+  // fatal handler): writes the lines of the run being gathered and the
+  // line being handed to a backend.
+  void writeGathered();
+
+  // Around fork(): the queue's lock (and the locks the writer takes) are
+  // held across the fork, so that the child finds them in a known state;
+  // in the child the queue is reset to the lines the child posts.
+  static void forkPrepare();
+  static void forkParent();
+  static void forkChild();
+
+  // In a forked child, at its first line: a writer thread of its own, and
+  // the crash drain's thread anew.
+  void restartWriter();
 
  private:
   // How far the writing of a block's records got: the next record, where
@@ -219,12 +255,24 @@ class Logger::LineQueue {
   bool drainPending_ = false;  // the writer is awake or woken
   int roomWaiters_ = 0;
   int flushWaiters_ = 0;
+  // The thread that holds mutex_ in post(), flush() or limitChanged() (0:
+  // none, or the writer in its own work): the crash drain does not wait
+  // for a lock its faulting thread holds.
+  std::atomic<uint64_t> owner_{0};
+  // True while the writer writes a batch it took, without the lock.
+  std::atomic<bool> writing_{false};
 
   // Writer thread only.
   std::vector<std::unique_ptr<Block>> batch_;  // the blocks being written
   std::vector<platform::WriteBuffer> pieces_;  // the run being built
   std::vector<std::size_t> runLines_;          // its lines' lengths in the file
   std::atomic<uint64_t> writerFailures_{0};    // exceptions caught on the writer thread
+  // While the writer hands a line to the backends: the run's file, and the
+  // line's text as the file gets it (for a fault inside a backend).
+  std::atomic<bool> forwarding_{false};
+  platform::FileHandle runFile_ = platform::kNoFile;
+  const char* forwardText_ = nullptr;
+  std::size_t forwardLength_ = 0;
 
   static std::atomic<void*> sSpareDrain;  // the memory of one drain message
 };
@@ -340,6 +388,7 @@ bool Logger::LineQueue::writerRunning() {
 }
 
 bool Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
+  owner_.store(0, std::memory_order_relaxed);
   if (drainPending_) {
     lock->unlock();
     return true;
@@ -382,15 +431,16 @@ bool Logger::LineQueue::waitForRoom(std::unique_lock<std::mutex>* lock, std::siz
     if (!drainPending_) {
       // The writer is asleep with lines queued (its wake failed): wake it,
       // or give the line up when that fails again.
-      if (!wake(lock)) {
-        lock->lock();
-        return false;
-      }
+      const bool woken = wake(lock);
       lock->lock();
+      owner_.store(selfId(), std::memory_order_relaxed);
+      if (!woken) return false;
       continue;
     }
     ++roomWaiters_;
+    owner_.store(0, std::memory_order_relaxed);
     room_.wait(*lock);
+    owner_.store(selfId(), std::memory_order_relaxed);
     --roomWaiters_;
   }
 }
@@ -414,13 +464,16 @@ bool Logger::LineQueue::append(const char* text, std::size_t size, bool forward)
 }
 
 void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
+  if (sWriterLost.load(std::memory_order_acquire)) restartWriter();
   std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
   LineQueue::lock(&lock);
+  owner_.store(selfId(), std::memory_order_relaxed);
   if (!writerRunning()) {
     // No writer: nothing could write the line, and no caller may wait for
     // one. It is dropped and counted; the notice is written once a writer
     // runs.
     noteDropped(kNoWriter);
+    owner_.store(0, std::memory_order_relaxed);
     return;
   }
   // Drops not noticed yet (no memory then) come before this line.
@@ -436,7 +489,9 @@ void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
 
 void Logger::LineQueue::flush() {
   if (tOnWriterThread) return;
+  const uint64_t self = selfId();
   std::unique_lock<std::mutex> lock(mutex_);
+  owner_.store(self, std::memory_order_relaxed);
   appendNotices();
   const uint64_t target = posted_.load(std::memory_order_relaxed);
   while (done_ < target) {
@@ -444,19 +499,150 @@ void Logger::LineQueue::flush() {
       // Lines are queued and the writer sleeps: its wake failed, or it has
       // no thread. Wake it; when that cannot be done the lines stay queued
       // for the next line's wake and the flush returns.
-      if (!writerRunning() || !wake(&lock)) return;
+      if (!writerRunning()) break;
+      if (!wake(&lock)) return;
       lock.lock();
+      owner_.store(self, std::memory_order_relaxed);
       continue;
     }
     ++flushWaiters_;
+    owner_.store(0, std::memory_order_relaxed);
     written_.wait(lock);
+    owner_.store(self, std::memory_order_relaxed);
     --flushWaiters_;
   }
+  owner_.store(0, std::memory_order_relaxed);
 }
 
 void Logger::LineQueue::limitChanged() {
   std::lock_guard<std::mutex> lock(mutex_);
+  owner_.store(selfId(), std::memory_order_relaxed);
   if (roomWaiters_ > 0) room_.notify_all();
+  owner_.store(0, std::memory_order_relaxed);
+}
+
+void Logger::LineQueue::crashFlush(uint64_t faultingThread, int64_t deadlineNs) {
+  // The faulting thread is stopped in its signal handler for good: a lock
+  // it holds is never let go, and waiting for it would only run out the
+  // handler's wait. Then the lines queued behind that lock cannot be
+  // reached (the thread may have stopped half-way through changing the
+  // queue); the ones the writer took already are written by the writer,
+  // which needs no lock for them. Anyone else holds the lock for well
+  // under a microsecond.
+  std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
+  while (!lock.try_lock()) {
+    if (owner_.load(std::memory_order_relaxed) == faultingThread) {
+      while (writing_.load(std::memory_order_acquire) && platform::monotonicNs() < deadlineNs) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+      }
+      return;
+    }
+    if (platform::monotonicNs() >= deadlineNs) return;
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+  }
+  const uint64_t target = posted_.load(std::memory_order_relaxed);
+  if (done_ >= target) return;
+  ++flushWaiters_;
+  const int64_t left = deadlineNs - platform::monotonicNs();
+  if (left > 0) {
+    written_.wait_for(lock, std::chrono::nanoseconds(left),
+                      [this, target] { return done_ >= target; });
+  }
+  --flushWaiters_;
+}
+
+void Logger::LineQueue::writeGathered() {
+  if (!forwarding_.load(std::memory_order_acquire)) return;
+  // The lines gathered before the one a backend was given are not in the
+  // file yet (the run is written after the gathering); the line itself is
+  // written too, since it is whole. Whatever comes behind stays unwritten:
+  // the thread that writes it is the one that failed.
+  platform::writeAll(runFile_, pieces_.data(), pieces_.size());
+  if (forwardLength_ > 0) {
+    const platform::WriteBuffer line{forwardText_, forwardLength_};
+    platform::writeAll(runFile_, &line, 1);
+  }
+}
+
+void Logger::LineQueue::forkPrepare() {
+  Logger* logger = sLogger.load(std::memory_order_acquire);
+  if (logger == nullptr) return;
+  // In the order the writer takes them: a backend (called under the
+  // backend lock) may log or set the base.
+  logger->mBackendLock.lock();
+  LogFile::lockForFork();
+  retention::lockForFork();
+  logger->mQueue->mutex_.lock();
+}
+
+void Logger::LineQueue::forkParent() {
+  Logger* logger = sLogger.load(std::memory_order_acquire);
+  if (logger == nullptr) return;
+  logger->mQueue->mutex_.unlock();
+  retention::unlockAfterFork();
+  LogFile::unlockAfterFork();
+  logger->mBackendLock.unlock();
+}
+
+void Logger::LineQueue::forkChild() {
+  Logger* logger = sLogger.load(std::memory_order_acquire);
+  if (logger == nullptr) return;
+  // The child has only the forking thread. The lines queued in the parent
+  // are the parent's to write: the child's queue starts empty, and nobody
+  // waits in it. The condition variables are made anew: their waiters are
+  // threads of the parent.
+  LineQueue& queue = *logger->mQueue;
+  tThreadId = 0;
+  tOnWriterThread = false;
+  new (&queue.room_) std::condition_variable;
+  new (&queue.written_) std::condition_variable;
+  queue.blocks_.clear();
+  queue.batch_.clear();
+  queue.pieces_.clear();
+  queue.runLines_.clear();
+  queue.queuedBytes_ = 0;
+  queue.queuedRecords_ = 0;
+  for (uint64_t& count : queue.unnotedDrops_) count = 0;
+  queue.done_ = queue.posted_.load(std::memory_order_relaxed);
+  queue.drainPending_ = false;
+  queue.roomWaiters_ = 0;
+  queue.flushWaiters_ = 0;
+  queue.owner_.store(0, std::memory_order_relaxed);
+  queue.writing_.store(false, std::memory_order_relaxed);
+  queue.forwarding_.store(false, std::memory_order_relaxed);
+  sDroppedLines.store(0, std::memory_order_relaxed);
+  // A live file of its own, named with the child's process id.
+  logger->mLogFile->afterForkInChild(platform::processId());
+  crash::afterForkInChild();
+  sRestartMutex = new (sRestartMutex) std::mutex;
+  sWriterLost.store(true, std::memory_order_release);
+  queue.mutex_.unlock();
+  retention::unlockAfterFork();
+  LogFile::unlockAfterFork();
+  // A reader-writer lock remembers its writer by thread id, which the
+  // child's thread does not share with the parent's: it is made anew.
+  new (&logger->mBackendLock) std::shared_mutex;
+}
+
+void Logger::LineQueue::restartWriter() {
+  std::lock_guard<std::mutex> lock(*sRestartMutex);
+  if (!sWriterLost.load(std::memory_order_acquire)) return;
+  // The parent's writer (its Looper) belongs to a thread the child does
+  // not have: it can be neither stopped nor freed, and is left alone.
+  static_cast<void>(logger_->mWriter.release());
+  auto writer = std::make_unique<Writer>();
+  writer->looper = std::make_unique<Looper>();
+  Logger* logger = logger_;
+  writer->handler = [logger](LogInfo* info) { logger->writeLog(info); };
+  try {
+    writer->looper->Start();
+  } catch (...) {
+    // No thread now: post() finds the writer stopped, drops and counts the
+    // line, and tries again with the next one.
+  }
+  logger_->mWriter = std::move(writer);
+  crash::restartAfterFork();
+  sWriterLost.store(false, std::memory_order_release);
 }
 
 void Logger::LineQueue::drain() {
@@ -465,22 +651,31 @@ void Logger::LineQueue::drain() {
     {
       // The last block written is accounted for together with taking the
       // next batch: one lock per batch while lines trickle in.
+      writing_.store(false, std::memory_order_release);
       std::lock_guard<std::mutex> lock(mutex_);
-      if (!batch_.empty()) release(std::move(batch_.back()));
+      for (std::unique_ptr<Block>& block : batch_) {
+        if (block) release(std::move(block));
+      }
       batch_.clear();
       if (blocks_.empty() && !linger()) {
         drainPending_ = false;
         return;
       }
       batch_.swap(blocks_);
+      writing_.store(true, std::memory_order_relaxed);
     }
     for (std::size_t b = 0; b < batch_.size(); ++b) {
       Block& block = *batch_[b];
       writeSafely(block.text.get(), block.records.data(), block.records.size());
       if (b + 1 == batch_.size()) break;
       // A backlog: give each block's room back as soon as it is written.
-      std::lock_guard<std::mutex> lock(mutex_);
-      release(std::move(batch_[b]));
+      // The writer does not wait for the lock here: while it holds blocks
+      // it took, it needs no lock to write them, and the crash drain counts
+      // on that (a thread that faulted holding the lock never lets go).
+      // Room that cannot be given back now is given back after the batch.
+      std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
+      for (int i = 0; i < 100 && !lock.owns_lock(); ++i) lock.try_lock();
+      if (lock.owns_lock()) release(std::move(batch_[b]));
     }
   }
 }
@@ -506,6 +701,7 @@ void Logger::LineQueue::drainFailed() {
   // The drain ended early: the blocks it had taken are given up (their
   // lines are lost, counted in the failure), and the next wake starts a
   // new drain.
+  writing_.store(false, std::memory_order_release);
   std::lock_guard<std::mutex> lock(mutex_);
   for (std::unique_ptr<Block>& block : batch_) {
     if (block) release(std::move(block));
@@ -560,6 +756,7 @@ void Logger::LineQueue::writeSafely(const char* text, const uint64_t* records,
       // Out of memory in the file's work (rotation, retention, paths):
       // the lines before the run are written; the run is tried again, and
       // a record that throws again is given up so that the writer goes on.
+      forwarding_.store(false, std::memory_order_relaxed);
       writerFailed();
       if (at.record != failedAt) {
         failedAt = at.record;
@@ -666,7 +863,16 @@ void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, 
         // Counted at once, so that a run tried again after an exception
         // does not hand the line to the backends twice.
         forwarded = end + 1;
-        if ((records[end] & kRecordForward) != 0) forward(line, size);
+        if ((records[end] & kRecordForward) != 0) {
+          // Kept for a fault inside a backend: the crash handler writes the
+          // run gathered so far and this line.
+          runFile_ = handle;
+          forwardText_ = line;
+          forwardLength_ = length;
+          forwarding_.store(true, std::memory_order_release);
+          forward(line, size);
+          forwarding_.store(false, std::memory_order_relaxed);
+        }
       }
       endOffset += size;
       ++end;
@@ -763,6 +969,10 @@ int Logger::init() {
     // No thread for the writer now: lines are dropped and counted, and
     // each new line tries to start it again.
   }
+  // A forked child gets a writer of its own at its first line; see
+  // LineQueue::forkChild().
+  platform::registerForkHandlers(&LineQueue::forkPrepare, &LineQueue::forkParent,
+                                 &LineQueue::forkChild);
   return 0;
 }
 
@@ -807,7 +1017,15 @@ uint64_t Logger::BackendFailures() const { return mBackendFailures.load(); }
 
 int Logger::InstallCrashHandler() {
   try {
-    return crash::install(GetInstance());
+    GetInstance();
+    return crash::install(
+        [](uint64_t faultingThread, int64_t deadlineNs) {
+          sLogger.load(std::memory_order_acquire)->mQueue->crashFlush(faultingThread, deadlineNs);
+        },
+        [] {
+          Logger* logger = sLogger.load(std::memory_order_acquire);
+          if (logger != nullptr) logger->mQueue->writeGathered();
+        });
   } catch (...) {
     return -1;
   }

@@ -252,12 +252,16 @@ class ZEL_API Logger : public LogBackend {
   // process on POSIX, which waits the default) are waited for that, and
   // then one line of its own is
   // written to the live file: "<prefix>zel log: fatal signal <N> (<name>)"
-  // (on Windows "fatal exception 0x<code> (<name>)"). The handler that was
-  // installed before is then put back and the fault raised again, so the
-  // exit status and core dump are those without the drain; handlers
-  // installed before are chained, not replaced. A second fault while
-  // draining, or a writer that does not finish in time, goes on to the
-  // previous handler at once. Creates the Logger when needed and starts one
+  // (on Windows "fatal exception 0x<code> (<name>)"). The process then ends
+  // as it would have without the drain (exit status, core dump). Handlers
+  // installed before are chained, not replaced: an earlier handler of a
+  // fault raised by an instruction is called first and may recover (then
+  // nothing is written); for SIGABRT and signals sent with kill or raise
+  // the lines are written first, then the earlier handler is called. A
+  // second thread's fault while draining waits for the first one's drain;
+  // a writer that does not finish in time is given up. The drain never
+  // waits for a lock the faulting thread holds. See
+  // docs/logging-crash-fork.md. Creates the Logger when needed and starts one
   // thread that waits for a fault. On POSIX the handler runs on an
   // alternate signal stack on the calling thread (call it from the main
   // thread, early). Returns 0, or -1 when it could not be installed.

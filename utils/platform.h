@@ -187,6 +187,35 @@ int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
 // by writeAll(): `size` on POSIX; on Windows one more for each '\n'.
 std::size_t writtenLength(const char* text, std::size_t size);
 
+// The identity of an open file: its device and inode on POSIX, its volume
+// serial number and file index on Windows. Two handles with the same
+// identity reach the same file.
+struct FileId {
+  uint64_t device = 0;
+  uint64_t node = 0;
+  bool operator==(const FileId& other) const {
+    return device == other.device && node == other.node;
+  }
+  bool operator!=(const FileId& other) const { return !(*this == other); }
+};
+
+// Fills `*id` with the identity of the open `file`. Returns false when it
+// cannot be had (a handle that is no longer open). Safe in a signal handler.
+bool fileIdentity(FileHandle file, FileId* id);
+
+// The id of the calling process.
+int64_t processId();
+
+// Registers `prepare`, `parent` and `child` to run around every fork() of
+// the process, as pthread_atfork does: `prepare` in the forking thread
+// before the fork, `parent` in it after, `child` in the child's only
+// thread. Windows has no fork: nothing is registered there. Returns false
+// when they could not be registered.
+bool registerForkHandlers(void (*prepare)(), void (*parent)(), void (*child)());
+
+// Sleeps about `ms` milliseconds. Safe in a signal handler.
+void pauseMs(int64_t ms);
+
 // The size in bytes of the open `file`, or -1 when it cannot be had.
 int64_t fileSize(FileHandle file);
 
@@ -364,17 +393,32 @@ int64_t localOffsetSeconds(std::time_t t);
 struct WakeChannel {
   FileHandle readEnd = kNoFile;
   FileHandle writeEnd = kNoFile;
+  FileId readId;  // the identity of each end when it was made (POSIX)
+  FileId writeId;
 };
 
 // Makes `channel` (not inherited by child processes). Returns false on
 // failure.
 bool makeWakeChannel(WakeChannel* channel);
 
-// Wakes the waiter of `channel`. Safe in a signal handler.
+// True while both ends of `channel` are still the channel made by
+// makeWakeChannel(): on POSIX a process may close every descriptor (a
+// daemon does after fork) and open others under the same numbers, and a
+// wake-up must never be written into those. Always true on Windows. Safe in
+// a signal handler.
+bool wakeChannelIntact(const WakeChannel& channel);
+
+// Closes both ends of `channel` and leaves it empty (kNoFile): in a forked
+// child, whose copy of the parent's channel is shared with the parent.
+void closeWakeChannel(WakeChannel* channel);
+
+// Wakes the waiter of `channel`; does nothing once the channel is no longer
+// intact (wakeChannelIntact()). Safe in a signal handler.
 void wakeSend(const WakeChannel& channel);
 
 // Waits for one wake-up on `channel`, at most `timeoutMs` milliseconds
-// (negative: for ever). Returns true when woken, false on timeout or error.
+// (negative: for ever). Returns true when woken, false on timeout or error,
+// and false once the channel is no longer intact (wakeChannelIntact()).
 // Safe in a signal handler.
 bool wakeWait(const WakeChannel& channel, int64_t timeoutMs);
 
@@ -383,17 +427,41 @@ bool wakeWait(const WakeChannel& channel, int64_t timeoutMs);
 // only what is safe in a signal handler.
 using FatalHook = void (*)(uint32_t code, const char* name);
 
+// Called by the fatal handler after `hook` ran when the process goes on all
+// the same (an earlier handler took the signal and returned).
+using ResumeHook = void (*)();
+
 // True where the fatal handler reports exception codes (Windows), false
 // where it reports signal numbers (POSIX).
 extern const bool kFatalCodeIsException;
 
-// Installs `hook` for the faults that end the process: SIGSEGV, SIGBUS,
+// Installs `hook` (and `resume`) for the faults that end the process: SIGSEGV, SIGBUS,
 // SIGILL, SIGFPE and SIGABRT on POSIX (on an alternate signal stack for the
-// calling thread), the unhandled-exception filter on Windows. After the hook
-// returns the previous handler is restored and the fault raised again (on
-// Windows the previous filter is called), so the process ends as it would
-// have without it. Installing twice installs once. Returns false on failure.
-bool installFatalHandler(FatalHook hook);
+// calling thread), the unhandled-exception filter on Windows. Installing
+// twice installs once. Returns false on failure.
+//
+// On POSIX the handler that was installed before for the signal (the
+// earlier handler) keeps working as it did:
+// - A fault raised by an instruction (SIGSEGV, SIGBUS, SIGILL, SIGFPE with
+//   a kernel si_code) with an earlier handler: the earlier handler is called
+//   first, directly, with the fault's own siginfo_t and context, under its
+//   own signal mask and flags. If it jumps away, nothing more happens; if it
+//   returns, the handler returns and the instruction runs again. The same
+//   fault again on the same thread (same address, same instruction) has not
+//   been recovered from: `hook` runs and the signal's default action ends
+//   the process. An earlier handler that returns with the signal pending
+//   (it raised it again to end the process) gets `hook` run before the
+//   signal is delivered.
+// - SIGABRT, and any signal sent with kill, raise or sigqueue, cannot be
+//   undone by returning from a handler: `hook` runs first, then the earlier
+//   handler (called directly with the signal's siginfo_t); when it returns
+//   the process goes on, and `resume` is called.
+// - Without an earlier handler (the default action): `hook` runs, then the
+//   default action ends the process as it would have without the handler.
+//   A signal sent to a process that ignored it stays ignored (no hook).
+// On Windows `hook` runs and then the previous filter is called; when that
+// continues the execution, `resume` is called.
+bool installFatalHandler(FatalHook hook, ResumeHook resume);
 
 // True while the process is ending and the operating system has already
 // ended its other threads: on Windows, during the DLL detach of process exit

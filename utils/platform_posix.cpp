@@ -2,12 +2,14 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <time.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -255,6 +257,28 @@ int64_t writeAll(FileHandle file, const WriteBuffer* buffers, std::size_t count,
 }
 
 std::size_t writtenLength(const char* /*text*/, std::size_t size) { return size; }
+
+bool fileIdentity(FileHandle file, FileId* id) {
+  struct stat st;
+  if (file == kNoFile || fstat(static_cast<int>(file), &st) != 0) return false;
+  id->device = static_cast<uint64_t>(st.st_dev);
+  id->node = static_cast<uint64_t>(st.st_ino);
+  return true;
+}
+
+int64_t processId() { return static_cast<int64_t>(getpid()); }
+
+bool registerForkHandlers(void (*prepare)(), void (*parent)(), void (*child)()) {
+  return pthread_atfork(prepare, parent, child) == 0;
+}
+
+void pauseMs(int64_t ms) {
+  struct timespec ts;
+  ts.tv_sec = static_cast<time_t>(ms / 1000);
+  ts.tv_nsec = static_cast<long>(ms % 1000) * 1000000;
+  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+  }
+}
 
 int64_t fileSize(FileHandle file) {
   struct stat st;
@@ -522,10 +546,29 @@ bool makeWakeChannel(WakeChannel* channel) {
   if (pipe2(fds, O_CLOEXEC) != 0) return false;
   channel->readEnd = fds[0];
   channel->writeEnd = fds[1];
+  fileIdentity(fds[0], &channel->readId);
+  fileIdentity(fds[1], &channel->writeId);
   return true;
 }
 
+bool wakeChannelIntact(const WakeChannel& channel) {
+  FileId read;
+  FileId write;
+  return channel.readEnd != kNoFile && channel.writeEnd != kNoFile &&
+         fileIdentity(channel.readEnd, &read) && read == channel.readId &&
+         fileIdentity(channel.writeEnd, &write) && write == channel.writeId;
+}
+
+void closeWakeChannel(WakeChannel* channel) {
+  if (channel->readEnd != kNoFile) close(static_cast<int>(channel->readEnd));
+  if (channel->writeEnd != kNoFile) close(static_cast<int>(channel->writeEnd));
+  *channel = WakeChannel();
+}
+
 void wakeSend(const WakeChannel& channel) {
+  // Never into a descriptor that took over the channel's number.
+  FileId id;
+  if (!fileIdentity(channel.writeEnd, &id) || id != channel.writeId) return;
   const char byte = 1;
   ssize_t n;
   do {
@@ -548,6 +591,10 @@ bool wakeWait(const WakeChannel& channel, int64_t timeoutMs) {
     const int ready = poll(&pfd, 1, wait);
     if (ready < 0 && errno != EINTR) return false;
     if (ready > 0) {
+      // Never from a descriptor that took over the channel's number: the
+      // channel was closed from outside, and waiting on it is over.
+      FileId id;
+      if (!fileIdentity(channel.readEnd, &id) || id != channel.readId) return false;
       char byte;
       const ssize_t n = read(pfd.fd, &byte, 1);
       if (n == 1) return true;
@@ -563,6 +610,7 @@ constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
 constexpr int kFatalSignalCount = sizeof(kFatalSignals) / sizeof(kFatalSignals[0]);
 
 FatalHook sFatalHook = nullptr;
+ResumeHook sResumeHook = nullptr;
 struct sigaction sPreviousActions[kFatalSignalCount];
 
 const char* signalName(int sig) {
@@ -582,25 +630,188 @@ const char* signalName(int sig) {
   }
 }
 
-void onFatalSignal(int sig, siginfo_t*, void*) {
-  const int savedErrno = errno;
-  sFatalHook(static_cast<uint32_t>(sig), signalName(sig));
-  // Put the previous handler back and raise the signal again: it is blocked
-  // while this handler runs, so it is delivered to the previous handler (or
-  // ends the process, with a core dump where the default does that) as soon
-  // as this handler returns. A fault of the code returned to would fault
-  // again in any case.
+int fatalIndex(int sig) {
   for (int i = 0; i < kFatalSignalCount; ++i) {
-    if (kFatalSignals[i] == sig) sigaction(sig, &sPreviousActions[i], nullptr);
+    if (kFatalSignals[i] == sig) return i;
   }
+  return -1;
+}
+
+// The instruction that faulted, from the interrupted context; 0 where the
+// architecture is not known here (then the address alone tells faults apart).
+uintptr_t faultingInstruction(void* context) {
+  if (context == nullptr) return 0;
+  const auto* uc = static_cast<const ucontext_t*>(context);
+#if defined(__x86_64__)
+  return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_RIP]);
+#elif defined(__i386__)
+  return static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_EIP]);
+#elif defined(__aarch64__)
+  return static_cast<uintptr_t>(uc->uc_mcontext.pc);
+#elif defined(__arm__)
+  return static_cast<uintptr_t>(uc->uc_mcontext.arm_pc);
+#else
+  (void)uc;
+  return 0;
+#endif
+}
+
+// The last fault each thread handed to an earlier handler, so that the same
+// fault coming back (the handler returned without curing it) is recognised
+// as not recovered. A fixed table: nothing is allocated in the handler. A
+// thread finds its slot by its id; when every slot is taken, slots are
+// shared by id, and a fault can then be handed to the earlier handler once
+// more before it is recognised.
+struct FaultRecord {
+  std::atomic<uint64_t> thread{0};
+  std::atomic<uintptr_t> address{0};
+  std::atomic<uintptr_t> instruction{0};
+  std::atomic<int> signal{0};
+};
+constexpr int kFaultRecords = 64;
+FaultRecord sFaultRecords[kFaultRecords];
+
+FaultRecord& faultRecordOf(uint64_t thread) {
+  for (FaultRecord& record : sFaultRecords) {
+    if (record.thread.load() == thread) return record;
+  }
+  for (FaultRecord& record : sFaultRecords) {
+    uint64_t expected = 0;
+    if (record.thread.compare_exchange_strong(expected, thread)) return record;
+    if (expected == thread) return record;
+  }
+  FaultRecord& shared = sFaultRecords[thread % kFaultRecords];
+  shared.thread.store(thread);
+  return shared;
+}
+
+// True when this thread's previous fault was this same one (same signal,
+// address and instruction); records it otherwise.
+bool sameFaultAgain(int sig, const siginfo_t* info, void* context) {
+  FaultRecord& record = faultRecordOf(currentThreadId());
+  const auto address = reinterpret_cast<uintptr_t>(info->si_addr);
+  const uintptr_t instruction = faultingInstruction(context);
+  if (record.signal.load() == sig && record.address.load() == address &&
+      record.instruction.load() == instruction) {
+    return true;
+  }
+  record.signal.store(sig);
+  record.address.store(address);
+  record.instruction.store(instruction);
+  return false;
+}
+
+bool isHandler(const struct sigaction& action) {
+  if ((action.sa_flags & SA_SIGINFO) != 0) return action.sa_sigaction != nullptr;
+  return action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
+}
+
+// Calls the earlier handler of `sig` as the kernel would have: with the
+// signal's own siginfo_t and context, the signal mask extended by its
+// sa_mask (and by `sig` itself unless SA_NODEFER), and SA_RESETHAND taking
+// it out after this one call. Our mask is put back when it returns; when it
+// jumps away (siglongjmp) it restores the mask it saved itself.
+void callEarlierHandler(int sig, siginfo_t* info, void* context, int index) {
+  const struct sigaction action = sPreviousActions[index];
+  if ((action.sa_flags & SA_RESETHAND) != 0) {
+    sPreviousActions[index].sa_handler = SIG_DFL;
+    sPreviousActions[index].sa_flags &= ~SA_SIGINFO;
+  }
+  sigset_t ours;
+  pthread_sigmask(SIG_BLOCK, nullptr, &ours);
+  sigset_t mask = ours;
+  for (int s = 1; s < NSIG; ++s) {
+    if (sigismember(&action.sa_mask, s) == 1) sigaddset(&mask, s);
+  }
+  if ((action.sa_flags & SA_NODEFER) != 0) {
+    sigdelset(&mask, sig);
+  } else {
+    sigaddset(&mask, sig);
+  }
+  pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  if ((action.sa_flags & SA_SIGINFO) != 0) {
+    action.sa_sigaction(sig, info, context);
+  } else {
+    action.sa_handler(sig);
+  }
+  pthread_sigmask(SIG_SETMASK, &ours, nullptr);
+}
+
+bool signalPending(int sig) {
+  sigset_t pending;
+  return sigpending(&pending) == 0 && sigismember(&pending, sig) == 1;
+}
+
+// Ends the process by the default action of `sig`: the signal is blocked
+// while this handler runs, so it is delivered (and ends the process, with a
+// core dump where the default does that) as soon as the handler returns.
+void endByDefaultAction(int sig) {
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  sigemptyset(&action.sa_mask);
+  sigaction(sig, &action, nullptr);
+  raise(sig);
+}
+
+void onFatalSignal(int sig, siginfo_t* info, void* context) {
+  const int savedErrno = errno;
+  const int index = fatalIndex(sig);
+  const struct sigaction& earlier = sPreviousActions[index];
+  // si_code > 0 is the kernel's report of a fault of an instruction; kill,
+  // raise, tgkill and sigqueue give SI_USER, SI_TKILL or SI_QUEUE (0 or
+  // below). SIGABRT comes from abort(), which never continues.
+  const bool fromInstruction = info != nullptr && info->si_code > 0 && sig != SIGABRT;
+  if (fromInstruction && isHandler(earlier)) {
+    // The earlier handler may cure the fault (a guard page it maps, a
+    // probe it jumps out of): it comes first, and the log stays out of the
+    // way unless the fault turns out to be fatal. Draining first would
+    // report a fault that is not one; raising the signal again for it would
+    // hand it SI_TKILL instead of the fault's own code and address.
+    if (!sameFaultAgain(sig, info, context)) {
+      callEarlierHandler(sig, info, context, index);
+      // It returned. With the signal pending it raised it to end the
+      // process (after resetting the action, the usual way to chain): the
+      // drain runs before that happens. Otherwise the instruction runs
+      // again: cured, or the same fault comes back here.
+      if (signalPending(sig)) sFatalHook(static_cast<uint32_t>(sig), signalName(sig));
+      errno = savedErrno;
+      return;
+    }
+    // The same fault again: the earlier handler did not cure it, and
+    // calling it again would loop for ever. The process ends here.
+    sFatalHook(static_cast<uint32_t>(sig), signalName(sig));
+    endByDefaultAction(sig);
+    errno = savedErrno;
+    return;
+  }
+  if (!fromInstruction && (earlier.sa_flags & SA_SIGINFO) == 0 && earlier.sa_handler == SIG_IGN) {
+    // A signal sent to a process that ignored it: nothing happens, as
+    // without this handler.
+    errno = savedErrno;
+    return;
+  }
+  // Abort and sent signals cannot be undone by returning from a handler,
+  // and without an earlier handler the default action ends the process:
+  // the lines are written first.
+  sFatalHook(static_cast<uint32_t>(sig), signalName(sig));
+  if (isHandler(earlier)) {
+    callEarlierHandler(sig, info, context, index);
+    sResumeHook();
+    errno = savedErrno;
+    return;
+  }
+  // The default action (or a fault the process ignored, which the kernel
+  // ends by default anyway).
+  sigaction(sig, &earlier, nullptr);
   errno = savedErrno;
   raise(sig);
 }
 
 }  // namespace
 
-bool installFatalHandler(FatalHook hook) {
+bool installFatalHandler(FatalHook hook, ResumeHook resume) {
   if (sFatalHook != nullptr) return true;
+  sResumeHook = resume;
   // The handler runs on an alternate stack, so that it runs after a stack
   // overflow of this thread too. The stack is never freed: the handler may
   // run until the process ends.

@@ -392,6 +392,23 @@ std::size_t writtenLength(const char* text, std::size_t size) {
   return length;
 }
 
+bool fileIdentity(FileHandle file, FileId* id) {
+  BY_HANDLE_FILE_INFORMATION info;
+  if (file == kNoFile || !GetFileInformationByHandle(reinterpret_cast<HANDLE>(file), &info)) {
+    return false;
+  }
+  id->device = info.dwVolumeSerialNumber;
+  id->node = (static_cast<uint64_t>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
+  return true;
+}
+
+int64_t processId() { return static_cast<int64_t>(GetCurrentProcessId()); }
+
+// Windows has no fork.
+bool registerForkHandlers(void (*)(), void (*)(), void (*)()) { return true; }
+
+void pauseMs(int64_t ms) { Sleep(static_cast<DWORD>(ms)); }
+
 int64_t fileSize(FileHandle file) {
   LARGE_INTEGER size;
   if (GetFileSizeEx(reinterpret_cast<HANDLE>(file), &size) == 0) return -1;
@@ -732,6 +749,19 @@ bool makeWakeChannel(WakeChannel* channel) {
   return true;
 }
 
+// Windows has no fork: a channel's handles stay the library's own.
+bool wakeChannelIntact(const WakeChannel& channel) {
+  return channel.readEnd != kNoFile && channel.writeEnd != kNoFile;
+}
+
+void closeWakeChannel(WakeChannel* channel) {
+  if (channel->readEnd != kNoFile) CloseHandle(reinterpret_cast<HANDLE>(channel->readEnd));
+  if (channel->writeEnd != kNoFile && channel->writeEnd != channel->readEnd) {
+    CloseHandle(reinterpret_cast<HANDLE>(channel->writeEnd));
+  }
+  *channel = WakeChannel();
+}
+
 void wakeSend(const WakeChannel& channel) { SetEvent(reinterpret_cast<HANDLE>(channel.writeEnd)); }
 
 bool wakeWait(const WakeChannel& channel, int64_t timeoutMs) {
@@ -743,6 +773,7 @@ bool wakeWait(const WakeChannel& channel, int64_t timeoutMs) {
 namespace {
 
 FatalHook sFatalHook = nullptr;
+ResumeHook sResumeHook = nullptr;
 LPTOP_LEVEL_EXCEPTION_FILTER sPreviousFilter = nullptr;
 
 const char* exceptionName(DWORD code) {
@@ -777,14 +808,19 @@ LONG WINAPI onUnhandledException(EXCEPTION_POINTERS* pointers) {
   sFatalHook(static_cast<uint32_t>(code), exceptionName(code));
   // Hand on to the filter that was there before; without one the system
   // ends the process as it would have.
-  if (sPreviousFilter != nullptr) return sPreviousFilter(pointers);
+  if (sPreviousFilter != nullptr) {
+    const LONG result = sPreviousFilter(pointers);
+    if (result == EXCEPTION_CONTINUE_EXECUTION) sResumeHook();
+    return result;
+  }
   return EXCEPTION_CONTINUE_SEARCH;
 }
 
 }  // namespace
 
-bool installFatalHandler(FatalHook hook) {
+bool installFatalHandler(FatalHook hook, ResumeHook resume) {
   if (sFatalHook != nullptr) return true;
+  sResumeHook = resume;
   sFatalHook = hook;
   sPreviousFilter = SetUnhandledExceptionFilter(onUnhandledException);
   return true;
