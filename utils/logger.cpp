@@ -8,6 +8,7 @@
 
 #include "utils/log_crash.h"
 #include "utils/log_file.h"
+#include "utils/log_levelled_backend.h"
 #include "utils/log_line.h"
 #include "utils/log_retention.h"
 #include "utils/platform.h"
@@ -29,11 +30,27 @@ constexpr std::size_t kBlockRecords = 2048;
 constexpr int64_t kLingerNs = 50 * 1000;
 constexpr std::size_t kDefaultQueueLimit = std::size_t{64} * 1024 * 1024;
 
-// A record of the line queue: the size of a line's text, or the number of
-// lines dropped at that point of the stream, and two flags.
+// A record of the line queue: the size of a line's text (bits 0-45), or the
+// number of lines dropped at that point of the stream, the line's level
+// (bits 46-61, 16 bits two's complement: what LevelledBackend receives), and
+// two flags.
 constexpr uint64_t kRecordForward = uint64_t{1} << 62;  // hand the line to the backends
 constexpr uint64_t kRecordDropped = uint64_t{1} << 63;  // a notice, not a line
-constexpr uint64_t kRecordValue = kRecordForward - 1;
+constexpr int kRecordLevelShift = 46;
+constexpr uint64_t kRecordValue = (uint64_t{1} << kRecordLevelShift) - 1;
+constexpr uint64_t kRecordLevel = uint64_t{0xFFFF} << kRecordLevelShift;
+
+// The level bits of a record for `level`, held in -32768..32767.
+uint64_t levelBits(int level) {
+  const int held = level < -32768 ? -32768 : (level > 32767 ? 32767 : level);
+  return static_cast<uint64_t>(static_cast<uint16_t>(static_cast<int16_t>(held)))
+         << kRecordLevelShift;
+}
+
+// The level that `record` carries.
+int recordLevel(uint64_t record) {
+  return static_cast<int16_t>(static_cast<uint16_t>((record & kRecordLevel) >> kRecordLevelShift));
+}
 
 // The queue bound and its policy, process-wide so that they can be set
 // before the Logger exists.
@@ -66,7 +83,7 @@ class Logger::LineQueue {
 
   // Queues one line, or drops it (the bound, kDrop) or waits for room (the
   // bound, kBlock). Any thread.
-  void post(const char* text, std::size_t size, bool forward);
+  void post(const char* text, std::size_t size, int level, bool forward);
 
   // Waits until every record queued before the call has been written.
   void flush();
@@ -79,7 +96,7 @@ class Logger::LineQueue {
   void drain();
 
   // Writes one line as a run of its own, on the writer thread.
-  void writeOne(const char* text, std::size_t size, bool forward);
+  void writeOne(const char* text, std::size_t size, int level, bool forward);
 
  private:
   struct Block {
@@ -126,9 +143,9 @@ class Logger::LineQueue {
   void writeRecords(const char* text, const uint64_t* records, std::size_t count);
   // Writes the notice of `count` dropped lines as a line of the writer's own.
   void writeDropNotice(uint64_t count);
-  // Hands the line `text` of `size` bytes to every registered backend: the
-  // one place where backends are called.
-  void forward(const char* text, std::size_t size);
+  // Hands the line `text` of `size` bytes, logged at `level`, to every
+  // registered backend: the one place where backends are called.
+  void forward(const char* text, std::size_t size, int level);
 
   Logger* logger_;
   std::mutex mutex_;
@@ -231,7 +248,7 @@ void Logger::LineQueue::wake(std::unique_lock<std::mutex>* lock) {
   }
 }
 
-void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
+void Logger::LineQueue::post(const char* text, std::size_t size, int level, bool forward) {
   std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
   LineQueue::lock(&lock);
   std::size_t limit = sQueueLimit.load(std::memory_order_relaxed);
@@ -258,7 +275,10 @@ void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
   Block* block = blockFor(size);
   std::memcpy(block->text.get() + block->used, text, size);
   block->used += size;
-  block->records.push_back(static_cast<uint64_t>(size) | (forward ? kRecordForward : 0));
+  // A line is bounded by the memory it was made in, far below the 2^46
+  // bytes that its record holds.
+  block->records.push_back(static_cast<uint64_t>(size) | levelBits(level) |
+                           (forward ? kRecordForward : 0));
   queuedBytes_ += size;
   posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
   wake(&lock);
@@ -339,9 +359,10 @@ void Logger::LineQueue::lock(std::unique_lock<std::mutex>* lock) {
   lock->lock();
 }
 
-void Logger::LineQueue::writeOne(const char* text, std::size_t size, bool forward) {
+void Logger::LineQueue::writeOne(const char* text, std::size_t size, int level, bool forward) {
   tOnWriterThread = true;
-  const uint64_t record = static_cast<uint64_t>(size) | (forward ? kRecordForward : 0);
+  const uint64_t record =
+      static_cast<uint64_t>(size) | levelBits(level) | (forward ? kRecordForward : 0);
   writeRecords(text, &record, 1);
 }
 
@@ -349,10 +370,10 @@ void Logger::LineQueue::writeDropNotice(uint64_t count) {
   char line[kLineSize];
   const std::size_t size = printLogLine(line, "zel log: %llu lines dropped (queue full)\n",
                                         static_cast<unsigned long long>(count));
-  writeOne(line, size, false);
+  writeOne(line, size, 0, false);
 }
 
-void Logger::LineQueue::forward(const char* text, std::size_t size) {
+void Logger::LineQueue::forward(const char* text, std::size_t size, int level) {
   std::shared_lock<std::shared_mutex> lock(logger_->mBackendLock);
   if (logger_->mBackends.empty()) return;
   // An exception from a backend (or from copying the line) must not end the
@@ -360,9 +381,15 @@ void Logger::LineQueue::forward(const char* text, std::size_t size) {
   // and the line still goes to the other backends and the file.
   try {
     const std::string line(text, size);
+    auto levelled = logger_->mLevelled.begin();
     for (LogBackend* backend : logger_->mBackends) {
+      LevelledBackend* withLevel = *levelled++;
       try {
-        backend->Log(line);
+        if (withLevel != nullptr) {
+          withLevel->Log(line, level);
+        } else {
+          backend->Log(line);
+        }
       } catch (...) {
         countBackendFailure(&logger_->mBackendFailures);
       }
@@ -417,7 +444,7 @@ void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, 
           nul != nullptr ? static_cast<std::size_t>(static_cast<const char*>(nul) - line) : size;
       if (length == 0 && end > i) break;
       if (end >= forwarded && (records[end] & kRecordForward) != 0) {
-        forward(line, size);
+        forward(line, size, recordLevel(records[end]));
       }
       endOffset += size;
       ++end;
@@ -519,8 +546,8 @@ void Logger::Log(const std::string& line, int level, bool forward) {
   postLine(line.data(), line.size(), level, forward);
 }
 
-void Logger::postLine(const char* text, std::size_t size, int /*level*/, bool forward) {
-  mQueue->post(text, size, forward);
+void Logger::postLine(const char* text, std::size_t size, int level, bool forward) {
+  mQueue->post(text, size, level, forward);
 }
 
 void Logger::SetQueueLimit(std::size_t bytes, QueueFullPolicy policy) {
@@ -531,8 +558,17 @@ void Logger::SetQueueLimit(std::size_t bytes, QueueFullPolicy policy) {
 }
 
 void Logger::RegisterBackend(LogBackend* backend) {
+  // The library's own backends (and any LevelledBackend) are handed each
+  // line's level too: recognised here, once.
+  auto* levelled = dynamic_cast<LevelledBackend*>(backend);
   std::unique_lock<std::shared_mutex> lock(mBackendLock);
-  mBackends.push_back(backend);
+  mLevelled.push_back(levelled);
+  try {
+    mBackends.push_back(backend);
+  } catch (...) {
+    mLevelled.pop_back();
+    throw;
+  }
 }
 
 void Logger::Flush() {
@@ -543,11 +579,11 @@ void Logger::Flush() {
 }
 
 void Logger::writeLog(LogInfo* info) {
-  writeLine(info->message.c_str(), info->message.size(), info->forward);
+  writeLine(info->message.c_str(), info->message.size(), info->level, info->forward);
 }
 
-void Logger::writeLine(const char* text, std::size_t size, bool forward) {
-  mQueue->writeOne(text, size, forward);
+void Logger::writeLine(const char* text, std::size_t size, int level, bool forward) {
+  mQueue->writeOne(text, size, level, forward);
 }
 
 uint64_t Logger::BackendFailures() const { return mBackendFailures.load(); }
