@@ -39,44 +39,41 @@ bool UnderWine() {
   return ntdll != nullptr && GetProcAddress(ntdll, "wine_get_version") != nullptr;
 }
 
-// Runs this test program again with only `test` selected, kChildVariable
-// set to `role`, WINEDEBUG set to `wineDebug` and its standard error into
-// the file `errorPath`. Returns the child's exit code, or -1 when it could
-// not be started.
-int RunChild(const std::string& test, const std::string& role, const std::string& wineDebug,
-             const std::string& errorPath) {
+// Runs this test program again under Wine with only `test` selected,
+// kChildVariable set to `role` and WINEDEBUG to `wineDebug`, and puts what
+// Wine's debug channels print into the file `errorPath`. Wine prints them
+// on the standard error of the host process, which a Windows process does
+// not hand to its children: the child is started by the host's shell (Wine
+// starts host programs), with its standard error going to the file. Returns
+// the child's exit status, or -1 when it could not be run.
+int RunChildUnderWine(const std::string& test, const std::string& role,
+                      const std::string& wineDebug, const std::string& errorPath) {
   char self[MAX_PATH] = {0};
   GetModuleFileNameA(nullptr, self, MAX_PATH);
-  std::string command = std::string("\"") + self + "\" --gtest_filter=" + test;
-  SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
-  const HANDLE error = CreateFileA(errorPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable,
-                                   CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (error == INVALID_HANDLE_VALUE) return -1;
-  const HANDLE nul =
-      CreateFileA("NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                  &inheritable, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const std::string hostSelf = zel_test::HostPath(self);
+  const std::string hostError = zel_test::HostPath(errorPath);
+  const std::string donePath = errorPath + ".status";
+  const std::string hostDone = zel_test::HostPath(donePath);
+  if (hostSelf.empty() || hostError.empty() || hostDone.empty()) return -1;
+  std::string command =
+      "Z:\\bin\\sh -c \"" + std::string(kChildVariable) + "=" + role + " WINEDEBUG=" + wineDebug +
+      " wine '" + hostSelf + "' --gtest_filter=" + test + " </dev/null >/dev/null 2>'" + hostError +
+      "'; echo $? >'" + hostDone + ".tmp'; mv '" + hostDone + ".tmp' '" + hostDone + "'\"";
   STARTUPINFOA startup{};
   startup.cb = sizeof(startup);
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdInput = nul;
-  startup.hStdOutput = nul;
-  startup.hStdError = error;
-  _putenv_s(kChildVariable, role.c_str());
-  _putenv_s("WINEDEBUG", wineDebug.c_str());
   PROCESS_INFORMATION child{};
-  const BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr,
-                                      nullptr, &startup, &child);
-  _putenv_s(kChildVariable, "");
-  _putenv_s("WINEDEBUG", "-all");
-  CloseHandle(error);
-  if (nul != INVALID_HANDLE_VALUE) CloseHandle(nul);
-  if (!started) return -1;
+  if (CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                     &child) == 0) {
+    return -1;
+  }
   CloseHandle(child.hThread);
-  WaitForSingleObject(child.hProcess, INFINITE);
-  DWORD code = 0;
-  GetExitCodeProcess(child.hProcess, &code);
   CloseHandle(child.hProcess);
-  return static_cast<int>(code);
+  // The host program's end is not reported through its handle: wait for
+  // the status it leaves.
+  if (!WaitFor([&donePath] { return zel_test::FileExists(donePath); }, std::chrono::seconds(60))) {
+    return -1;
+  }
+  return std::atoi(zel_test::ReadFile(donePath).c_str());
 }
 
 // The part this run plays: empty for the test itself, the role otherwise.
@@ -131,8 +128,8 @@ TEST(EventLogBackendTest, EachLineIsReportedWithTheTypeOfItsLevel) {
   }
   TempDir dir;
   const std::string errors = dir.path() + "child-stderr.txt";
-  ASSERT_EQ(RunChild("EventLogBackendTest.EachLineIsReportedWithTheTypeOfItsLevel", "eventlog",
-                     "-all,+eventlog", errors),
+  ASSERT_EQ(RunChildUnderWine("EventLogBackendTest.EachLineIsReportedWithTheTypeOfItsLevel",
+                              "eventlog", "-all,+eventlog", errors),
             0);
   // Wine traces each event's text in the class of its type: errors as
   // "err", warnings as "warn", information as "trace".
@@ -280,8 +277,8 @@ TEST(DebugOutputBackendTest, WineTracesEachLineOnItsDebugChannel) {
   if (!UnderWine()) GTEST_SKIP() << "Wine's debug channel exists under Wine only";
   TempDir dir;
   const std::string errors = dir.path() + "child-stderr.txt";
-  ASSERT_EQ(RunChild("DebugOutputBackendTest.WineTracesEachLineOnItsDebugChannel", "debugstr",
-                     "-all,+debugstr", errors),
+  ASSERT_EQ(RunChildUnderWine("DebugOutputBackendTest.WineTracesEachLineOnItsDebugChannel",
+                              "debugstr", "-all,+debugstr", errors),
             0);
   const std::string trace = zel_test::ReadFile(errors);
   const auto lines = LinesWith(trace, "[][/device.cpp f 11] Error:to the debugger\\n");
