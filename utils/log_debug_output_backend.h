@@ -8,9 +8,9 @@
 //
 // Never blocking: OutputDebugStringA waits for an attached debugger, or
 // for a debug output viewer to take the previous text. The lines are
-// handed to a thread of the backend's own, at most 4096 of them waiting at
-// once; the ones beyond are dropped and counted (Dropped()). Built on
-// Windows only.
+// handed to a thread of the backend's own, at most `maxWaiting` (by default
+// 4096) of them waiting at once; the ones beyond are dropped and counted
+// (Dropped()). Built on Windows only.
 //
 // Threads: Log() may be called from any thread (the Logger calls it on its
 // writer thread); the backend owns one thread from construction to
@@ -24,6 +24,7 @@
 #ifndef ZEL_UTILS_LOG_DEBUG_OUTPUT_BACKEND_H_
 #define ZEL_UTILS_LOG_DEBUG_OUTPUT_BACKEND_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -35,9 +36,10 @@ namespace zel {
 
 class ZEL_API DebugOutputBackend : public LevelledBackend {
  public:
-  // Starts the backend's thread. Throws std::system_error when it cannot
-  // be started.
-  DebugOutputBackend();
+  // Starts the backend's thread; at most `maxWaiting` lines wait for the
+  // debugger at once (0 is taken as 1). Throws std::system_error when the
+  // thread cannot be started.
+  explicit DebugOutputBackend(std::size_t maxWaiting = 4096);
 
   // Sends the lines still waiting, then stops the thread. Threads: not
   // while another thread calls Log().
@@ -48,7 +50,7 @@ class ZEL_API DebugOutputBackend : public LevelledBackend {
   using LevelledBackend::Log;
 
   // Queues `line` for the debugger and returns at once; drops and counts
-  // it when 4096 lines wait already. `level` is not used. Threads: any
+  // it when `maxWaiting` lines wait already. `level` is not used. Threads: any
   // thread.
   void Log(const std::string& line, int level) override;
 

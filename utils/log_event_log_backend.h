@@ -20,9 +20,9 @@
 //
 // Never blocking: reporting an event is a call to the event log service,
 // which may wait. The lines are handed to a thread of the backend's own,
-// at most 4096 of them waiting at once; the ones beyond, and the ones the
-// service refuses, are dropped and counted (Dropped()). Built on Windows
-// only.
+// at most `maxWaiting` (by default 4096) of them waiting at once; the ones
+// beyond, and the ones the service refuses, are dropped and counted
+// (Dropped()). Built on Windows only.
 //
 // Threads: Log() may be called from any thread (the Logger calls it on its
 // writer thread); the backend owns one thread from construction to
@@ -36,6 +36,7 @@
 #ifndef ZEL_UTILS_LOG_EVENT_LOG_BACKEND_H_
 #define ZEL_UTILS_LOG_EVENT_LOG_BACKEND_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -53,10 +54,11 @@ class ZEL_API EventLogBackend : public LevelledBackend {
   static constexpr int kInformationType = 0x0004;  // EVENTLOG_INFORMATION_TYPE
 
   // Opens the event source `source` on the local computer
-  // (RegisterEventSourceA) and starts the backend's thread. Throws
-  // std::invalid_argument when `source` is empty, std::system_error when
-  // the source cannot be opened or the thread started.
-  explicit EventLogBackend(const std::string& source);
+  // (RegisterEventSourceA) and starts the backend's thread; at most
+  // `maxWaiting` lines wait for the event log at once (0 is taken as 1).
+  // Throws std::invalid_argument when `source` is empty, std::system_error
+  // when the source cannot be opened or the thread started.
+  explicit EventLogBackend(const std::string& source, std::size_t maxWaiting = 4096);
 
   // Reports the lines still waiting, stops the thread and closes the
   // source. Threads: not while another thread calls Log().
@@ -67,7 +69,7 @@ class ZEL_API EventLogBackend : public LevelledBackend {
   using LevelledBackend::Log;
 
   // Queues `line` for reporting with the event type of `level` and returns
-  // at once; drops and counts it when 4096 lines wait already. Threads: any
+  // at once; drops and counts it when `maxWaiting` lines wait already. Threads: any
   // thread.
   void Log(const std::string& line, int level) override;
 

@@ -7,24 +7,17 @@
 
 namespace zel {
 
-namespace {
-
-// Lines waiting for the debugger at most.
-constexpr std::size_t kMaxWaiting = 4096;
-
-}  // namespace
-
 struct DebugOutputBackend::Impl {
   std::unique_ptr<log_internal::HandoffThread> thread;
 };
 
-DebugOutputBackend::DebugOutputBackend() : mImpl(std::make_unique<Impl>()) {
+DebugOutputBackend::DebugOutputBackend(std::size_t maxWaiting) : mImpl(std::make_unique<Impl>()) {
   mImpl->thread = std::make_unique<log_internal::HandoffThread>(
       [](const std::string& line, int /*level*/) {
         OutputDebugStringA(line.c_str());
         return true;
       },
-      kMaxWaiting);
+      maxWaiting > 0 ? maxWaiting : 1);
 }
 
 DebugOutputBackend::~DebugOutputBackend() = default;

@@ -14,8 +14,6 @@ namespace {
 
 // The longest insertion string ReportEventA takes, in characters.
 constexpr std::size_t kMaxEventText = 31839;
-// Lines waiting for the event log at most.
-constexpr std::size_t kMaxWaiting = 4096;
 
 }  // namespace
 
@@ -26,7 +24,8 @@ struct EventLogBackend::Impl {
   std::unique_ptr<log_internal::HandoffThread> thread;
 };
 
-EventLogBackend::EventLogBackend(const std::string& source) : mImpl(std::make_unique<Impl>()) {
+EventLogBackend::EventLogBackend(const std::string& source, std::size_t maxWaiting)
+    : mImpl(std::make_unique<Impl>()) {
   if (source.empty()) throw std::invalid_argument("zel log: empty event source name");
   mImpl->source = RegisterEventSourceA(nullptr, source.c_str());
   if (mImpl->source == nullptr) {
@@ -43,7 +42,7 @@ EventLogBackend::EventLogBackend(const std::string& source) : mImpl(std::make_un
           return ReportEventA(handle, static_cast<WORD>(EventType(level)), 0, 0, nullptr, 1, 0,
                               strings, nullptr) != FALSE;
         },
-        kMaxWaiting);
+        maxWaiting > 0 ? maxWaiting : 1);
   } catch (...) {
     DeregisterEventSource(mImpl->source);
     throw;
