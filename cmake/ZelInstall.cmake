@@ -42,6 +42,8 @@ install(FILES
   utils/config_file.h
   utils/config_parser.h
   utils/export.h
+  utils/log_levelled_backend.h
+  ${ZEL_LOG_BACKEND_HEADERS}
   utils/logger.h
   utils/looper.h
   utils/process_path.h

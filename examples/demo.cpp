@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <string>
@@ -24,6 +25,11 @@
 
 #include "examples/demo_parts.h"
 #include "examples/demo_tracker.h"
+#if defined(_WIN32)
+#include "utils/log_debug_output_backend.h"
+#else
+#include "utils/log_syslog_backend.h"
+#endif
 #include "utils/logger.h"
 #include "utils/process_path.h"
 #include "utils/timer.h"
@@ -53,6 +59,54 @@ class CountingBackend : public zel::LogBackend {
   std::mutex mutex_;
   int count_ = 0;
   std::string last_;
+};
+
+// The operating system's own log as a second backend: the debugger output
+// on Windows (a debugger or a debug output viewer shows the lines); syslog
+// elsewhere, through the socket named by ZEL_DEMO_SYSLOG_SOCKET or else
+// /dev/log, when there is one. Each backend drops and counts what its
+// receiver cannot take at once instead of holding up the log.
+class SystemLog {
+ public:
+  SystemLog() {
+#if defined(_WIN32)
+    debugger_ = std::make_unique<zel::DebugOutputBackend>();
+    zel::Logger::GetInstance()->RegisterBackend(debugger_.get());
+#else
+    const char* socket = std::getenv("ZEL_DEMO_SYSLOG_SOCKET");
+    path_ = socket != nullptr && *socket != '\0' ? socket : "/dev/log";
+    if (!std::filesystem::exists(path_)) return;
+    syslog_ = std::make_unique<zel::SyslogBackend>(path_, "zel_demo", zel::SyslogFacility::kUser);
+    zel::Logger::GetInstance()->RegisterBackend(syslog_.get());
+#endif
+  }
+
+  // Prints what the backend did with the forwarded lines.
+  void Report() {
+#if defined(_WIN32)
+    debugger_->Flush();
+    std::printf("   debugger output: %llu lines sent, %llu dropped\n",
+                static_cast<unsigned long long>(debugger_->Sent()),
+                static_cast<unsigned long long>(debugger_->Dropped()));
+#else
+    if (!syslog_) {
+      std::printf("   syslog: no socket at %s (set ZEL_DEMO_SYSLOG_SOCKET), not used\n",
+                  path_.c_str());
+      return;
+    }
+    std::printf("   syslog at %s: %llu lines sent, %llu dropped\n", path_.c_str(),
+                static_cast<unsigned long long>(syslog_->Sent()),
+                static_cast<unsigned long long>(syslog_->Dropped()));
+#endif
+  }
+
+ private:
+#if defined(_WIN32)
+  std::unique_ptr<zel::DebugOutputBackend> debugger_;
+#else
+  std::string path_;
+  std::unique_ptr<zel::SyslogBackend> syslog_;
+#endif
 };
 
 // The directory the demonstration writes under: the first argument, or a new
@@ -201,6 +255,7 @@ int main(int argc, char** argv) {
   std::printf("-- log: 4 threads x 5 lines, every third line forwarded to a backend\n");
   auto* backend = new CountingBackend;  // must outlive the Logger: never freed
   zel::Logger::GetInstance()->RegisterBackend(backend);
+  auto* systemLog = new SystemLog;  // registers its backend; never freed either
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {
@@ -223,6 +278,7 @@ int main(int argc, char** argv) {
   std::printf("   log directory: %s\n", dir);
   std::printf("   backend received %d forwarded lines, the last:\n     %s", backend->count(),
               backend->last().c_str());
+  systemLog->Report();
 
   // The live file is zel.log.<process>.<hhmmss>.txt in the day directory.
   std::string live;

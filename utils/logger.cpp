@@ -9,6 +9,7 @@
 
 #include "utils/log_crash.h"
 #include "utils/log_file.h"
+#include "utils/log_levelled_backend.h"
 #include "utils/log_line.h"
 #include "utils/log_retention.h"
 #include "utils/platform.h"
@@ -36,11 +37,15 @@ constexpr std::size_t kMaxQueuedRecords = std::size_t{1} << 20;
 constexpr int64_t kLingerNs = 50 * 1000;
 constexpr std::size_t kDefaultQueueLimit = std::size_t{64} * 1024 * 1024;
 
-// A record of the line queue: the size of a line's text, or the number of
-// lines dropped at that point of the stream, and two flags.
+// A record of the line queue: the size of a line's text (bits 0-45), or the
+// number of lines dropped at that point of the stream, the line's level
+// (bits 46-61, 16 bits two's complement: what LevelledBackend receives), and
+// two flags.
 constexpr uint64_t kRecordForward = uint64_t{1} << 62;  // hand the line to the backends
 constexpr uint64_t kRecordDropped = uint64_t{1} << 63;  // a notice, not a line
-constexpr uint64_t kRecordValue = kRecordForward - 1;
+constexpr int kRecordLevelShift = 46;
+constexpr uint64_t kRecordValue = (uint64_t{1} << kRecordLevelShift) - 1;
+constexpr uint64_t kRecordLevel = uint64_t{0xFFFF} << kRecordLevelShift;
 // A notice's reason (DropReason) sits in the two bits below the flags, its
 // count in the bits below that.
 constexpr int kNoticeReasonShift = 60;
@@ -54,6 +59,18 @@ enum DropReason : unsigned {
   kNoWriter = 2,   // the writer thread could not be started
   kDropReasons = 3,
 };
+
+// The level bits of a record for `level`, held in -32768..32767.
+uint64_t levelBits(int level) {
+  const int held = level < -32768 ? -32768 : (level > 32767 ? 32767 : level);
+  return static_cast<uint64_t>(static_cast<uint16_t>(static_cast<int16_t>(held)))
+         << kRecordLevelShift;
+}
+
+// The level that `record` carries.
+int recordLevel(uint64_t record) {
+  return static_cast<int16_t>(static_cast<uint16_t>((record & kRecordLevel) >> kRecordLevelShift));
+}
 
 // The queue bound and its policy, process-wide so that they can be set
 // before the Logger exists.
@@ -101,7 +118,7 @@ class Logger::LineQueue {
 
   // Queues one line, or drops it (the bound, kDrop) or waits for room (the
   // bound, kBlock). Any thread.
-  void post(const char* text, std::size_t size, bool forward);
+  void post(const char* text, std::size_t size, int level, bool forward);
 
   // Waits until every record queued before the call has been written.
   void flush();
@@ -114,7 +131,7 @@ class Logger::LineQueue {
   void drain();
 
   // Writes one line as a run of its own, on the writer thread.
-  void writeOne(const char* text, std::size_t size, bool forward);
+  void writeOne(const char* text, std::size_t size, int level, bool forward);
 
   // Called when the drain message's work ended with an exception: counts
   // and reports it, and lets the next wake start a new drain.
@@ -205,7 +222,7 @@ class Logger::LineQueue {
   bool waitForRoom(std::unique_lock<std::mutex>* lock, std::size_t size);
   // Appends the line to the queue, all or nothing: false, with nothing
   // changed, when memory for it cannot be had. Requires mutex_.
-  bool append(const char* text, std::size_t size, bool forward) noexcept;
+  bool append(const char* text, std::size_t size, int level, bool forward) noexcept;
   // Counts one line dropped for `reason`; its notice is queued now, or
   // with the next notice that can be queued. Allocates nothing that can
   // fail: the count and the notices agree whatever fails. Requires mutex_.
@@ -236,7 +253,7 @@ class Logger::LineQueue {
   void writeDropNotice(uint64_t notice);
   // Hands the line `text` of `size` bytes to every registered backend: the
   // one place where backends are called.
-  void forward(const char* text, std::size_t size);
+  void forward(const char* text, std::size_t size, int level);
 
   Logger* logger_;
   std::mutex mutex_;
@@ -445,13 +462,17 @@ bool Logger::LineQueue::waitForRoom(std::unique_lock<std::mutex>* lock, std::siz
   }
 }
 
-bool Logger::LineQueue::append(const char* text, std::size_t size, bool forward) noexcept {
+bool Logger::LineQueue::append(const char* text, std::size_t size, int level,
+                               bool forward) noexcept {
   // The record is added before the text is copied: a record list that
   // cannot grow leaves the queue as it was.
   Block* block = nullptr;
   try {
     block = blockFor(size);
-    block->records.push_back(static_cast<uint64_t>(size) | (forward ? kRecordForward : 0));
+    // A line is bounded by the memory it was made in, far below the 2^46
+    // bytes that its record holds.
+    block->records.push_back(static_cast<uint64_t>(size) | levelBits(level) |
+                             (forward ? kRecordForward : 0));
   } catch (...) {
     return false;
   }
@@ -463,7 +484,7 @@ bool Logger::LineQueue::append(const char* text, std::size_t size, bool forward)
   return true;
 }
 
-void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
+void Logger::LineQueue::post(const char* text, std::size_t size, int level, bool forward) {
   if (sWriterLost.load(std::memory_order_acquire)) restartWriter();
   std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
   LineQueue::lock(&lock);
@@ -480,7 +501,7 @@ void Logger::LineQueue::post(const char* text, std::size_t size, bool forward) {
   appendNotices();
   if (!waitForRoom(&lock, size)) {
     noteDropped(kQueueFull);
-  } else if (!append(text, size, forward)) {
+  } else if (!append(text, size, level, forward)) {
     // At most this line is lost: the queue is as it was before it.
     noteDropped(kNoMemory);
   }
@@ -731,9 +752,10 @@ void Logger::LineQueue::lock(std::unique_lock<std::mutex>* lock) {
   lock->lock();
 }
 
-void Logger::LineQueue::writeOne(const char* text, std::size_t size, bool forward) {
+void Logger::LineQueue::writeOne(const char* text, std::size_t size, int level, bool forward) {
   tOnWriterThread = true;
-  const uint64_t record = static_cast<uint64_t>(size) | (forward ? kRecordForward : 0);
+  const uint64_t record =
+      static_cast<uint64_t>(size) | levelBits(level) | (forward ? kRecordForward : 0);
   writeSafely(text, &record, 1);
 }
 
@@ -775,7 +797,7 @@ void Logger::LineQueue::writeDropNotice(uint64_t notice) {
   const auto count = static_cast<unsigned long long>(notice & kNoticeCount);
   char line[kLineSize];
   std::size_t size = 0;
-  switch ((notice & kRecordValue) >> kNoticeReasonShift) {
+  switch ((notice >> kNoticeReasonShift) & 3) {
     case kNoMemory:
       size = printLogLine(line, "zel log: %llu lines lost (out of memory)\n", count);
       break;
@@ -786,10 +808,10 @@ void Logger::LineQueue::writeDropNotice(uint64_t notice) {
       size = printLogLine(line, "zel log: %llu lines dropped (queue full)\n", count);
       break;
   }
-  writeOne(line, size, false);
+  writeOne(line, size, 0, false);
 }
 
-void Logger::LineQueue::forward(const char* text, std::size_t size) {
+void Logger::LineQueue::forward(const char* text, std::size_t size, int level) {
   std::shared_lock<std::shared_mutex> lock(logger_->mBackendLock);
   if (logger_->mBackends.empty()) return;
   // An exception from a backend (or from copying the line) must not end the
@@ -797,9 +819,15 @@ void Logger::LineQueue::forward(const char* text, std::size_t size) {
   // and the line still goes to the other backends and the file.
   try {
     const std::string line(text, size);
+    auto levelled = logger_->mLevelled.begin();
     for (LogBackend* backend : logger_->mBackends) {
+      LevelledBackend* withLevel = *levelled++;
       try {
-        backend->Log(line);
+        if (withLevel != nullptr) {
+          withLevel->Log(line, level);
+        } else {
+          backend->Log(line);
+        }
       } catch (...) {
         countBackendFailure(&logger_->mBackendFailures);
       }
@@ -870,7 +898,7 @@ void Logger::LineQueue::writeRecords(const char* text, const uint64_t* records, 
           forwardText_ = line;
           forwardLength_ = length;
           forwarding_.store(true, std::memory_order_release);
-          forward(line, size);
+          forward(line, size, recordLevel(records[end]));
           forwarding_.store(false, std::memory_order_relaxed);
         }
       }
@@ -982,8 +1010,8 @@ void Logger::Log(const std::string& line, int level, bool forward) {
   postLine(line.data(), line.size(), level, forward);
 }
 
-void Logger::postLine(const char* text, std::size_t size, int /*level*/, bool forward) {
-  mQueue->post(text, size, forward);
+void Logger::postLine(const char* text, std::size_t size, int level, bool forward) {
+  mQueue->post(text, size, level, forward);
 }
 
 void Logger::SetQueueLimit(std::size_t bytes, QueueFullPolicy policy) {
@@ -994,8 +1022,17 @@ void Logger::SetQueueLimit(std::size_t bytes, QueueFullPolicy policy) {
 }
 
 void Logger::RegisterBackend(LogBackend* backend) {
+  // The library's own backends (and any LevelledBackend) are handed each
+  // line's level too: recognised here, once.
+  auto* levelled = dynamic_cast<LevelledBackend*>(backend);
   std::unique_lock<std::shared_mutex> lock(mBackendLock);
-  mBackends.push_back(backend);
+  mLevelled.push_back(levelled);
+  try {
+    mBackends.push_back(backend);
+  } catch (...) {
+    mLevelled.pop_back();
+    throw;
+  }
 }
 
 void Logger::Flush() {
@@ -1006,11 +1043,11 @@ void Logger::Flush() {
 }
 
 void Logger::writeLog(LogInfo* info) {
-  writeLine(info->message.c_str(), info->message.size(), info->forward);
+  writeLine(info->message.c_str(), info->message.size(), info->level, info->forward);
 }
 
-void Logger::writeLine(const char* text, std::size_t size, bool forward) {
-  mQueue->writeOne(text, size, forward);
+void Logger::writeLine(const char* text, std::size_t size, int level, bool forward) {
+  mQueue->writeOne(text, size, level, forward);
 }
 
 uint64_t Logger::BackendFailures() const { return mBackendFailures.load(); }

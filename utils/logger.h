@@ -48,6 +48,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <string>
+#include <vector>
 
 #include "utils/export.h"
 #include "utils/looper.h"
@@ -140,6 +141,7 @@ ZEL_API void zel_set_log_retention(int days, long long total_bytes);
 
 namespace zel {
 
+class LevelledBackend;
 class LogFile;
 
 // What happens to a line posted while the queue holds as much text as its
@@ -195,8 +197,10 @@ class ZEL_API Logger : public LogBackend {
   // thread; one thread's lines are written in posting order.
   virtual void Log(const std::string& line, int level, bool forward);
 
-  // Appends `backend` to the receivers of forwarded lines. There is no
-  // removal and duplicates are not detected. `backend` stays owned by the
+  // Appends `backend` to the receivers of forwarded lines. A
+  // LevelledBackend (utils/log_levelled_backend.h) is recognised here and
+  // handed each line's level as well. There is no removal and duplicates
+  // are not detected. `backend` stays owned by the
   // caller and must outlive the process's logging. Threads: any thread but
   // the writer thread.
   void RegisterBackend(LogBackend* backend);
@@ -313,9 +317,9 @@ class ZEL_API Logger : public LogBackend {
 
   // Writes one line: the write handler, run on the writer thread.
   void writeLog(LogInfo* info);
-  // Writes the line `text` of `size` bytes (terminated after them); what
-  // writeLog() does, without a LogInfo.
-  void writeLine(const char* text, std::size_t size, bool forward);
+  // Writes the line `text` of `size` bytes (terminated after them), logged
+  // at `level`; what writeLog() does, without a LogInfo.
+  void writeLine(const char* text, std::size_t size, int level, bool forward);
 
   // Log-file operations, carried out by the log file writer (mLogFile); all
   // run on the writer thread (or in init()).
@@ -343,7 +347,11 @@ class ZEL_API Logger : public LogBackend {
   // The queued lines; destroyed after the writer thread has stopped.
   std::unique_ptr<LineQueue> mQueue;
   std::unique_ptr<Writer> mWriter;
-  std::list<LogBackend*> mBackends;           // guarded by mBackendLock; not owned
+  std::list<LogBackend*> mBackends;  // guarded by mBackendLock; not owned
+  // For each of mBackends, in the same order: the backend itself when it is
+  // a LevelledBackend (handed each line's level), else null. Guarded by
+  // mBackendLock.
+  std::vector<LevelledBackend*> mLevelled;
   std::atomic<uint64_t> mBackendFailures{0};  // exceptions thrown by backends
 
   static std::atomic<Logger*> sLogger;
