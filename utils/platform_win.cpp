@@ -437,6 +437,24 @@ int renameFile(const char* from, const char* to) { return std::rename(from, to) 
 
 int removeFile(const char* path) { return std::remove(path) == 0 ? 0 : -1; }
 
+namespace win {
+
+// The rule for a log directory's owner `owner` and (with `acl`) its access
+// list `dacl`: the owner must be the process's user, SYSTEM or the
+// Administrators group (kForeignOwner), and no access-allowed entry that
+// applies to the directory itself may give anyone else a right to put,
+// rename or remove something in it or to change who may (kWorldWritable);
+// a null list grants everything to everyone. Reading for everyone is fine.
+DirCheck checkOwnerAndAcl(PSID owner, PACL dacl, bool acl);
+
+// The security descriptor of a private directory: full control for the
+// process's user, SYSTEM and the Administrators group, inherited by what
+// is created inside, nothing inherited from above. Null when it cannot be
+// made; the caller frees it with LocalFree.
+PSECURITY_DESCRIPTOR privateDescriptor();
+
+}  // namespace win
+
 namespace {
 
 // The security identifier of the process's user, from its token; empty
@@ -474,6 +492,52 @@ constexpr DWORD kDirectoryWriteRights = FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY | 
                                         DELETE | WRITE_DAC | WRITE_OWNER | GENERIC_WRITE |
                                         GENERIC_ALL;
 
+}  // namespace
+
+namespace win {
+
+DirCheck checkOwnerAndAcl(PSID owner, PACL dacl, bool acl) {
+  const std::vector<unsigned char> user = currentUserSid();
+  if (!isTrusted(owner, user)) return DirCheck::kForeignOwner;
+  if (!acl) return DirCheck::kOk;
+  if (dacl == nullptr) return DirCheck::kWorldWritable;  // no list: everyone may do everything
+  for (DWORD i = 0; i < dacl->AceCount; ++i) {
+    void* entry = nullptr;
+    if (GetAce(dacl, i, &entry) == 0) continue;
+    const auto* header = static_cast<ACE_HEADER*>(entry);
+    // An entry only for what is created inside (CREATOR OWNER among them)
+    // grants nothing on the directory itself.
+    if (header->AceType != ACCESS_ALLOWED_ACE_TYPE || (header->AceFlags & INHERIT_ONLY_ACE) != 0) {
+      continue;
+    }
+    const auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(entry);
+    if ((allowed->Mask & kDirectoryWriteRights) == 0) continue;
+    PSID sid = const_cast<DWORD*>(&allowed->SidStart);
+    if (!isTrusted(sid, user) && EqualSid(sid, owner) == 0) return DirCheck::kWorldWritable;
+  }
+  return DirCheck::kOk;
+}
+
+PSECURITY_DESCRIPTOR privateDescriptor() {
+  std::vector<unsigned char> user = currentUserSid();
+  if (user.empty()) return nullptr;
+  char* text = nullptr;
+  if (ConvertSidToStringSidA(user.data(), &text) == 0) return nullptr;
+  const std::string sddl =
+      std::string("D:P(A;OICI;FA;;;") + text + ")(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+  LocalFree(text);
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1,
+                                                           &descriptor, nullptr) == 0) {
+    return nullptr;
+  }
+  return descriptor;
+}
+
+}  // namespace win
+
+namespace {
+
 // The owner of the object open as `handle`, and (with `acl`) whether its
 // access list grants writing to anyone but the trusted ones.
 DirCheck checkSecurity(HANDLE handle, bool acl) {
@@ -486,29 +550,7 @@ DirCheck checkSecurity(HANDLE handle, bool acl) {
                       &descriptor) != ERROR_SUCCESS) {
     return DirCheck::kForeignOwner;  // who owns it cannot be told: not ours
   }
-  const std::vector<unsigned char> user = currentUserSid();
-  DirCheck check = DirCheck::kOk;
-  if (!isTrusted(owner, user)) {
-    check = DirCheck::kForeignOwner;
-  } else if (acl && dacl == nullptr) {
-    check = DirCheck::kWorldWritable;  // no access list: everyone may do everything
-  } else if (acl) {
-    for (DWORD i = 0; i < dacl->AceCount && check == DirCheck::kOk; ++i) {
-      void* entry = nullptr;
-      if (GetAce(dacl, i, &entry) == 0) continue;
-      const auto* header = static_cast<ACE_HEADER*>(entry);
-      // An entry only for what is created inside (CREATOR OWNER among
-      // them) grants nothing on the directory itself.
-      if (header->AceType != ACCESS_ALLOWED_ACE_TYPE ||
-          (header->AceFlags & INHERIT_ONLY_ACE) != 0) {
-        continue;
-      }
-      const auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(entry);
-      if ((allowed->Mask & kDirectoryWriteRights) == 0) continue;
-      PSID sid = const_cast<DWORD*>(&allowed->SidStart);
-      if (!isTrusted(sid, user) && EqualSid(sid, owner) == 0) check = DirCheck::kWorldWritable;
-    }
-  }
+  const DirCheck check = win::checkOwnerAndAcl(owner, dacl, acl);
   LocalFree(descriptor);
   return check;
 }
@@ -565,26 +607,6 @@ DirCheck adoptDirectory(HANDLE handle, const std::string& path, DirHandle* dir) 
   return DirCheck::kOk;
 }
 
-// The security descriptor of a private directory: full control for the
-// process's user, SYSTEM and the Administrators group, inherited by what
-// is created inside, nothing inherited from above. Null when it cannot be
-// made; the caller frees it with LocalFree.
-PSECURITY_DESCRIPTOR privateDescriptor() {
-  std::vector<unsigned char> user = currentUserSid();
-  if (user.empty()) return nullptr;
-  char* text = nullptr;
-  if (ConvertSidToStringSidA(user.data(), &text) == 0) return nullptr;
-  const std::string sddl =
-      std::string("D:P(A;OICI;FA;;;") + text + ")(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
-  LocalFree(text);
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1,
-                                                           &descriptor, nullptr) == 0) {
-    return nullptr;
-  }
-  return descriptor;
-}
-
 }  // namespace
 
 DirCheck checkDirectory(const char* path, bool followLink) {
@@ -639,7 +661,7 @@ void closeDirectory(DirHandle dir) {
 }
 
 int makePrivateDir(const char* path) {
-  PSECURITY_DESCRIPTOR descriptor = privateDescriptor();
+  PSECURITY_DESCRIPTOR descriptor = win::privateDescriptor();
   if (descriptor == nullptr) return -1;
   SECURITY_ATTRIBUTES attributes{};
   attributes.nLength = sizeof(attributes);
