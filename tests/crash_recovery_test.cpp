@@ -230,8 +230,11 @@ std::atomic<bool> sTrapped{false};
 
 }  // namespace
 
-// Exported, so that the library's allocations reach them too.
-__attribute__((visibility("default"), noinline)) void* operator new(std::size_t size) {
+// Exported, so that the library's allocations reach them too; the array
+// forms as well, which a sanitizer's runtime would otherwise serve itself.
+namespace {
+
+void* TrappingAllocate(std::size_t size) {
   if (tTrapBigAllocation && size >= kTrapSize) {
     sTrapped.store(true);
     for (;;) pause();
@@ -239,6 +242,25 @@ __attribute__((visibility("default"), noinline)) void* operator new(std::size_t 
   void* memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
+}
+
+}  // namespace
+
+__attribute__((visibility("default"), noinline)) void* operator new(std::size_t size) {
+  return TrappingAllocate(size);
+}
+
+__attribute__((visibility("default"), noinline)) void* operator new[](std::size_t size) {
+  return TrappingAllocate(size);
+}
+
+__attribute__((visibility("default"), noinline)) void operator delete[](void* memory) noexcept {
+  std::free(memory);
+}
+
+__attribute__((visibility("default"), noinline)) void operator delete[](void* memory,
+                                                                        std::size_t) noexcept {
+  std::free(memory);
 }
 
 __attribute__((visibility("default"), noinline)) void operator delete(void* memory) noexcept {

@@ -23,10 +23,17 @@
 #include "tests/test_util.h"
 #include "utils/logger.h"
 
-#if defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ZEL_TEST_UNDER_TSAN 1
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__) || defined(ZEL_TEST_UNDER_TSAN)
 // ThreadSanitizer ends a child forked by a process with threads unless told
 // otherwise; these children are the subject of the tests.
-extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+extern "C" __attribute__((visibility("default"), used)) const char* __tsan_default_options() {
+  return "die_after_fork=0";
+}
 #endif
 
 namespace {
@@ -195,6 +202,13 @@ TEST(LoggerForkTest, GrandchildWritesAFileOfItsOwnToo) {
 }
 
 TEST(LoggerForkTest, CrashingChildWritesItsFatalLineIntoItsOwnFile) {
+#if defined(__SANITIZE_THREAD__) || defined(ZEL_TEST_UNDER_TSAN)
+  // The child starts two threads where the parent had its detached drain
+  // thread; ThreadSanitizer still counts the parent's threads in the child
+  // and dies on the reused thread id ("dup thread with used id").
+  GTEST_SKIP() << "ThreadSanitizer cannot follow a forked child that starts threads where its "
+                  "parent had detached ones";
+#endif
   TempDir dir;
   // A plain application: the default actions (a sanitizer's own handlers
   // would come first), and no core file for the child.
