@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/looper.h"
 #include "utils/platform.h"
 #include "utils/process_path.h"
@@ -41,6 +41,7 @@ using zel_test::ReadFile;
 using zel_test::SplitLines;
 using zel_test::StdoutCapture;
 using zel_test::TempDir;
+using zel_test::TodayDir;
 
 #if defined(ZEL_TEST_ON_WINDOWS)
 // Under Wine, as on Windows file systems without POSIX delete semantics, a
@@ -52,25 +53,12 @@ constexpr char kOpenFileIsLocked[] =
     "under Wine the removed live file keeps its name, delete-pending, until the log closes it";
 #endif
 
-// Today's date directory, "YYYYMMDD/", in local time.
-std::string TodayDir() {
-  std::time_t now = std::time(nullptr);
-  std::tm tm{};
-  localtime_r(&now, &tm);
-  char buf[64];
-  zel::platform::formatDateDir(buf, sizeof(buf), tm);
-  return buf;
-}
-
 // The path of the one live file ("*.txt") in `dir`; fails the test when
 // there is not exactly one.
 std::string LiveFile(const std::string& dir) {
-  std::vector<std::string> live;
-  for (const std::string& name : ListDir(dir)) {
-    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) live.push_back(name);
-  }
+  const std::vector<std::string> live = zel_test::LiveFiles(dir);
   EXPECT_EQ(live.size(), 1u) << "live files in " << dir;
-  return live.empty() ? std::string() : dir + live.front();
+  return live.empty() ? std::string() : live.front();
 }
 
 // "zel.log.<process name>.<hhmmss>." of the live file `path`: what every
