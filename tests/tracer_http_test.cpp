@@ -1,25 +1,16 @@
+// The tracing client's http:// target against the test HTTP server:
+// delivery in order, the service down, retries and back-off, the queue's
+// limits, deregistering, batches, gzip, one connection, redirects and
+// transfer errors.
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <stdlib.h>
-#if defined(ZEL_TEST_ON_WINDOWS)
-#include <winsock2.h>
-#include <ws2tcpip.h>
-#else
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#endif
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,221 +20,19 @@
 
 #include "tests/support/http_server.h"
 #include "tests/support/test_util.h"
+#include "tests/support/tracer_test_util.h"
 #include "tracer/tracer_client.h"
-#include "tracer/tracer_config.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-using zel_test::ReadFile;
+using zel_test::Document;
+using zel_test::Parse;
 using zel_test::SplitLines;
-using zel_test::TempDir;
-using zel_test::WaitFor;
-
 using zel_test::TestHttpServer;
-
-// Sets the client's environment for one test: the target and short timings.
-void UseEndpoint(const std::string& endpoint) {
-  setenv("ZEL_TRACE_ENDPOINT", endpoint.c_str(), 1);
-  setenv("ZEL_TRACE_CONNECT_TIMEOUT_MS", "2000", 1);
-  setenv("ZEL_TRACE_TIMEOUT_MS", "2000", 1);
-  setenv("ZEL_TRACE_RETRY_MS", "20", 1);
-  setenv("ZEL_TRACE_RETRY_MAX_MS", "50", 1);
-  setenv("ZEL_TRACE_DEREGISTER_MS", "10000", 1);
-  unsetenv("ZEL_TRACE_QUEUE_MAX");
-  unsetenv("ZEL_TRACE_QUEUE_BYTES");
-  // One request per document unless a test batches.
-  setenv("ZEL_TRACE_BATCH_MAX", "1", 1);
-  unsetenv("ZEL_TRACE_BATCH_BYTES");
-  setenv("ZEL_TRACE_BATCH_DELAY_MS", "0", 1);
-  unsetenv("ZEL_TRACE_GZIP");
-}
-
-// A compact JSON document numbered `n`, `padding` characters long or more.
-std::string Document(const std::string& tag, int n, std::size_t padding = 0) {
-  Json::Value value;
-  value["tag"] = tag;
-  value["n"] = std::to_string(n);
-  value["pad"] = std::string(padding, 'x');
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value);
-}
-
-// Parses `text` as one JSON document; fails the test when it is not one.
-Json::Value Parse(const std::string& text) {
-  Json::CharReaderBuilder builder;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value root;
-  std::string errors;
-  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, &errors)) << errors;
-  return root;
-}
-
-// ---------------------------------------------------------------------------
-// Registration.
-
-TEST(TracerClientTest, OnlyUsableTargetsGiveAClient) {
-  unsetenv("ZEL_TRACE_ENDPOINT");
-  EXPECT_EQ(TracerClient::registerClient("test"), nullptr);
-  const struct {
-    const char* endpoint;
-    bool usable;
-  } cases[] = {
-      {"", false},
-      {"file://", false},
-      {"gopher://example", false},
-      {"/tmp/trace.jsonl", false},
-      {"http://", false},
-      {"https://", false},
-      {"http:///trace", false},
-      {"file:///tmp/zel_tracer_test_unused.jsonl", true},
-      {"http://127.0.0.1:9/trace", true},
-      {"https://127.0.0.1:9/trace", true},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.endpoint);
-    setenv("ZEL_TRACE_ENDPOINT", c.endpoint, 1);
-    TracerClient* client = TracerClient::registerClient("test");
-    EXPECT_EQ(client != nullptr, c.usable);
-    // Nothing was posted: the client ends at once and writes nothing.
-    if (client != nullptr) client->deregister();
-  }
-  EXPECT_FALSE(zel_test::FileExists("/tmp/zel_tracer_test_unused.jsonl"));
-}
-
-// ---------------------------------------------------------------------------
-// file:// target.
-
-TEST(TracerClientTest, FileTargetGetsOneWholeDocumentPerLine) {
-  TempDir dir;
-  const std::string path = dir.path() + "trace.jsonl";
-  setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
-  TracerClient* client = TracerClient::registerClient("test");
-  ASSERT_NE(client, nullptr);
-  EXPECT_TRUE(client->postTrace("{\"a\":\"1\"}"));
-  EXPECT_TRUE(client->postTrace("{\n\t\"b\" : \"2\"\n}"));
-  client->deregister();
-  EXPECT_EQ(ReadFile(path), "{\"a\":\"1\"}\n{\n\t\"b\" : \"2\"\n}\n");
-}
-
-TEST(TracerClientTest, FileTargetAppendsToAnExistingFile) {
-  TempDir dir;
-  const std::string path = dir.path() + "trace.jsonl";
-  zel_test::WriteFile(path, "{}\n");
-  setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
-  TracerClient* client = TracerClient::registerClient("test");
-  ASSERT_NE(client, nullptr);
-  EXPECT_TRUE(client->postTrace("{\"c\":\"3\"}"));
-  client->deregister();
-  EXPECT_EQ(ReadFile(path), "{}\n{\"c\":\"3\"}\n");
-}
-
-TEST(TracerClientTest, UnwritableFileTargetRefusesThePost) {
-  TempDir dir;
-  setenv("ZEL_TRACE_ENDPOINT", ("file://" + dir.path() + "missing/trace.jsonl").c_str(), 1);
-  TracerClient* client = TracerClient::registerClient("test");
-  ASSERT_NE(client, nullptr);
-  EXPECT_FALSE(client->postTrace("{}"));
-  client->deregister();
-}
-
-TEST(TracerClientTest, FileTargetWrittenByFourThreadsKeepsEveryDocumentWhole) {
-  TempDir dir;
-  const std::string path = dir.path() + "trace.jsonl";
-  setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
-  TracerClient* client = TracerClient::registerClient("test");
-  ASSERT_NE(client, nullptr);
-  constexpr int kThreads = 4;
-  constexpr int kPerThread = 200;
-  std::vector<std::thread> threads;
-  threads.reserve(kThreads);
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([client, t] {
-      // Larger than a stdio buffer, so that a torn write would show.
-      for (int i = 0; i < kPerThread; ++i) {
-        EXPECT_TRUE(client->postTrace(Document(std::to_string(t), i, 9000)));
-      }
-    });
-  }
-  for (std::thread& t : threads) t.join();
-  client->deregister();
-
-  const std::vector<std::string> lines = SplitLines(ReadFile(path));
-  ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kPerThread));
-  std::vector<int> next(kThreads, 0);
-  for (const std::string& line : lines) {
-    ASSERT_EQ(line.back(), '\n');
-    const Json::Value doc = Parse(line);
-    ASSERT_TRUE(doc.isObject()) << line.substr(0, 80);
-    const int t = std::stoi(doc["tag"].asString());
-    ASSERT_GE(t, 0);
-    ASSERT_LT(t, kThreads);
-    // Each thread's documents appear in its own posting order.
-    EXPECT_EQ(std::stoi(doc["n"].asString()), next[static_cast<std::size_t>(t)]++);
-    EXPECT_EQ(line, Document(doc["tag"].asString(), std::stoi(doc["n"].asString()), 9000) + "\n");
-  }
-  for (int n : next) EXPECT_EQ(n, kPerThread);
-}
-
-#if !defined(ZEL_TEST_ON_WINDOWS)
-TEST(TracerClientTest, FileTargetWrittenByFourProcessesKeepsEveryDocumentWhole) {
-  TempDir dir;
-  const std::string path = dir.path() + "trace.jsonl";
-  setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
-  constexpr int kProcesses = 4;
-#if defined(__SANITIZE_THREAD__)
-  // ThreadSanitizer slows every write and copy many times over: fewer
-  // documents keep the test within its time limit on a busy machine.
-  constexpr int kPerProcess = 40;
-#else
-  constexpr int kPerProcess = 100;
-#endif
-  // Larger than any stdio or pipe buffer: written in pieces, the
-  // processes' documents would interleave.
-  constexpr std::size_t kPadding = 100000;
-  // Built by hand, as Document() would, so that the test stays quick under
-  // the sanitizers: {"n":"<n>","pad":"xx...","tag":"<p>"}.
-  const std::string pad(kPadding, 'x');
-  auto record = [&pad](int p, int n) {
-    return "{\"n\":\"" + std::to_string(n) + "\",\"pad\":\"" + pad + "\",\"tag\":\"" +
-           std::to_string(p) + "\"}";
-  };
-  ASSERT_EQ(record(1, 2), Document("1", 2, kPadding));
-  std::vector<pid_t> children;
-  for (int p = 0; p < kProcesses; ++p) {
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      TracerClient* client = TracerClient::registerClient("test");
-      bool ok = client != nullptr;
-      for (int i = 0; ok && i < kPerProcess; ++i) ok = client->postTrace(record(p, i));
-      if (client != nullptr) client->deregister();
-      _exit(ok ? 0 : 1);
-    }
-    children.push_back(pid);
-  }
-  for (pid_t pid : children) {
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
-  const std::vector<std::string> lines = SplitLines(ReadFile(path));
-  ASSERT_EQ(lines.size(), static_cast<std::size_t>(kProcesses * kPerProcess));
-  std::vector<int> next(kProcesses, 0);
-  for (const std::string& line : lines) {
-    // The process's number is the text after the last "tag":".
-    const std::size_t tag = line.rfind("\"tag\":\"");
-    ASSERT_NE(tag, std::string::npos) << line.substr(0, 80);
-    const int p = std::atoi(line.c_str() + tag + 7);
-    ASSERT_GE(p, 0);
-    ASSERT_LT(p, kProcesses);
-    // Whole, and in each process's posting order.
-    ASSERT_EQ(line, record(p, next[static_cast<std::size_t>(p)]++) + "\n") << line.substr(0, 80);
-  }
-}
-#endif
+using zel_test::UseEndpoint;
+using zel_test::WaitFor;
 
 // ---------------------------------------------------------------------------
 // http:// target.
@@ -760,76 +549,6 @@ TEST(TracerClientTest, ARedirectIsNotFollowed) {
   EXPECT_TRUE(elsewhere.requests().empty());
   EXPECT_EQ(server.requests().size(), 4u);
   EXPECT_EQ(server.delivered(), std::vector<std::string>{Document("moved", 3)});
-}
-
-TEST(TracerClientTest, InvalidSettingsTakeTheirDefaults) {
-  TestHttpServer server(TestHttpServer::Mode::kClose);
-  for (const char* value : {"4x", "0", "-4", " 4", "+4", "4 ", "", "0x4", "4.0"}) {
-    SCOPED_TRACE(value);
-    UseEndpoint(server.url());
-    setenv("ZEL_TRACE_QUEUE_MAX", value, 1);
-    setenv("ZEL_TRACE_DEREGISTER_MS", "1", 1);
-    TracerClient* client = TracerClient::registerClient("test");
-    ASSERT_NE(client, nullptr);
-    // The default queue: 1000 documents, not 4.
-    int accepted = 0;
-    for (int i = 0; i < 1001; ++i) accepted += client->postTrace(Document("q", i)) ? 1 : 0;
-    EXPECT_EQ(accepted, 1000);
-    client->deregister();
-  }
-  unsetenv("ZEL_TRACE_QUEUE_MAX");
-}
-
-TEST(TracerClientTest, SettingsAreWholeNumbersClampedToTheirRange) {
-  using zel_tracer_detail::parseSetting;
-  using zel_tracer_detail::SettingRange;
-  const SettingRange range{250, 1, 3600000};
-  EXPECT_EQ(parseSetting(nullptr, range), 250);
-  EXPECT_EQ(parseSetting("", range), 250);
-  EXPECT_EQ(parseSetting("1", range), 1);
-  EXPECT_EQ(parseSetting("0007", range), 7);
-  EXPECT_EQ(parseSetting("3600000", range), 3600000);
-  EXPECT_EQ(parseSetting("3600001", range), 3600000);
-  EXPECT_EQ(parseSetting("99999999999999999999999999999999", range), 3600000);
-  EXPECT_EQ(parseSetting("0", range), 250);
-  EXPECT_EQ(parseSetting("-1", range), 250);
-  EXPECT_EQ(parseSetting("12abc", range), 250);
-  EXPECT_EQ(parseSetting("1e3", range), 250);
-  EXPECT_EQ(parseSetting("99999999999999999999999x", range), 250);
-  // A setting whose range starts at 0 takes 0.
-  EXPECT_EQ(parseSetting("0", zel_tracer_detail::kBatchDelayRange), 0);
-  // Every tuning variable is read with its range.
-  UseEndpoint("http://127.0.0.1:9/");
-  setenv("ZEL_TRACE_QUEUE_BYTES", "99999999999999999999", 1);
-  setenv("ZEL_TRACE_BATCH_MAX", "1000000", 1);
-  setenv("ZEL_TRACE_BATCH_BYTES", "junk", 1);
-  setenv("ZEL_TRACE_RETRY_MS", "500", 1);
-  setenv("ZEL_TRACE_RETRY_MAX_MS", "100", 1);
-  setenv("ZEL_TRACE_CONNECT_TIMEOUT_MS", "999999999", 1);
-  setenv("ZEL_TRACE_GZIP", "yes", 1);
-  const zel_tracer_detail::HttpSettings s = zel_tracer_detail::HttpSettings::fromEnvironment();
-  EXPECT_EQ(s.queueBytes, 1073741824u);
-  EXPECT_EQ(s.batchMax, 100000u);
-  EXPECT_EQ(s.batchBytes, 1048576u);
-  EXPECT_EQ(s.retryMs, 500);
-  EXPECT_EQ(s.retryMaxMs, 500);  // never below the first back-off
-  EXPECT_EQ(s.connectTimeoutMs, 600000);
-  EXPECT_FALSE(s.gzip);
-  unsetenv("ZEL_TRACE_GZIP");
-  unsetenv("ZEL_TRACE_QUEUE_BYTES");
-  unsetenv("ZEL_TRACE_BATCH_BYTES");
-}
-
-TEST(TracerClientTest, UrlsThatLibcurlRejectsGiveNoClient) {
-  for (const char* endpoint :
-       {"http://exa mple/", "http://127.0.0.1:99999/", "http://user@:80/", "http://a%00b/",
-        "http://ex\xff"
-        "ample/",
-        "http://[::1/"}) {
-    SCOPED_TRACE(endpoint);
-    setenv("ZEL_TRACE_ENDPOINT", endpoint, 1);
-    EXPECT_EQ(TracerClient::registerClient("test"), nullptr);
-  }
 }
 
 TEST(TracerClientTest, APermanentTransferErrorDropsDocumentsAndIsSaidOnce) {
