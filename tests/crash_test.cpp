@@ -221,6 +221,14 @@ struct CrashShared {
   std::atomic<int64_t> faultAtNs;
   std::atomic<int64_t> linesInFileBeforeFault;  // -1 until known
   std::atomic<int> installResult;
+
+  // The state before a child has reported anything.
+  void Reset() {
+    faultingTid.store(0);
+    faultAtNs.store(0);
+    linesInFileBeforeFault.store(-1);
+    installResult.store(-2);
+  }
 };
 
 // A backend that holds up the writer: it holds the first line until
@@ -364,10 +372,7 @@ CrashResult RunCrash(const std::string& base, bool stuckWriter,
   const zel_test::SharedWithChild<CrashShared> memory;
   CrashShared* shared = memory.get();
   if (shared == nullptr) return result;
-  shared->faultingTid.store(0);
-  shared->faultAtNs.store(0);
-  shared->linesInFileBeforeFault.store(-1);
-  shared->installResult.store(-2);
+  shared->Reset();
   // The child's streams are NUL: whatever the system starts for the
   // unhandled fault (Wine's debugger, unless the windows test preset
   // disables it) must not hold the test's output open after the test.
@@ -480,10 +485,7 @@ CrashResult RunCrash(const std::string& base, Fault fault, bool stuckWriter,
   const zel_test::SharedWithChild<CrashShared> memory;
   CrashShared* shared = memory.get();
   if (shared == nullptr) return result;
-  shared->faultingTid.store(0);
-  shared->faultAtNs.store(0);
-  shared->linesInFileBeforeFault.store(-1);
-  shared->installResult.store(-2);
+  shared->Reset();
   const ChildHandle child = StartChild(
       RunChildRole, {"drain", memory.role(), base, std::to_string(static_cast<int>(fault)),
                      stuckWriter ? "1" : "0", priorMarker});

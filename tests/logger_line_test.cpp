@@ -32,12 +32,6 @@ using zel_test::SplitLines;
 using zel_test::TempDir;
 using zel_test::TextOf;
 using zel_test::WallClockMs;
-#if defined(ZEL_TEST_ON_WINDOWS)
-using zel_test::kNoFaketime;
-#else
-using zel_test::kChildBaseVariable;
-using zel_test::RunSelfUnderFaketime;
-#endif
 
 // Logs a format and its arguments through log_print, and appends what
 // snprintf makes of them to the caller's `expected` (through the caller's
@@ -232,18 +226,18 @@ TEST(LogLevelTest, MinusOneSilencesTheLibraryEvenItsErrorsAndCreatesNoLogger) {
 
 TEST(LogPrintTest, PrefixUnderAMovedClockShowsItsLocalDateAndTime) {
 #if defined(ZEL_TEST_ON_WINDOWS)
-  GTEST_SKIP() << kNoFaketime;
+  GTEST_SKIP() << zel_test::kNoFaketime;
 #else
-  if (const char* childBase = std::getenv(kChildBaseVariable)) {
+  if (const char* childBase = std::getenv(zel_test::kChildBaseVariable)) {
     zel_set_log_path(childBase);
     log_print(3, 0, "tid=%lld\n", zel_test::OsThreadId());
     zel_log_flush();
     return;
   }
   TempDir dir;
-  ASSERT_EQ(RunSelfUnderFaketime("2027-03-07 09:05:01",
-                                 "LogPrintTest.PrefixUnderAMovedClockShowsItsLocalDateAndTime",
-                                 dir.path()),
+  ASSERT_EQ(zel_test::RunSelfUnderFaketime(
+                "2027-03-07 09:05:01",
+                "LogPrintTest.PrefixUnderAMovedClockShowsItsLocalDateAndTime", dir.path()),
             0);
   const std::string text = ReadFile(LiveFile(dir.path() + "20270307/"));
   std::smatch m;
