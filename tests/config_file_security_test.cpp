@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/config_file.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/config_parser.h"
 #include "utils/logger.h"
 

@@ -33,7 +33,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/logger.h"
 
 namespace {

@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 #if !defined(ZEL_TEST_ON_WINDOWS)
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #endif
@@ -36,14 +35,21 @@
 #include <thread>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/child_process.h"
+#include "tests/support/test_util.h"
 #include "utils/logger.h"
 
 namespace {
 
+using zel_test::ChildHandle;
+using zel_test::KillChild;
+using zel_test::kNoChild;
 using zel_test::ListDir;
+using zel_test::LiveFileBelow;
 using zel_test::ReadFile;
+using zel_test::StartChild;
 using zel_test::TempDir;
+using zel_test::WaitChild;
 using zel_test::WaitFor;
 
 constexpr int kThreads = 4;
@@ -90,117 +96,10 @@ std::size_t PayloadLength(uint64_t seq) { return 10 + static_cast<std::size_t>(s
   _exit(0);
 }
 
-// Starting, killing and reaping the child, and the memory shared with it.
-#if defined(ZEL_TEST_ON_WINDOWS)
-// Windows has no fork: the child is this program started again with
-// ZEL_CRASH_CHILD=<mapping name>|<log base> in its environment, which a
-// static initializer below turns into RunChild() before main.
-constexpr char kChildVariable[] = "ZEL_CRASH_CHILD";
-
-struct SharedMemory {
-  HANDLE mapping = nullptr;
-  Shared* shared = nullptr;
-  std::string name;
-};
-
-SharedMemory CreateShared() {
-  SharedMemory memory;
-  memory.name = "zel_crash_test_" + std::to_string(GetCurrentProcessId());
-  memory.mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                      sizeof(Shared), memory.name.c_str());
-  if (memory.mapping != nullptr) {
-    memory.shared = static_cast<Shared*>(
-        MapViewOfFile(memory.mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(Shared)));
-  }
-  return memory;
-}
-
-void ReleaseShared(const SharedMemory& memory) {
-  if (memory.shared != nullptr) UnmapViewOfFile(memory.shared);
-  if (memory.mapping != nullptr) CloseHandle(memory.mapping);
-}
-
-using ChildHandle = HANDLE;
-
-// Starts this program again as a child logging under `base`; null on failure.
-ChildHandle StartChild(const std::string& base, const SharedMemory& memory) {
-  char path[MAX_PATH + 1] = {0};
-  GetModuleFileNameA(nullptr, path, MAX_PATH);
-  std::string command = std::string("\"") + path + "\"";
-  _putenv_s(kChildVariable, (memory.name + "|" + base).c_str());
-  STARTUPINFOA startup{};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION child{};
-  const BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr,
-                                      nullptr, &startup, &child);
-  _putenv_s(kChildVariable, "");
-  if (!started) return nullptr;
-  CloseHandle(child.hThread);
-  return child.hProcess;
-}
-
-constexpr DWORD kKilledExitCode = 137;
-
-// Kills the child at once (TerminateProcess) and waits for it; true when it
-// ended by this kill, not before it.
-bool KillChild(ChildHandle child) {
-  TerminateProcess(child, kKilledExitCode);
-  WaitForSingleObject(child, INFINITE);
-  DWORD code = 0;
-  GetExitCodeProcess(child, &code);
-  CloseHandle(child);
-  return code == kKilledExitCode;
-}
-
-// In a child, runs it instead of the tests.
-const bool kRanAsChild = [] {
-  const char* value = std::getenv(kChildVariable);
-  if (value == nullptr || *value == '\0') return false;
-  const std::string text = value;
-  const std::size_t bar = text.find('|');
-  if (bar == std::string::npos) _exit(2);
-  HANDLE mapping = OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE, text.substr(0, bar).c_str());
-  if (mapping == nullptr) _exit(2);
-  auto* shared =
-      static_cast<Shared*>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(Shared)));
-  if (shared == nullptr) _exit(2);
-  RunChild(text.substr(bar + 1), shared);
-}();
-#else
-struct SharedMemory {
-  Shared* shared = nullptr;
-};
-
-SharedMemory CreateShared() {
-  SharedMemory memory;
-  void* address =
-      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (address != MAP_FAILED) memory.shared = static_cast<Shared*>(address);
-  return memory;
-}
-
-void ReleaseShared(const SharedMemory& memory) {
-  if (memory.shared != nullptr) munmap(memory.shared, sizeof(Shared));
-}
-
-using ChildHandle = pid_t;
-
-// Forks a child logging under `base`; -1 on failure.
-ChildHandle StartChild(const std::string& base, const SharedMemory& memory) {
-  const pid_t child = fork();
-  if (child == 0) RunChild(base, memory.shared);
-  return child;
-}
-
-// Kills the child at once (SIGKILL) and reaps it; true when it ended by
-// this kill, not before it.
-bool KillChild(ChildHandle child) {
-  kill(child, SIGKILL);
-  int status = 0;
-  if (waitpid(child, &status, 0) != child) return false;
-  return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-}
-#endif
+// Runs the child role `role`: {"log", shared memory, log base} for the
+// child killed while logging, {"drain", shared memory, log base, fault,
+// stuck writer "0"/"1", prior handler's marker file} for the crash drain.
+[[noreturn]] void RunChildRole(const std::vector<std::string>& role);
 
 // Parses "[M-D hh:mm:ss.mmm][tid:N] C <t> <seq> <payload>\n"; false when the
 // line is not whole.
@@ -243,8 +142,8 @@ std::vector<std::string> ChildLogFiles(const std::string& base) {
 }
 
 TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
-  const SharedMemory memory = CreateShared();
-  Shared* shared = memory.shared;
+  const zel_test::SharedWithChild<Shared> memory;
+  Shared* shared = memory.get();
   ASSERT_NE(shared, nullptr);
   std::mt19937 random(std::random_device{}());
   constexpr int kRounds = 15;
@@ -259,8 +158,8 @@ TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
     }
     // Kill after a random number of posted lines (up to a few rotations).
     const uint64_t killAfter = std::uniform_int_distribution<uint64_t>(1, 3000)(random);
-    const ChildHandle child = StartChild(dir.path(), memory);
-    ASSERT_TRUE(child != ChildHandle{} && child != ChildHandle(-1)) << "no child";
+    const ChildHandle child = StartChild(RunChildRole, {"log", memory.role(), dir.path()});
+    ASSERT_NE(child, kNoChild) << "no child";
 
     const bool reached = WaitFor(
         [shared, killAfter] {
@@ -304,7 +203,6 @@ TEST(CrashTest, KilledWhileLoggingLeavesWholeLinesAndEveryFlushedLine) {
   // The kills must have hit a log under way, not only children that had
   // not written anything yet.
   EXPECT_GT(roundsWithLines, kRounds / 2);
-  ReleaseShared(memory);
 }
 
 // ---------------------------------------------------------------------------
@@ -323,6 +221,14 @@ struct CrashShared {
   std::atomic<int64_t> faultAtNs;
   std::atomic<int64_t> linesInFileBeforeFault;  // -1 until known
   std::atomic<int> installResult;
+
+  // The state before a child has reported anything.
+  void Reset() {
+    faultingTid.store(0);
+    faultAtNs.store(0);
+    linesInFileBeforeFault.store(-1);
+    installResult.store(-2);
+  }
 };
 
 // A backend that holds up the writer: it holds the first line until
@@ -368,18 +274,6 @@ int CountNewlines(const std::string& path) {
   return zel_test::CountOccurrences(ReadFile(path), "\n");
 }
 
-// The live file of the child's one day directory under `base`.
-std::string LiveFile(const std::string& base) {
-  for (const std::string& day : ListDir(base)) {
-    for (const std::string& name : ListDir(base + day)) {
-      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) {
-        return base + day + "/" + name;
-      }
-    }
-  }
-  return std::string();
-}
-
 // The child's part before its fault: installs the crash drain, logs
 // kCrashLinesPerThread lines from each of kThreads threads through a writer
 // slowed down by a backend (or stuck in one), and tells the test how far
@@ -399,7 +293,7 @@ void LogBehindASlowWriter(const std::string& base, CrashShared* shared, bool stu
     });
   }
   for (std::thread& thread : threads) thread.join();
-  const std::string live = LiveFile(base);
+  const std::string live = LiveFileBelow(base);
   shared->linesInFileBeforeFault.store(live.empty() ? 0 : CountNewlines(live));
   slow.Release();
   shared->faultAtNs.store(std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -433,13 +327,11 @@ void CollectCrash(const std::string& base, CrashShared* shared, WaitEnd waitEnd,
   result->linesBeforeFault = shared->linesInFileBeforeFault.load();
   result->faultingTid = shared->faultingTid.load();
   result->installResult = shared->installResult.load();
-  const std::string live = LiveFile(base);
+  const std::string live = LiveFileBelow(base);
   if (!live.empty()) result->log = ReadFile(live);
 }
 
 #if defined(ZEL_TEST_ON_WINDOWS)
-
-constexpr char kDrainChildVariable[] = "ZEL_CRASH_DRAIN_CHILD";
 
 // The exception filter the application had before the drain: appends a
 // marker to a file, then lets the system end the process.
@@ -474,87 +366,27 @@ LONG WINAPI PriorFilter(EXCEPTION_POINTERS* /*pointers*/) {
   _exit(98);  // not reached: the fault ends the process
 }
 
-// In a child started by RunCrash, runs it instead of the tests:
-// ZEL_CRASH_DRAIN_CHILD=<mapping>|<log base>|<0 or 1: stuck writer>|<marker>.
-const bool kRanAsDrainChild = [] {
-  const char* value = std::getenv(kDrainChildVariable);
-  if (value == nullptr || *value == '\0') return false;
-  std::vector<std::string> fields(1);
-  for (const char* p = value; *p != '\0'; ++p) {
-    if (*p == '|') {
-      fields.emplace_back();
-    } else {
-      fields.back() += *p;
-    }
-  }
-  if (fields.size() != 4) _exit(2);
-  HANDLE mapping = OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE, fields[0].c_str());
-  if (mapping == nullptr) _exit(2);
-  auto* shared = static_cast<CrashShared*>(
-      MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(CrashShared)));
-  if (shared == nullptr) _exit(2);
-  RunCrashChild(fields[1], shared, fields[2] == "1", fields[3]);
-}();
-
 CrashResult RunCrash(const std::string& base, bool stuckWriter,
                      const std::string& priorMarker = std::string()) {
   CrashResult result;
-  const std::string name = "zel_crash_drain_" + std::to_string(GetCurrentProcessId());
-  const HANDLE mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                            sizeof(CrashShared), name.c_str());
-  if (mapping == nullptr) return result;
-  auto* shared = static_cast<CrashShared*>(
-      MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(CrashShared)));
-  if (shared == nullptr) {
-    CloseHandle(mapping);
-    return result;
-  }
-  shared->faultingTid.store(0);
-  shared->faultAtNs.store(0);
-  shared->linesInFileBeforeFault.store(-1);
-  shared->installResult.store(-2);
-  char path[MAX_PATH + 1] = {0};
-  GetModuleFileNameA(nullptr, path, MAX_PATH);
-  std::string command = std::string("\"") + path + "\"";
-  _putenv_s(kDrainChildVariable,
-            (name + "|" + base + "|" + (stuckWriter ? "1" : "0") + "|" + priorMarker).c_str());
-  // The child's streams are NUL, and only NUL is inherited: whatever the
-  // system starts for the unhandled fault (Wine's debugger, unless the
-  // windows test preset disables it) takes the child's streams and must not
-  // hold the test's output open after the test.
-  for (DWORD which : {STD_INPUT_HANDLE, STD_OUTPUT_HANDLE, STD_ERROR_HANDLE}) {
-    const HANDLE own = GetStdHandle(which);
-    if (own != nullptr && own != INVALID_HANDLE_VALUE)
-      SetHandleInformation(own, HANDLE_FLAG_INHERIT, 0);
-  }
-  SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
-  const HANDLE nul =
-      CreateFileA("NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                  &inheritable, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  STARTUPINFOA startup{};
-  startup.cb = sizeof(startup);
-  if (nul != INVALID_HANDLE_VALUE) {
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = nul;
-    startup.hStdOutput = nul;
-    startup.hStdError = nul;
-  }
-  PROCESS_INFORMATION child{};
-  const BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr,
-                                      nullptr, &startup, &child);
-  if (nul != INVALID_HANDLE_VALUE) CloseHandle(nul);
-  _putenv_s(kDrainChildVariable, "");
-  if (started) {
-    CloseHandle(child.hThread);
+  const zel_test::SharedWithChild<CrashShared> memory;
+  CrashShared* shared = memory.get();
+  if (shared == nullptr) return result;
+  shared->Reset();
+  // The child's streams are NUL: whatever the system starts for the
+  // unhandled fault (Wine's debugger, unless the windows test preset
+  // disables it) must not hold the test's output open after the test.
+  const ChildHandle child =
+      StartChild(RunChildRole,
+                 {"drain", memory.role(), base, "0", stuckWriter ? "1" : "0", priorMarker}, true);
+  if (child != kNoChild) {
     CollectCrash(
-        base, shared, [&child] { WaitForSingleObject(child.hProcess, INFINITE); }, &result);
-    DWORD code = 0;
-    GetExitCodeProcess(child.hProcess, &code);
-    result.status = static_cast<int>(code);
-    CloseHandle(child.hProcess);
+        base, shared,
+        [&] {
+          if (!WaitChild(child, std::chrono::minutes(10), &result.status)) KillChild(child);
+        },
+        &result);
   }
-  UnmapViewOfFile(shared);
-  CloseHandle(mapping);
   return result;
 }
 
@@ -649,19 +481,17 @@ void PriorHandler(int sig) {
 
 CrashResult RunCrash(const std::string& base, Fault fault, bool stuckWriter,
                      const std::string& priorMarker = std::string()) {
-  auto* shared = static_cast<CrashShared*>(mmap(
-      nullptr, sizeof(CrashShared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   CrashResult result;
-  if (shared == MAP_FAILED) return result;
-  shared->faultingTid.store(0);
-  shared->faultAtNs.store(0);
-  shared->linesInFileBeforeFault.store(-1);
-  shared->installResult.store(-2);
-  const pid_t child = fork();
-  if (child == 0) RunCrashChild(base, shared, fault, stuckWriter, priorMarker);
+  const zel_test::SharedWithChild<CrashShared> memory;
+  CrashShared* shared = memory.get();
+  if (shared == nullptr) return result;
+  shared->Reset();
+  const ChildHandle child = StartChild(
+      RunChildRole, {"drain", memory.role(), base, std::to_string(static_cast<int>(fault)),
+                     stuckWriter ? "1" : "0", priorMarker});
+  if (child == kNoChild) return result;
   CollectCrash(
       base, shared, [&] { waitpid(child, &result.status, 0); }, &result);
-  munmap(shared, sizeof(CrashShared));
   return result;
 }
 
@@ -671,6 +501,28 @@ std::string FatalLinePattern(int sig, uint64_t tid) {
 }
 
 #endif
+
+[[noreturn]] void RunChildRole(const std::vector<std::string>& role) {
+  if (role.size() == 3 && role[0] == "log") {
+    Shared* shared = zel_test::SharedWithChild<Shared>::Open(role[1]);
+    if (shared != nullptr) RunChild(role[2], shared);
+  }
+  if (role.size() == 6 && role[0] == "drain") {
+    CrashShared* shared = zel_test::SharedWithChild<CrashShared>::Open(role[1]);
+    if (shared != nullptr) {
+#if defined(ZEL_TEST_ON_WINDOWS)
+      RunCrashChild(role[2], shared, role[4] == "1", role[5]);
+#else
+      RunCrashChild(role[2], shared, static_cast<Fault>(std::stoi(role[3])), role[4] == "1",
+                    role[5]);
+#endif
+    }
+  }
+  _exit(2);
+}
+
+// In a child started on Windows, runs its role instead of the tests.
+const bool kRanAsChild = zel_test::RunChildRoleIfAsked(RunChildRole);
 
 // Every queued line is in the file, each thread's in order, followed by the
 // fatal line (matching `fatalPattern`) and nothing else.

@@ -10,16 +10,10 @@
 // (configuration writers, the tracing service) are this program started
 // again with ZEL_FAULT_CHILD naming the child's role, since Windows has no
 // fork.
-#if defined(ZEL_TEST_ON_WINDOWS)
-#include <winsock2.h>
-#include <ws2tcpip.h>
-#else
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#if !defined(ZEL_TEST_ON_WINDOWS)
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #endif
 #include <fcntl.h>
@@ -34,21 +28,30 @@
 #include <thread>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/child_process.h"
+#include "tests/support/http_server.h"
+#include "tests/support/test_util.h"
 #include "tracer/tracer_client.h"
 #include "utils/config_file.h"
 #include "utils/logger.h"
 
 namespace {
 
+using zel_test::ChildHandle;
 using zel_test::CountOccurrences;
 using zel_test::FileExists;
+using zel_test::FreePort;
 using zel_test::IsDirectory;
+using zel_test::KillChild;
+using zel_test::kNoChild;
 using zel_test::ListDir;
+using zel_test::LivePath;
 using zel_test::ReadFile;
 using zel_test::ReadLiveLog;
 using zel_test::StdoutCapture;
 using zel_test::TempDir;
+using zel_test::TestHttpServer;
+using zel_test::WaitChild;
 using zel_test::WaitFor;
 
 #if defined(ZEL_TEST_ON_WINDOWS)
@@ -83,14 +86,6 @@ std::string AllLogText(const std::string& dir) {
     if (!IsDirectory(dir + name)) text += ReadFile(dir + name);
   }
   return text;
-}
-
-// The path of the live file in `dir`, or "" when there is none.
-std::string LivePath(const std::string& dir) {
-  for (const std::string& name : ListDir(dir)) {
-    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) return dir + name;
-  }
-  return "";
 }
 
 TEST(FaultTest, RemovedDirectoryIsMadeAgain) {
@@ -301,23 +296,6 @@ constexpr int kWritesEach = 50;
   _exit(0);
 }
 
-#if defined(ZEL_TEST_ON_WINDOWS)
-using Socket = SOCKET;
-const Socket kNoSocket = INVALID_SOCKET;
-constexpr int kSendFlags = 0;
-void CloseSocket(Socket s) { closesocket(s); }
-// Winsock works only between WSAStartup and WSACleanup.
-const bool kWinsockStarted = [] {
-  WSADATA data;
-  return WSAStartup(MAKEWORD(2, 2), &data) == 0;
-}();
-#else
-using Socket = int;
-const Socket kNoSocket = -1;
-constexpr int kSendFlags = MSG_NOSIGNAL;
-void CloseSocket(Socket s) { close(s); }
-#endif
-
 [[noreturn]] void RunTraceService(uint16_t port, const std::string& record);
 
 #if defined(ZEL_TEST_ON_WINDOWS)
@@ -352,94 +330,13 @@ void CloseSocket(Socket s) { close(s); }
   _exit(2);
 }
 
-#if defined(ZEL_TEST_ON_WINDOWS)
-using ChildHandle = HANDLE;
-const ChildHandle kNoChild = nullptr;
-constexpr char kChildVariable[] = "ZEL_FAULT_CHILD";
-
-// Starts this program again in the role `role` (its words joined by '|' in
-// ZEL_FAULT_CHILD); kNoChild on failure.
+// Starts this program again, or forks, in the child role `role`.
 ChildHandle StartChild(const std::vector<std::string>& role) {
-  std::string value;
-  for (const std::string& word : role) value += (value.empty() ? "" : "|") + word;
-  char path[MAX_PATH + 1] = {0};
-  GetModuleFileNameA(nullptr, path, MAX_PATH);
-  std::string command = std::string("\"") + path + "\"";
-  // The environment is the process's: one start at a time.
-  static std::mutex mutex;
-  std::lock_guard<std::mutex> lock(mutex);
-  _putenv_s(kChildVariable, value.c_str());
-  STARTUPINFOA startup{};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION child{};
-  const BOOL started = CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr,
-                                      nullptr, &startup, &child);
-  _putenv_s(kChildVariable, "");
-  if (!started) return kNoChild;
-  CloseHandle(child.hThread);
-  return child.hProcess;
+  return zel_test::StartChild(RunChildRole, role);
 }
 
-// Waits at most `timeoutMs` for the child to end; true, with its exit code
-// in `*code`, when it did (the handle is then released).
-bool WaitChild(ChildHandle child, int timeoutMs, int* code) {
-  if (WaitForSingleObject(child, static_cast<DWORD>(timeoutMs)) != WAIT_OBJECT_0) return false;
-  DWORD exitCode = 0;
-  GetExitCodeProcess(child, &exitCode);
-  *code = static_cast<int>(exitCode);
-  CloseHandle(child);
-  return true;
-}
-
-// Kills the child at once (TerminateProcess) and waits until it is gone.
-void KillChild(ChildHandle child) {
-  TerminateProcess(child, 137);
-  WaitForSingleObject(child, INFINITE);
-  CloseHandle(child);
-}
-
-// In a child, runs its role instead of the tests.
-const bool kRanAsChild = [] {
-  const char* value = std::getenv(kChildVariable);
-  if (value == nullptr || *value == '\0') return false;
-  std::vector<std::string> role(1);
-  for (const char* p = value; *p != '\0'; ++p) {
-    if (*p == '|') {
-      role.emplace_back();
-    } else {
-      role.back() += *p;
-    }
-  }
-  RunChildRole(role);
-}();
-#else
-using ChildHandle = pid_t;
-const ChildHandle kNoChild = -1;
-
-// Forks a child that runs the role `role`; kNoChild on failure.
-ChildHandle StartChild(const std::vector<std::string>& role) {
-  const pid_t child = fork();
-  if (child == 0) RunChildRole(role);
-  return child < 0 ? kNoChild : child;
-}
-
-// Waits at most `timeoutMs` for the child to end; true, with its exit
-// status (128 + the signal for a killed child) in `*code`, when it did.
-bool WaitChild(ChildHandle child, int timeoutMs, int* code) {
-  int status = 0;
-  const bool ended = WaitFor([&] { return waitpid(child, &status, WNOHANG) == child; },
-                             std::chrono::milliseconds(timeoutMs));
-  if (!ended) return false;
-  *code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return true;
-}
-
-// Kills the child at once (SIGKILL) and reaps it.
-void KillChild(ChildHandle child) {
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-}
-#endif
+// In a child started on Windows, runs its role instead of the tests.
+const bool kRanAsChild = zel_test::RunChildRoleIfAsked(RunChildRole);
 
 // A reader loops over GetKeyStringFromFile while child processes, one after
 // another, replace the file with PutKeyStringToFile: every read sees a whole
@@ -469,7 +366,7 @@ TEST(FaultTest, ConfigReadWhileOtherProcessesWriteSeesWholeFiles) {
       int code = -1;
       if (writer == kNoChild) {
         writersOk = false;
-      } else if (!WaitChild(writer, 120000, &code)) {
+      } else if (!WaitChild(writer, std::chrono::milliseconds(120000), &code)) {
         KillChild(writer);
         writersOk = false;
       } else if (code != 0) {
@@ -532,7 +429,7 @@ TEST(FaultTest, LiveFileHeldWithoutDeleteSharingByAnotherProcessLosesNoLine) {
   const std::string heldText = ReadFile(live);
   SetEvent(release);
   int code = -1;
-  const bool ended = WaitChild(holder, 60000, &code);
+  const bool ended = WaitChild(holder, std::chrono::milliseconds(60000), &code);
   if (!ended) KillChild(holder);
   CloseHandle(held);
   CloseHandle(release);
@@ -567,58 +464,17 @@ TEST(FaultTest, LiveFileHeldWithoutDeleteSharingByAnotherProcessLosesNoLine) {
 // honoured), appends each body and a newline to `record` and answers 200.
 // Runs until it is killed.
 [[noreturn]] void RunTraceService(uint16_t port, const std::string& record) {
-  const Socket fd = socket(AF_INET, SOCK_STREAM, 0);
-  const int one = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&one), sizeof(one));
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(port);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd, 16) != 0) {
-    _exit(5);
-  }
   const int out = open(record.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  for (;;) {
-    const Socket conn = accept(fd, nullptr, nullptr);
-    if (conn == kNoSocket) continue;
-    std::string buffer;
-    char chunk[4096];
-    for (;;) {
-      const std::size_t headerEnd = buffer.find("\r\n\r\n");
-      if (headerEnd != std::string::npos) {
-        std::size_t length = 0;
-        const std::size_t at = buffer.find("Content-Length:");
-        if (at != std::string::npos && at < headerEnd) {
-          length = std::strtoul(buffer.c_str() + at + 15, nullptr, 10);
-        }
-        if (buffer.size() >= headerEnd + 4 + length) {
-          const std::string body = buffer.substr(headerEnd + 4, length) + "\n";
-          if (write(out, body.data(), static_cast<unsigned>(body.size())) < 0) _exit(6);
-          buffer.erase(0, headerEnd + 4 + length);
-          static const char kAnswer[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
-          if (send(conn, kAnswer, sizeof(kAnswer) - 1, kSendFlags) < 0) break;
-          continue;
-        }
-      }
-      const auto n = recv(conn, chunk, sizeof(chunk), 0);
-      if (n <= 0) break;
-      buffer.append(chunk, static_cast<std::size_t>(n));
-    }
-    CloseSocket(conn);
-  }
-}
-
-// A free port on 127.0.0.1 (bound and released at once).
-uint16_t FreePort() {
-  const Socket fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(addr);
-  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  CloseSocket(fd);
-  return ntohs(addr.sin_port);
+  // Serves on this thread: a child forked from a process with threads
+  // starts none of its own.
+  TestHttpServer service(TestHttpServer::Mode::kRefuse, port);
+  if (!service.bound()) _exit(5);
+  service.OnRequest([out](const TestHttpServer::Request& request) {
+    const std::string body = request.body + "\n";
+    if (write(out, body.data(), static_cast<unsigned>(body.size())) < 0) _exit(6);
+  });
+  service.ServeForever();
+  _exit(5);
 }
 
 // The numbers of the documents "doc-<n>" recorded so far, in order.

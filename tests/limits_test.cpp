@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/config_file.h"
 #include "utils/config_parser.h"
 #include "utils/logger.h"

@@ -15,7 +15,7 @@
 #include <ctime>
 #include <string>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/logger.h"
 #include "utils/platform.h"
 

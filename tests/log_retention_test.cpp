@@ -15,31 +15,24 @@
 #include <string>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/logger.h"
 
 namespace {
 
 using zel::Logger;
 using zel_test::CountOccurrences;
+using zel_test::DayName;
 using zel_test::FileExists;
 using zel_test::IsDirectory;
 using zel_test::ListDir;
+using zel_test::LivePath;
 using zel_test::MakeSymbolicLink;
 using zel_test::ReadFile;
 using zel_test::StdoutCapture;
 using zel_test::TempDir;
+using zel_test::TodayDir;
 using zel_test::WriteFile;
-
-// The day directory name "YYYYMMDD" of the local date `daysAgo` days ago.
-std::string DayName(int daysAgo) {
-  std::time_t t = std::time(nullptr) - static_cast<std::time_t>(daysAgo) * 86400;
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char buf[48];
-  std::snprintf(buf, sizeof(buf), "%04d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
-  return buf;
-}
 
 // Makes the day directory `daysAgo` days old below `base` and returns its
 // path (ending in '/').
@@ -62,13 +55,7 @@ void LogOneLine(const std::string& base) {
 }
 
 // The live file of today's directory below `base`.
-std::string LiveFile(const std::string& base) {
-  const std::string dir = base + DayName(0) + "/";
-  for (const std::string& name : ListDir(dir)) {
-    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) return dir + name;
-  }
-  return std::string();
-}
+std::string LiveFile(const std::string& base) { return LivePath(base + TodayDir()); }
 
 TEST(LogRetentionTest, OldDayDirectoriesGoWithTheirLogFilesForeignFilesStay) {
   TempDir tmp;

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/logger.h"
 
 // Allocation failure on demand: while set on a thread, the next allocation
@@ -48,12 +48,15 @@ namespace {
 
 using zel::Logger;
 using zel_test::CountOccurrences;
+using zel_test::DayName;
 using zel_test::FileExists;
 using zel_test::ListDir;
+using zel_test::LivePath;
 using zel_test::MakeSymbolicLink;
 using zel_test::ReadFile;
 using zel_test::StdoutCapture;
 using zel_test::TempDir;
+using zel_test::TodayDir;
 
 #if defined(ZEL_TEST_ON_WINDOWS)
 // Ownership and access lists are left to Windows' own access checks; the
@@ -73,15 +76,6 @@ constexpr char kNoPosixModes[] =
     }                                                                                          \
   } while (false)
 
-std::string Today() {
-  std::time_t t = std::time(nullptr);
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char buf[48];
-  std::snprintf(buf, sizeof(buf), "%04d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
-  return buf;
-}
-
 void LogLine(const char* text) {
   log_print(3, 0, "%s\n", text);
   zel_log_flush();
@@ -92,13 +86,8 @@ void Start(const std::string& base) {
   zel_set_log_path(base.c_str());
 }
 
-std::string LiveFile(const std::string& base) {
-  const std::string dir = base + Today() + "/";
-  for (const std::string& name : ListDir(dir)) {
-    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) return dir + name;
-  }
-  return std::string();
-}
+// The live file of today's directory below `base`.
+std::string LiveFile(const std::string& base) { return LivePath(base + TodayDir()); }
 
 // Every file below `dir`, links not followed.
 int CountFiles(const std::string& dir) {
@@ -197,14 +186,14 @@ TEST(LogSafetyTest, LinkedDayDirectoryIsRefused) {
   const std::string elsewhere = tmp.path() + "elsewhere/";
   ASSERT_EQ(mkdir(base.c_str(), 0700), 0);
   ASSERT_EQ(mkdir(elsewhere.c_str(), 0700), 0);
-  ZEL_MAKE_LINK_OR_SKIP(elsewhere, base + Today(), true);
+  ZEL_MAKE_LINK_OR_SKIP(elsewhere, base + DayName(), true);
   StdoutCapture out;
   Start(base);
   LogLine("first");
   LogLine("second");
   const std::string printed = out.Stop();
   EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
-  EXPECT_NE(printed.find(base + Today() + ": it is a link"), std::string::npos) << printed;
+  EXPECT_NE(printed.find(base + DayName() + ": it is a link"), std::string::npos) << printed;
   EXPECT_TRUE(ListDir(elsewhere).empty());
 }
 
@@ -239,7 +228,7 @@ TEST(LogSafetyTest, DirectoriesAreMadePrivate) {
   const std::string base = tmp.path() + "a/b/";
   Start(base);
   LogLine("line");
-  for (const std::string& dir : {tmp.path() + "a", tmp.path() + "a/b", base + Today()}) {
+  for (const std::string& dir : {tmp.path() + "a", tmp.path() + "a/b", base + DayName()}) {
     struct stat st;
     ASSERT_EQ(stat(dir.c_str(), &st), 0) << dir;
     EXPECT_EQ(st.st_mode & 0777, 0700u) << dir;

@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/logger.h"
 #if !defined(ZEL_TEST_ON_WINDOWS)
 #include "utils/log_journal_backend.h"

@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/log_debug_output_backend.h"
 #include "utils/log_event_log_backend.h"
 #include "utils/logger.h"

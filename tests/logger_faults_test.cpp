@@ -30,7 +30,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/logger.h"
 
 // Allocation failure on demand, on one thread: after tAllocationsLeft more

@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/config_file.h"
 #include "utils/logger.h"
 #include "utils/platform.h"
@@ -47,18 +47,9 @@ using zel_test::ListDir;
 using zel_test::ReadFile;
 using zel_test::StdoutCapture;
 using zel_test::TempDir;
+using zel_test::TodayDir;
 
 constexpr char kDefaultBase[] = "c:\\Windows\\temp\\zel\\";
-
-// Today's date directory, "YYYYMMDD/", in local time.
-std::string TodayDir() {
-  std::time_t now = std::time(nullptr);
-  std::tm tm{};
-  EXPECT_EQ(localtime_s(&tm, &now), 0);
-  char buf[64];
-  zel::platform::formatDateDir(buf, sizeof(buf), tm);
-  return buf;
-}
 
 // The full path of this test program, as Windows reports it.
 std::string ModulePath() {

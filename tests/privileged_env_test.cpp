@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define ZEL_TEST_UNDER_SANITIZER 1

@@ -14,10 +14,10 @@
 #include <string>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/platform.h"
 #if !defined(ZEL_TEST_ON_WINDOWS)
-#include "tests/failing_allocator.h"
+#include "tests/support/failing_allocator.h"
 #endif
 
 namespace {

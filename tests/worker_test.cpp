@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/platform.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "tests/tracer_double.h"
 #include "tracer/tracer_client.h"
 #include "utils/logger.h"

@@ -47,7 +47,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/test_util.h"
+#include "tests/support/test_util.h"
 #include "utils/config_parser.h"
 #include "utils/logger.h"
 #include "utils/process_path.h"

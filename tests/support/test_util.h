@@ -1,7 +1,7 @@
 // Helpers shared by the unit tests: a temporary directory, waiting for a
 // condition with a deadline, reading files and capturing standard output.
-#ifndef ZEL_TESTS_TEST_UTIL_H_
-#define ZEL_TESTS_TEST_UTIL_H_
+#ifndef ZEL_TESTS_SUPPORT_TEST_UTIL_H_
+#define ZEL_TESTS_SUPPORT_TEST_UTIL_H_
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -341,15 +341,53 @@ class StderrCapture : public StreamCapture {
   StderrCapture() : StreamCapture(2, stderr, "stderr") {}
 };
 
+// The name "YYYYMMDD" of the log's day directory for the local date
+// `daysAgo` days before today.
+inline std::string DayName(int daysAgo = 0) {
+  const std::time_t t = std::time(nullptr) - static_cast<std::time_t>(daysAgo) * 86400;
+  std::tm tm{};
+  localtime_r(&t, &tm);
+  char buf[48];
+  std::snprintf(buf, sizeof(buf), "%04d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
+  return buf;
+}
+
+// Today's day directory, "YYYYMMDD/".
+inline std::string TodayDir() { return DayName(0) + "/"; }
+
+// The paths of the live log files ("*.txt") in the log directory `dir`
+// (ending in '/'), sorted.
+inline std::vector<std::string> LiveFiles(const std::string& dir) {
+  std::vector<std::string> live;
+  for (const std::string& name : ListDir(dir)) {
+    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0)
+      live.push_back(dir + name);
+  }
+  return live;
+}
+
+// The path of the live file in the log directory `dir`, or the empty text
+// when there is none.
+inline std::string LivePath(const std::string& dir) {
+  const std::vector<std::string> live = LiveFiles(dir);
+  return live.empty() ? std::string() : live.front();
+}
+
+// The live file of the first day directory below the log base `base` that
+// holds one, or the empty text when none does.
+inline std::string LiveFileBelow(const std::string& base) {
+  for (const std::string& day : ListDir(base)) {
+    const std::string live = LivePath(base + day + "/");
+    if (!live.empty()) return live;
+  }
+  return std::string();
+}
+
 // The text of the live log file ("*.txt") in the log directory `dir`, or the
 // empty text when there is none.
 inline std::string ReadLiveLog(const std::string& dir) {
   std::string text;
-  for (const std::string& name : ListDir(dir)) {
-    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) {
-      text += ReadFile(dir + name);
-    }
-  }
+  for (const std::string& path : LiveFiles(dir)) text += ReadFile(path);
   return text;
 }
 
@@ -423,4 +461,4 @@ inline int RunSelfUnderFaketime(const std::string& start, const std::string& tes
 
 }  // namespace zel_test
 
-#endif  // ZEL_TESTS_TEST_UTIL_H_
+#endif  // ZEL_TESTS_SUPPORT_TEST_UTIL_H_

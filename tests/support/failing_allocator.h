@@ -4,8 +4,8 @@
 // call. Include it in one source file of the executable only. POSIX only:
 // on Windows the library's allocations do not reach the executable's
 // operators.
-#ifndef ZEL_TESTS_FAILING_ALLOCATOR_H_
-#define ZEL_TESTS_FAILING_ALLOCATOR_H_
+#ifndef ZEL_TESTS_SUPPORT_FAILING_ALLOCATOR_H_
+#define ZEL_TESTS_SUPPORT_FAILING_ALLOCATOR_H_
 
 #include <atomic>
 #include <cstdlib>
@@ -60,4 +60,4 @@ ZEL_TEST_WHOLE_FUNCTION void operator delete(void* memory, std::size_t) noexcept
   std::free(memory);
 }
 
-#endif  // ZEL_TESTS_FAILING_ALLOCATOR_H_
+#endif  // ZEL_TESTS_SUPPORT_FAILING_ALLOCATOR_H_
