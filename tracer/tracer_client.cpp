@@ -2,8 +2,13 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
+#if defined(_WIN32)
+#include <io.h>
+#include <windows.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -73,6 +78,69 @@ std::mutex& appendMutex() {
   return *mutex;
 }
 
+// Opens the trace file `path` for appending, creating it with mode 0600
+// (only this user may read what devices report), without following a link
+// at its name, and keeps it only when it is a regular file of the
+// effective user with one link: anything else could be another user's file
+// reached through a name he planted. Returns the descriptor, or -1 with
+// `refusal` set to why the file was refused (and left empty when it could
+// not be opened at all, as for a missing directory).
+int openTraceFile(const std::string& path, std::string& refusal) {
+#if defined(_WIN32)
+  // No link or junction at the name is followed: a reparse point is opened
+  // itself and then refused.
+  const HANDLE handle =
+      CreateFileA(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
+                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return -1;
+  BY_HANDLE_FILE_INFORMATION info;
+  if (!GetFileInformationByHandle(handle, &info)) {
+    CloseHandle(handle);
+    return -1;
+  }
+  if ((info.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0) {
+    refusal = "not a regular file (a link, a junction or a directory)";
+  } else if (info.nNumberOfLinks != 1) {
+    refusal = "a file with " + std::to_string(info.nNumberOfLinks) + " links";
+  }
+  if (!refusal.empty()) {
+    CloseHandle(handle);
+    return -1;
+  }
+  const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_APPEND | _O_BINARY);
+  if (fd < 0) CloseHandle(handle);
+  return fd;
+#else
+  // O_NONBLOCK: a FIFO at the name must not block the post until a reader
+  // comes; it is refused below (or fails here when nobody reads it).
+  const int fd = ::open(path.c_str(),
+                        O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    if (errno == ELOOP) refusal = "a symbolic link";
+    if (errno == ENXIO) refusal = "not a regular file";
+    return -1;
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    refusal = "not a regular file";
+  } else if (st.st_uid != ::geteuid()) {
+    refusal = "owned by another user (uid " + std::to_string(st.st_uid) + ")";
+  } else if (st.st_nlink != 1) {
+    refusal = "a file with " + std::to_string(st.st_nlink) + " links";
+  }
+  if (!refusal.empty()) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+#endif
+}
+
 class FileSink : public Sink {
  public:
   explicit FileSink(std::string path) : path_(std::move(path)) {}
@@ -85,9 +153,16 @@ class FileSink : public Sink {
     // simply created again. In append mode every write lands at the end
     // of the file as it is then, so the record, written with one call,
     // stays whole even when other processes append to the same file.
-    const int fd =
-        ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_BINARY | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
+    std::string refusal;
+    const int fd = openTraceFile(path_, refusal);
+    if (fd < 0) {
+      if (!refusal.empty() && !refusalSaid_) {
+        refusalSaid_ = true;
+        report("documents not written: the trace file " + path_ + " is " + refusal +
+               " (later refusals are not reported)");
+      }
+      return false;
+    }
     std::size_t done = 0;
     bool written = true;
     while (done < record.size()) {
@@ -108,6 +183,7 @@ class FileSink : public Sink {
 
  private:
   const std::string path_;
+  bool refusalSaid_ = false;  // guarded by appendMutex()
 };
 
 // ---------------------------------------------------------------------------
@@ -167,6 +243,28 @@ bool gzipInto(const std::string& body, std::string& out) {
   return result == Z_STREAM_END;
 }
 
+// True for the libcurl errors of a TLS handshake that failed or a peer
+// whose certificate was not accepted.
+bool isTlsFailure(CURLcode code) {
+  switch (code) {
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // True for the libcurl errors that the same request would meet again
 // however often it were tried: the URL or the build cannot work.
 bool isPermanent(CURLcode code) {
@@ -186,7 +284,7 @@ bool isPermanent(CURLcode code) {
 class HttpSink : public Sink {
  public:
   HttpSink(const std::string& url, const std::string& name, const HttpSettings& settings)
-      : url_(url), settings_(settings) {
+      : url_(url), shownUrl_(zel_tracer_detail::redactUrl(url)), settings_(settings) {
     if (isHeaderSafe(name)) clientHeader_ = "X-Trace-Client: " + name;
     thread_ = std::thread(&HttpSink::run, this);
   }
@@ -316,6 +414,15 @@ class HttpSink : public Sink {
       // A redirect is an answer like any other non-2xx one: the documents
       // are never sent on to wherever it points.
       curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+      curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorText_);
+      // A privileged process does not let whoever started it route its
+      // documents through a proxy of his choice: the empty proxy turns off
+      // the proxy variables of the environment (http_proxy, HTTPS_PROXY,
+      // ALL_PROXY, NO_PROXY).
+      if (zel_tracer_detail::isPrivilegedProcess()) {
+        curl_easy_setopt(easy, CURLOPT_PROXY, "");
+        curl_easy_setopt(easy, CURLOPT_NOPROXY, "*");
+      }
     }
 
     long backoffMs = settings_.retryMs;
@@ -344,12 +451,13 @@ class HttpSink : public Sink {
                                     : Outcome::kRetry;
         lock.lock();
         if (outcome == Outcome::kDelivered) {
+          tlsFailureSaid_ = false;
           dropFront(batch.count);
           backoffMs = settings_.retryMs;
           break;
         }
         if (outcome == Outcome::kRejected) {
-          report(std::to_string(batch.count) + " document(s) dropped: " + url_ + " answered " +
+          report(std::to_string(batch.count) + " document(s) dropped: " + shownUrl_ + " answered " +
                  std::to_string(lastStatus_));
           dropFront(batch.count);
           backoffMs = settings_.retryMs;
@@ -357,7 +465,7 @@ class HttpSink : public Sink {
         }
         if (outcome == Outcome::kPermanent) {
           if (!permanentSaid) {
-            report(std::to_string(batch.count) + " document(s) dropped: " + url_ + ": " +
+            report(std::to_string(batch.count) + " document(s) dropped: " + shownUrl_ + ": " +
                    curl_easy_strerror(lastError_) +
                    " (later documents that fail so are dropped without a word)");
             permanentSaid = true;
@@ -405,6 +513,7 @@ class HttpSink : public Sink {
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
+    errorText_[0] = '\0';
     if (curl_multi_add_handle(multi, easy) != CURLM_OK) return Outcome::kRetry;
 
     CURLcode result = CURLE_OK;
@@ -434,6 +543,14 @@ class HttpSink : public Sink {
       lastError_ = result;
       return Outcome::kPermanent;
     }
+    if (done && isTlsFailure(result) && !tlsFailureSaid_) {
+      // Said once until a batch is delivered again: the documents are kept
+      // and tried again, since a certificate may be renewed.
+      tlsFailureSaid_ = true;
+      report("TLS with " + shownUrl_ + " failed: " + curl_easy_strerror(result) +
+             (errorText_[0] != '\0' ? std::string(": ") + errorText_ : std::string()) +
+             " (documents are kept and tried again; said once)");
+    }
     if (!done || result != CURLE_OK) return Outcome::kRetry;
     long status = 0;
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
@@ -453,6 +570,7 @@ class HttpSink : public Sink {
   static constexpr int kPollMs = 50;
 
   const std::string url_;
+  const std::string shownUrl_;  // url_ without credentials, for messages
   const HttpSettings settings_;
   std::string clientHeader_;  // "" when the name cannot be sent
 
@@ -466,12 +584,15 @@ class HttpSink : public Sink {
   // The sender thread's own: the last answer's status, the last error.
   long lastStatus_ = 0;
   CURLcode lastError_ = CURLE_OK;
+  char errorText_[CURL_ERROR_SIZE] = {};  // libcurl's detail of the last error
+  bool tlsFailureSaid_ = false;           // a TLS failure has been reported
 };
 
 }  // namespace
 
 TracerClient* TracerClient::registerClient(const std::string& name) {
-  const Endpoint endpoint = zel_tracer_detail::parseEndpoint(std::getenv("ZEL_TRACE_ENDPOINT"));
+  const Endpoint endpoint =
+      zel_tracer_detail::parseEndpoint(zel_tracer_detail::settingValue("ZEL_TRACE_ENDPOINT"));
   std::unique_ptr<Sink> sink;
   switch (endpoint.kind) {
     case Endpoint::Kind::kNone:
@@ -491,6 +612,10 @@ TracerClient* TracerClient::registerClient(const std::string& name) {
   // The memory is allocated before release() runs, so a failed allocation
   // still frees the sink.
   return new TracerClient(sink.release());
+}
+
+bool TracerClient::configure(const std::string& settings) {
+  return zel_tracer_detail::configureSettings(settings);
 }
 
 TracerClient::TracerClient(zel_tracer_detail::Sink* sink) : sink_(sink) {}

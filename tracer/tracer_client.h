@@ -4,7 +4,13 @@
 // ZEL_TRACE_ENDPOINT when it is called:
 //
 //   file://<path>       Each posted document is appended to the file <path>
-//                       (created when missing) exactly as it came, followed
+//                       (created with mode 0600 when missing; a symbolic
+//                       link at <path> is never followed, and a file that
+//                       is not a regular file of the effective user with
+//                       one link is refused: the post returns false and the
+//                       first refusal of a client is reported on standard
+//                       error; on Windows a reparse point is refused
+//                       likewise) exactly as it came, followed
 //                       by one newline. postTrace() writes before it
 //                       returns: one write() on a descriptor opened in
 //                       append mode (not inherited by child processes), so
@@ -87,6 +93,21 @@
 //   ZEL_TRACE_GZIP                "1" compresses request bodies; anything
 //                                 else does not (default)
 //
+// Where the settings come from: the environment, unless the program called
+// TracerClient::configure() first, which then is the only source. A
+// privileged process (set-user-ID, set-group-ID or file capabilities: the
+// kernel's AT_SECURE) reads none of the ZEL_TRACE_* variables from its
+// environment, which whoever started it chose, and no client is registered
+// until the program gives its settings with configure(); such a process
+// also turns off libcurl's proxy variables (http_proxy, HTTPS_PROXY,
+// ALL_PROXY, NO_PROXY). libcurl still reads some of its environment itself
+// (SSLKEYLOGFILE when its TLS library supports it, CURL_SSL_BACKEND); the
+// program removes them before its first HTTP client if it cannot trust them.
+// Messages never show the user-info or the query of an endpoint: both
+// appear as "***". A TLS failure (a handshake that fails, a certificate
+// not accepted) is reported once on standard error with libcurl's text; the
+// documents are kept and tried again as for an unreachable service.
+//
 // Threads: an HTTP client owns one sender thread from registerClient() to
 // deregister(); a file client owns none. postTrace() may be called from any
 // thread at once; deregister() once, after the last postTrace() has
@@ -128,6 +149,18 @@ class ZEL_TRACER_API TracerClient {
   // caller gives the client up with deregister(), never with delete.
   // Threads: any thread.
   static TracerClient* registerClient(const std::string& name);
+
+  // Gives the client's settings from the program instead of from the
+  // environment, for every later registerClient(): `settings` holds lines
+  // "NAME=value" separated by "\n" with the names of the environment
+  // variables (ZEL_TRACE_ENDPOINT and the tuning ones), read as the
+  // variables would be; a name left out is unset. For privileged programs,
+  // whose environment is not read, and for any program that wants its
+  // target fixed. Returns false, changing nothing, when a line has no "=",
+  // names no setting or names one twice, or when this is not the first
+  // call or a client was registered (or a setting read) before it.
+  // Threads: any thread.
+  static bool configure(const std::string& settings);
 
   // Delivers one document, `text`, which should be one complete JSON text;
   // it is sent or written unchanged (an empty text too).
