@@ -1,6 +1,9 @@
 #include "tracer/tracer_client.h"
 
 #include <curl/curl.h>
+#if !defined(_WIN32)
+#include <dlfcn.h>
+#endif
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -66,6 +70,157 @@ void report(const std::string& text) {
   static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
   static_cast<void>(std::fflush(stderr));
 }
+
+// ---------------------------------------------------------------------------
+// Documents that could not be kept: counted by reason and said in the
+// application's log.
+
+constexpr char kFile[] = "/tracer_client.cpp";
+
+// The log functions of the library that embeds this client, found when the
+// process runs: this library does not link it (it links this one), and a
+// program without it still has the tracing client.
+using LogPrintFunction = int (*)(int, int, const char*, ...);
+using LogLevelFunction = int (*)();
+
+struct LogFunctions {
+  LogPrintFunction print = nullptr;
+  LogLevelFunction level = nullptr;
+};
+
+LogFunctions findLog() {
+  LogFunctions log;
+#if defined(_WIN32)
+  const HMODULE module = GetModuleHandleA("zel_utils.dll");
+  if (module == nullptr) return log;
+  log.print = reinterpret_cast<LogPrintFunction>(
+      reinterpret_cast<void*>(GetProcAddress(module, "log_print")));
+  log.level = reinterpret_cast<LogLevelFunction>(
+      reinterpret_cast<void*>(GetProcAddress(module, "zel_log_level")));
+#else
+  log.print = reinterpret_cast<LogPrintFunction>(dlsym(RTLD_DEFAULT, "log_print"));
+  log.level = reinterpret_cast<LogLevelFunction>(dlsym(RTLD_DEFAULT, "zel_log_level"));
+#endif
+  if (log.print == nullptr || log.level == nullptr) return LogFunctions{};
+  return log;
+}
+
+// Counts of dropped documents by reason, for the whole process, and the
+// lines that say them: at most one line per reason per second, carrying
+// every drop of that reason since the previous line. A line goes to the
+// log at level 0 (flag 0: never to the log backends, one of which may post
+// traces itself) when the log can be found; else to standard error, except
+// for reasons whose every drop standard error already says.
+class DropReports {
+ public:
+  static DropReports& instance() {
+    // Never destroyed: senders may still report while static data goes.
+    static DropReports* reports = new DropReports;
+    return *reports;
+  }
+
+  // Counts `count` documents dropped for `reason` and says so now when the
+  // reason's last line is a second old or more. `saidOnStderr`: standard
+  // error has said these drops already.
+  void add(const std::string& reason, unsigned long long count, bool saidOnStderr = false) {
+    if (count == 0) return;
+    total_.fetch_add(count);
+    std::vector<Line> lines;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      Reason& r = reasons_[reason];
+      r.pending += count;
+      r.saidOnStderr = saidOnStderr;
+      pending_ = true;
+      collectLocked(Clock::now(), lines);
+    }
+    say(lines);
+  }
+
+  // Says what is pending for every reason whose last line is a second old
+  // or more.
+  void sayDue() {
+    if (!pending_.load()) return;
+    std::vector<Line> lines;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      collectLocked(Clock::now(), lines);
+    }
+    say(lines);
+  }
+
+  // Says everything pending, waiting first until the last line of each
+  // reason is a second old (at most a second).
+  void sayAll() {
+    if (!pending_.load()) return;
+    Clock::time_point due;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      due = Clock::now();
+      for (const auto& entry : reasons_) {
+        if (entry.second.pending != 0) due = std::max(due, entry.second.last + kInterval);
+      }
+    }
+    std::this_thread::sleep_until(due);
+    sayDue();
+  }
+
+  unsigned long long total() const { return total_.load(); }
+
+ private:
+  struct Reason {
+    unsigned long long pending = 0;
+    Clock::time_point last;  // of the last line; the epoch before the first
+    bool saidOnStderr = false;
+  };
+  struct Line {
+    std::string reason;
+    unsigned long long count;
+    bool saidOnStderr;
+  };
+
+  static constexpr std::chrono::seconds kInterval{1};
+
+  void collectLocked(Clock::time_point now, std::vector<Line>& lines) {
+    bool left = false;
+    for (auto& entry : reasons_) {
+      Reason& r = entry.second;
+      if (r.pending == 0) continue;
+      if (r.last != Clock::time_point() && now - r.last < kInterval) {
+        left = true;
+        continue;
+      }
+      lines.push_back(Line{entry.first, r.pending, r.saidOnStderr});
+      r.pending = 0;
+      r.last = now;
+    }
+    pending_ = left;
+  }
+
+  void say(const std::vector<Line>& lines) {
+    if (lines.empty()) return;
+    const LogFunctions log = findLog();
+    for (const Line& line : lines) {
+      if (log.print != nullptr) {
+        if (log.level() >= 0) {
+          log.print(0, 0, "[%s][%s %s %d] Error:zel trace: %llu documents dropped (%s)\n", "",
+                    kFile, "DropReports::say", __LINE__, line.count, line.reason.c_str());
+        }
+      } else if (!line.saidOnStderr) {
+        // The log's text without its prefix.
+        const std::string text = "zel trace: " + std::to_string(line.count) +
+                                 " documents dropped (" + line.reason + ")\n";
+        static_cast<void>(std::fwrite(text.data(), 1, text.size(), stderr));
+        static_cast<void>(std::fflush(stderr));
+      }
+    }
+  }
+
+  std::mutex mutex_;
+  std::map<std::string, Reason> reasons_;  // guarded by mutex_
+  std::atomic<bool> pending_{false};       // some reason has drops not said yet
+  std::atomic<unsigned long long> total_{0};
+};
 
 // ---------------------------------------------------------------------------
 // file:// target.
@@ -156,6 +311,8 @@ class FileSink : public Sink {
     std::string refusal;
     const int fd = openTraceFile(path_, refusal);
     if (fd < 0) {
+      DropReports::instance().add(refusal.empty() ? "trace file not written" : "trace file refused",
+                                  1);
       if (!refusal.empty() && !refusalSaid_) {
         refusalSaid_ = true;
         report("documents not written: the trace file " + path_ + " is " + refusal +
@@ -176,7 +333,9 @@ class FileSink : public Sink {
       }
       done += static_cast<std::size_t>(n);
     }
-    return (::close(fd) == 0) && written;
+    const bool ok = (::close(fd) == 0) && written;
+    if (!ok) DropReports::instance().add("trace file not written", 1);
+    return ok;
   }
 
   void close() override {}
@@ -281,30 +440,43 @@ bool isPermanent(CURLcode code) {
   }
 }
 
-class HttpSink : public Sink {
+// The sender of every HTTP client of the process with one name, target and
+// tuning: one thread, one connection, one queue, shared by the handles that
+// registerClient() gives out (see acquireSender()).
+class HttpSender {
  public:
-  HttpSink(const std::string& url, const std::string& name, const HttpSettings& settings)
+  HttpSender(const std::string& url, const std::string& name, const HttpSettings& settings)
       : url_(url), shownUrl_(zel_tracer_detail::redactUrl(url)), settings_(settings) {
     if (isHeaderSafe(name)) clientHeader_ = "X-Trace-Client: " + name;
-    thread_ = std::thread(&HttpSink::run, this);
+    thread_ = std::thread(&HttpSender::run, this);
   }
 
-  ~HttpSink() override {
+  ~HttpSender() {
     if (thread_.joinable()) close();
   }
 
-  bool post(const std::string& text) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_.load(std::memory_order_relaxed)) return false;
-    if (queue_.size() >= settings_.queueMax) return false;
-    if (text.size() > settings_.queueBytes - queuedBytes_) return false;
-    queue_.push_back(Entry{text, Clock::now()});
-    queuedBytes_ += text.size();
-    wake_.notify_one();
-    return true;
+  HttpSender(const HttpSender&) = delete;
+  HttpSender& operator=(const HttpSender&) = delete;
+
+  bool post(const std::string& text) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (stopping_.load(std::memory_order_relaxed)) return false;
+      if (queue_.size() < settings_.queueMax &&
+          text.size() <= settings_.queueBytes - queuedBytes_) {
+        queue_.push_back(Entry{text, Clock::now()});
+        queuedBytes_ += text.size();
+        wake_.notify_one();
+        return true;
+      }
+    }
+    DropReports::instance().add("queue full", 1);
+    return false;
   }
 
-  void close() override {
+  // Sends what is queued for at most the deregister time, then stops the
+  // thread and joins it.
+  void close() {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       deadline_ = Clock::now() + std::chrono::milliseconds(settings_.deregisterMs);
@@ -430,7 +602,14 @@ class HttpSink : public Sink {
     bool permanentSaid = false;  // the permanent failure has been reported
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-      wake_.wait(lock, [this] { return stopping_.load() || !queue_.empty(); });
+      // Idle, the thread still says the drops counted elsewhere (full
+      // queues) once their second has passed.
+      while (!wake_.wait_for(lock, std::chrono::seconds(1),
+                             [this] { return stopping_.load() || !queue_.empty(); })) {
+        lock.unlock();
+        DropReports::instance().sayDue();
+        lock.lock();
+      }
       if (queue_.empty()) break;
       if (stopping_.load() && Clock::now() >= deadline_) break;
       // Let the batch fill, for at most the delay from its first
@@ -460,17 +639,26 @@ class HttpSink : public Sink {
           report(std::to_string(batch.count) + " document(s) dropped: " + shownUrl_ + " answered " +
                  std::to_string(lastStatus_));
           dropFront(batch.count);
+          lock.unlock();
+          DropReports::instance().add("rejected: " + std::to_string(lastStatus_), batch.count,
+                                      true);
+          lock.lock();
           backoffMs = settings_.retryMs;
           break;
         }
         if (outcome == Outcome::kPermanent) {
+          const bool said = !permanentSaid;
           if (!permanentSaid) {
             report(std::to_string(batch.count) + " document(s) dropped: " + shownUrl_ + ": " +
                    curl_easy_strerror(lastError_) +
-                   " (later documents that fail so are dropped without a word)");
+                   " (later documents that fail so are only counted)");
             permanentSaid = true;
           }
           dropFront(batch.count);
+          lock.unlock();
+          DropReports::instance().add(
+              std::string("transport error: ") + curl_easy_strerror(lastError_), batch.count, said);
+          lock.lock();
           break;
         }
         if (outcome == Outcome::kAborted) break;
@@ -495,9 +683,12 @@ class HttpSink : public Sink {
       if (stopping_.load() && Clock::now() >= deadline_) break;
     }
     // What is left could not be sent in time.
+    const std::size_t left = queue_.size();
     queue_.clear();
     queuedBytes_ = 0;
     lock.unlock();
+    DropReports::instance().add("deregistration deadline passed", left);
+    DropReports::instance().sayAll();
 
     if (multi != nullptr) curl_multi_cleanup(multi);
     if (easy != nullptr) curl_easy_cleanup(easy);
@@ -530,6 +721,7 @@ class HttpSink : public Sink {
         }
       }
       if (done || running == 0) break;
+      DropReports::instance().sayDue();
       if (pastDeadline()) {
         aborted = true;
         break;
@@ -588,6 +780,96 @@ class HttpSink : public Sink {
   bool tlsFailureSaid_ = false;           // a TLS failure has been reported
 };
 
+// The senders of the process by what they share: name, target and tuning.
+struct SenderRegistry {
+  struct Shared {
+    HttpSender* sender;
+    int handles;  // the clients that registerClient() gave out and that
+                  // have not been deregistered
+  };
+  std::mutex mutex;
+  std::map<std::string, Shared> senders;  // guarded by mutex
+};
+
+SenderRegistry& registry() {
+  // Never destroyed: abandoned clients keep their sender to the end.
+  static SenderRegistry* r = new SenderRegistry;
+  return *r;
+}
+
+std::string senderKey(const std::string& url, const std::string& name, const HttpSettings& s) {
+  std::string key = url + '\n' + name;
+  for (long value :
+       {s.connectTimeoutMs, s.timeoutMs, s.retryMs, s.retryMaxMs, static_cast<long>(s.queueMax),
+        static_cast<long>(s.queueBytes), s.deregisterMs, static_cast<long>(s.batchMax),
+        static_cast<long>(s.batchBytes), s.batchDelayMs, static_cast<long>(s.gzip)}) {
+    key += '\n' + std::to_string(value);
+  }
+  return key;
+}
+
+// A client handle of an HTTP target: posts go to the shared sender, whose
+// last handle ends it.
+class HttpHandle : public Sink {
+ public:
+  explicit HttpHandle(std::string key) : key_(std::move(key)) {}
+  ~HttpHandle() override {
+    if (sender_ != nullptr && !closed_) close();
+  }
+
+  // The sender of `key`, shared or started now (null when its thread
+  // cannot start); counts this handle.
+  bool attach(const std::string& url, const std::string& name, const HttpSettings& settings) {
+    SenderRegistry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    const auto found = r.senders.find(key_);
+    if (found != r.senders.end()) {
+      ++found->second.handles;
+      sender_ = found->second.sender;
+      return true;
+    }
+    try {
+      sender_ = new HttpSender(url, name, settings);
+    } catch (const std::system_error&) {
+      return false;  // the sender thread could not be started
+    }
+    r.senders[key_] = SenderRegistry::Shared{sender_, 1};
+    return true;
+  }
+
+  bool post(const std::string& text) override {
+    if (closed_) return false;
+    return sender_->post(text);
+  }
+
+  // The documents this handle posted stay queued in the sender; the last
+  // handle's close sends what is left and ends the sender.
+  void close() override {
+    closed_ = true;
+    bool last = false;
+    {
+      SenderRegistry& r = registry();
+      std::lock_guard<std::mutex> lock(r.mutex);
+      const auto found = r.senders.find(key_);
+      if (found != r.senders.end() && found->second.sender == sender_ &&
+          --found->second.handles == 0) {
+        r.senders.erase(found);
+        last = true;
+      }
+    }
+    if (last) {
+      sender_->close();
+      delete sender_;
+    }
+    sender_ = nullptr;
+  }
+
+ private:
+  const std::string key_;
+  HttpSender* sender_ = nullptr;
+  bool closed_ = false;
+};
+
 }  // namespace
 
 TracerClient* TracerClient::registerClient(const std::string& name) {
@@ -600,19 +882,22 @@ TracerClient* TracerClient::registerClient(const std::string& name) {
     case Endpoint::Kind::kFile:
       sink.reset(new FileSink(endpoint.location));
       break;
-    case Endpoint::Kind::kHttp:
+    case Endpoint::Kind::kHttp: {
       if (!curlReady()) return nullptr;
-      try {
-        sink.reset(new HttpSink(endpoint.location, name, HttpSettings::fromEnvironment()));
-      } catch (const std::system_error&) {
-        return nullptr;  // the sender thread could not be started
-      }
+      const HttpSettings settings = HttpSettings::fromEnvironment();
+      std::unique_ptr<HttpHandle> handle(
+          new HttpHandle(senderKey(endpoint.location, name, settings)));
+      if (!handle->attach(endpoint.location, name, settings)) return nullptr;
+      sink.reset(handle.release());
       break;
+    }
   }
   // The memory is allocated before release() runs, so a failed allocation
   // still frees the sink.
   return new TracerClient(sink.release());
 }
+
+unsigned long long TracerClient::droppedDocuments() { return DropReports::instance().total(); }
 
 bool TracerClient::configure(const std::string& settings) {
   return zel_tracer_detail::configureSettings(settings);

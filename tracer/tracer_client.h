@@ -75,7 +75,8 @@
 //   ZEL_TRACE_RETRY_MAX_MS        longest back-off, ms: 1 to 3600000, never
 //                                 below ZEL_TRACE_RETRY_MS (default 30000)
 //   ZEL_TRACE_QUEUE_MAX           documents queued at most, those being
-//                                 sent included: 1 to 10000000 (default 1000)
+//                                 sent included: 1 to 10000000 (default
+//                                 10000: a start-up burst of a client)
 //   ZEL_TRACE_QUEUE_BYTES         bytes of documents queued at most, those
 //                                 being sent included: 1 to 1073741824
 //                                 (default 8388608)
@@ -108,10 +109,30 @@
 // not accepted) is reported once on standard error with libcurl's text; the
 // documents are kept and tried again as for an unreachable service.
 //
-// Threads: an HTTP client owns one sender thread from registerClient() to
-// deregister(); a file client owns none. postTrace() may be called from any
-// thread at once; deregister() once, after the last postTrace() has
-// returned.
+// Shared senders: the HTTP clients of one process registered with the same
+// name, target and tuning share one sender (one thread, one connection,
+// one queue); registerClient() gives each a light handle. A handle's
+// deregister() leaves what it posted to the shared sender, which ends when
+// its last handle is deregistered. Handles never deregistered keep their
+// sender until the process ends.
+//
+// Drops: every document a client cannot keep (queue full, deregistration
+// deadline passed, rejected by the service, a transfer that can never
+// work, a trace file that cannot be written) is counted
+// (droppedDocuments()) and said in the application's log, at most one line
+// per reason per second, at level 0 and only when zel_log_level() is 0 or
+// more:
+//   [][/tracer_client.cpp DropReports::say <line>] Error:zel trace: <n>
+//   documents dropped (<reason>)
+// The log's functions are looked up when the process runs (this library
+// does not link the log's); without them the line, from "zel trace:" on,
+// goes to standard error instead, unless standard error said those drops
+// already.
+//
+// Threads: an HTTP client's sender thread runs from the first registration
+// of its settings to the deregistration of their last handle; a file
+// client owns none. postTrace() may be called from any thread at once;
+// deregister() once, after the last postTrace() has returned.
 //
 // Example:
 //   // ZEL_TRACE_ENDPOINT=file:///tmp/trace.jsonl
@@ -162,6 +183,13 @@ class ZEL_TRACER_API TracerClient {
   // Threads: any thread.
   static bool configure(const std::string& settings);
 
+  // The documents the clients of this process dropped so far, whatever
+  // the reason: a full queue, the deregister deadline passed, a rejection
+  // by the service, a transfer that can never work, a trace file that
+  // could not be written. Each reason is also said in the application's
+  // log. Threads: any thread.
+  static unsigned long long droppedDocuments();
+
   // Delivers one document, `text`, which should be one complete JSON text;
   // it is sent or written unchanged (an empty text too).
   // File target: returns true when `text` and its newline were written
@@ -176,12 +204,14 @@ class ZEL_TRACER_API TracerClient {
   bool postTrace(const std::string& text);
 
   // Ends the client and frees it: the pointer is invalid when this returns.
-  // An HTTP client first sends what is queued at once, without waiting for
-  // batches to fill, retries included, for at most ZEL_TRACE_DEREGISTER_MS
-  // ms (a transfer still running then is cut off); documents still queued
-  // after that are dropped. Then its
-  // sender thread is stopped and joined. Threads: blocks until the sender
-  // thread has ended; call it once, after the last postTrace() returned.
+  // An HTTP client that is not the last handle of its sender returns at
+  // once: the sender delivers what it posted. The last handle first sends
+  // what is queued at once, without waiting for batches to fill, retries
+  // included, for at most ZEL_TRACE_DEREGISTER_MS ms (a transfer still
+  // running then is cut off); documents still queued after that are
+  // dropped and counted. Then the sender thread is stopped and joined.
+  // Threads: blocks until the sender thread has ended; call it once, after
+  // the last postTrace() returned.
   void deregister();
 
   TracerClient(const TracerClient&) = delete;

@@ -17,7 +17,7 @@ const SettingRange kConnectTimeoutRange{2000, 1, 600000};
 const SettingRange kTimeoutRange{5000, 1, 3600000};
 const SettingRange kRetryRange{250, 1, 3600000};
 const SettingRange kRetryMaxRange{30000, 1, 3600000};
-const SettingRange kQueueMaxRange{1000, 1, 10000000};
+const SettingRange kQueueMaxRange{10000, 1, 10000000};
 const SettingRange kQueueBytesRange{8388608, 1, 1073741824};
 const SettingRange kDeregisterRange{5000, 1, 3600000};
 const SettingRange kBatchMaxRange{500, 1, 100000};
