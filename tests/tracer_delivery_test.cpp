@@ -7,6 +7,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <regex>
@@ -176,19 +177,19 @@ TEST(TracerDeliveryTest, DefaultQueueHoldsAStartUpBurstOfTwoThousand) {
 TEST(TracerDeliveryTest, DeadlinePassedAndRejectedDocumentsAreCountedAndSaid) {
   LogHere log;
   TestHttpServer server(TestHttpServer::Mode::kAnswer);
-  server.ScriptStatuses({403});
+  server.ScriptStatuses({404});
   UseEndpoint(server.url());
   setenv("ZEL_TRACE_BATCH_MAX", "1", 1);
   setenv("ZEL_TRACE_DEREGISTER_MS", "300", 1);
   TracerClient* client = TracerClient::registerClient("late");
   ASSERT_NE(client, nullptr);
-  EXPECT_TRUE(client->postTrace(Document("forbidden", 0)));
+  EXPECT_TRUE(client->postTrace(Document("not found", 0)));
   ASSERT_TRUE(WaitFor([&] { return server.requests().size() >= 1; }));
   server.SetMode(TestHttpServer::Mode::kClose);
   for (int i = 0; i < 5; ++i) EXPECT_TRUE(client->postTrace(Document("late", i)));
   client->deregister();
   EXPECT_EQ(TracerClient::droppedDocuments(), 6u);
-  EXPECT_EQ(log.DroppedInLog("rejected: 403"), 1u);
+  EXPECT_EQ(log.DroppedInLog("rejected: 404"), 1u);
   EXPECT_EQ(log.DroppedInLog("deregistration deadline passed"), 5u);
 }
 
@@ -247,6 +248,98 @@ TEST(TracerDeliveryTest, FiftyInitsAddNoThreadsAndLoseNoDocument) {
   tracker.Uninit();
   EXPECT_EQ(DeliveredCount(server), 59u);
   EXPECT_EQ(TracerClient::droppedDocuments(), 0u);
+}
+
+// ---------------------------------------------------------------------------
+// One bad document never holds back the others.
+
+TEST(TracerDeliveryTest, PoisonDocumentIsSplitOutAndTheOthersAreDelivered) {
+  LogHere log;
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  // As a database answers a batch holding a document it cannot insert:
+  // 500 to the whole request, whatever else it holds.
+  server.SetHandler([](const TestHttpServer::Request& r, std::string&) {
+    return r.body.find("\"poison\"") == std::string::npos ? 200 : 500;
+  });
+  UseEndpoint(server.url());
+  setenv("ZEL_TRACE_BATCH_MAX", "100", 1);
+  setenv("ZEL_TRACE_BATCH_DELAY_MS", "60000", 1);
+  setenv("ZEL_TRACE_DEREGISTER_MS", "3000", 1);
+  TracerClient* client = TracerClient::registerClient("poison");
+  ASSERT_NE(client, nullptr);
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_TRUE(client->postTrace(i == 37 ? Document("poison", i) : Document("good", i)));
+  }
+  ASSERT_TRUE(WaitFor([&] { return DeliveredCount(server) >= 99; })) << DeliveredCount(server);
+  client->deregister();
+  EXPECT_EQ(DeliveredCount(server), 99u);
+  for (const std::string& d : server.deliveredDocuments()) {
+    EXPECT_EQ(d.find("poison"), std::string::npos);
+  }
+  EXPECT_EQ(TracerClient::droppedDocuments(), 1u);
+  EXPECT_EQ(log.DroppedInLog("rejected: 500"), 1u);
+  // Halving: a few requests per level, not one per document.
+  EXPECT_LE(server.requests().size(), 20u);
+}
+
+TEST(TracerDeliveryTest, ContentRefusalsAreSplitAndOutagesRetriedWhole) {
+  LogHere log;
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  // 401, 403, 502, 503 and 504 to the batch of four: retried whole; then
+  // 422 to the batch and 413 to its first half: split, the second half and
+  // the first half's halves delivered.
+  server.ScriptStatuses({401, 403, 502, 503, 504, 422, 413});
+  UseEndpoint(server.url());
+  setenv("ZEL_TRACE_BATCH_MAX", "4", 1);
+  setenv("ZEL_TRACE_BATCH_DELAY_MS", "60000", 1);
+  TracerClient* client = TracerClient::registerClient("split");
+  ASSERT_NE(client, nullptr);
+  std::vector<std::string> sent;
+  for (int i = 0; i < 4; ++i) {
+    sent.push_back(Document("doc", i));
+    EXPECT_TRUE(client->postTrace(sent.back()));
+  }
+  ASSERT_TRUE(WaitFor([&] { return DeliveredCount(server) >= 4; }));
+  client->deregister();
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 10u);
+  const std::string whole = sent[0] + "\n" + sent[1] + "\n" + sent[2] + "\n" + sent[3];
+  for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(requests[i].body, whole) << i;
+  EXPECT_EQ(requests[6].body, sent[0] + "\n" + sent[1]);
+  EXPECT_EQ(requests[7].body, sent[0]);
+  EXPECT_EQ(requests[8].body, sent[1]);
+  EXPECT_EQ(requests[9].body, sent[2] + "\n" + sent[3]);
+  EXPECT_EQ(server.deliveredDocuments(), sent);
+  EXPECT_EQ(TracerClient::droppedDocuments(), 0u);
+}
+
+TEST(TracerDeliveryTest, RetryAfterOnTooManyRequestsAndUnavailableIsHonoured) {
+  TestHttpServer server(TestHttpServer::Mode::kAnswer);
+  std::atomic<int> answered{0};
+  server.SetHandler([&](const TestHttpServer::Request&, std::string& headers) {
+    const int n = answered++;
+    if (n == 0) {
+      headers = "Retry-After: 2\r\n";
+      return 429;
+    }
+    if (n == 1) {
+      headers = "Retry-After: 1\r\n";
+      return 503;
+    }
+    return 200;
+  });
+  UseEndpoint(server.url());
+  setenv("ZEL_TRACE_BATCH_MAX", "1", 1);
+  TracerClient* client = TracerClient::registerClient("slow down");
+  ASSERT_NE(client, nullptr);
+  EXPECT_TRUE(client->postTrace(Document("later", 0)));
+  ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 1; }, milliseconds(20000)));
+  client->deregister();
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 3u);
+  EXPECT_GE(requests[1].received - requests[0].received, milliseconds(2000));
+  EXPECT_GE(requests[2].received - requests[1].received, milliseconds(1000));
+  EXPECT_LT(requests[2].received - requests[0].received, milliseconds(15000));
 }
 
 }  // namespace

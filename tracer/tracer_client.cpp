@@ -487,18 +487,27 @@ class HttpSender {
   }
 
  private:
-  enum class Outcome { kDelivered, kRejected, kPermanent, kRetry, kAborted };
+  // What became of one request: an answer (its status in lastStatus_), no
+  // answer (to be tried again), a failure no retry mends, or the deadline
+  // cutting it off.
+  enum class Outcome { kAnswered, kPermanent, kRetry, kAborted };
 
   struct Entry {
     std::string text;
     Clock::time_point queued;
   };
 
-  // One request body ready to go: the first `count` documents of the queue.
-  struct Batch {
-    std::size_t count = 0;
-    std::string body;  // as sent (compressed when gzip is on)
+  // One request body ready to go.
+  struct Body {
+    std::size_t count = 0;  // documents in it
+    std::string bytes;      // as sent (compressed when gzip is on)
     bool compressed = false;
+  };
+
+  // A run of documents of the batch being sent: they go in one request.
+  struct Piece {
+    std::size_t first;
+    std::size_t count;
   };
 
   // True when the queue holds a batch's worth: nothing is gained by
@@ -508,11 +517,13 @@ class HttpSender {
            queuedBytes_ + queue_.size() - 1 >= settings_.batchBytes;
   }
 
-  // Takes the next batch from the front of the queue: as many documents as
+  // The next batch's documents from the front of the queue: as many as
   // ZEL_TRACE_BATCH_MAX and ZEL_TRACE_BATCH_BYTES allow (the newlines
-  // between them counted), always at least one. Called with `lock` held;
-  // the body is built without it.
-  Batch takeBatch(std::unique_lock<std::mutex>& lock) {
+  // between them counted), always at least one. They stay queued until the
+  // batch is done with. Called with mutex_ held; only this thread removes
+  // documents, and adding at the back of a deque leaves references to its
+  // elements valid, so the texts can be read later without the lock.
+  std::vector<const std::string*> takeBatch() {
     std::vector<const std::string*> texts;
     std::size_t bytes = 0;
     for (const Entry& entry : queue_) {
@@ -522,26 +533,26 @@ class HttpSender {
       bytes += add;
       texts.push_back(&entry.text);
     }
-    // Only this thread removes documents, and adding at the back of a
-    // deque leaves references to its elements valid, so the texts can be
-    // read without the lock.
-    lock.unlock();
-    Batch batch;
-    batch.count = texts.size();
+    return texts;
+  }
+
+  // The request body of `piece` of `texts`: one document as it is, several
+  // one per line; compressed when gzip is on.
+  Body bodyOf(const std::vector<const std::string*>& texts, Piece piece) const {
+    Body body;
+    body.count = piece.count;
     std::string plain;
-    if (texts.size() == 1) {
-      plain = *texts[0];
+    if (piece.count == 1) {
+      plain = *texts[piece.first];
     } else {
-      plain.reserve(bytes);
-      for (std::size_t i = 0; i < texts.size(); ++i) {
-        if (i > 0) plain.push_back('\n');
+      for (std::size_t i = piece.first; i < piece.first + piece.count; ++i) {
+        if (i > piece.first) plain.push_back('\n');
         appendOneLine(plain, *texts[i]);
       }
     }
-    batch.compressed = settings_.gzip && gzipInto(plain, batch.body);
-    if (!batch.compressed) batch.body.swap(plain);
-    lock.lock();
-    return batch;
+    body.compressed = settings_.gzip && gzipInto(plain, body.bytes);
+    if (!body.compressed) body.bytes.swap(plain);
+    return body;
   }
 
   // Drops the queue's first `count` documents. Called with mutex_ held.
@@ -552,9 +563,48 @@ class HttpSender {
     }
   }
 
+  // What an answer of the service means for the documents of a request.
+  enum class Verdict { kDelivered, kContent, kRetry, kRejected };
+
+  // `status` for a request of `count` documents; `again`: the same request
+  // was answered 500 just before. The service refusing what the documents
+  // hold (400, 413, 422) is a matter of content: the request is split until
+  // the document at fault stands alone. So is 500 while the service takes
+  // other requests (a delivery less than a minute ago), as a database
+  // answers a document it cannot insert, and 500 twice in a row to several
+  // documents (splitting them costs nothing in an outage: their halves are
+  // retried all the same); otherwise 500 is an outage. Outages and
+  // misconfiguration (401, 403, 408, 429, 5xx) are retried, never split.
+  // Any other answer (another 4xx, a redirect) rejects the request's
+  // documents for good.
+  Verdict verdictOf(long status, std::size_t count, bool again) const {
+    if (status >= 200 && status < 300) return Verdict::kDelivered;
+    if (status == 400 || status == 413 || status == 422) return Verdict::kContent;
+    if (status == 500) {
+      const bool othersSucceed =
+          lastSuccess_ != Clock::time_point() && Clock::now() - lastSuccess_ < kEvidenceAge;
+      return (othersSucceed || (count > 1 && again)) ? Verdict::kContent : Verdict::kRetry;
+    }
+    if (status == 401 || status == 403 || status == 408 || status == 429 || status >= 500) {
+      return Verdict::kRetry;
+    }
+    return Verdict::kRejected;
+  }
+
+  // Counts and says the `count` documents of a request that the service
+  // answered `status` to for good.
+  void rejectDocuments(std::size_t count, long status, std::unique_lock<std::mutex>& lock) {
+    report(std::to_string(count) + " document(s) dropped: " + shownUrl_ + " answered " +
+           std::to_string(status));
+    lock.unlock();
+    DropReports::instance().add("rejected: " + std::to_string(status), count, true);
+    lock.lock();
+  }
+
   // The sender thread: waits until a batch is full or its first document
-  // has waited ZEL_TRACE_BATCH_DELAY_MS, then sends it until it is
-  // delivered or rejected, backing off while the service is unreachable,
+  // has waited ZEL_TRACE_BATCH_DELAY_MS, then sends it until every document
+  // in it is delivered or rejected, splitting a batch whose content the
+  // service refuses and backing off while the service is unreachable,
   // until close() asks it to stop and the queue is empty or the deadline
   // has passed.
   void run() {
@@ -620,67 +670,102 @@ class HttpSender {
         wake_.wait_until(lock, sendAt, [this] { return stopping_.load() || batchFull(); });
       }
 
-      const Batch batch = takeBatch(lock);
-      curl_slist* batchHeaders = headers[batch.count > 1 ? 1 : 0][batch.compressed ? 1 : 0];
-      // The same batch, whole, until it is delivered, rejected or given up.
-      for (;;) {
+      const std::vector<const std::string*> texts = takeBatch();
+      // The batch's pieces still to send, in order; a piece the service
+      // refuses for its content is replaced by its two halves.
+      std::deque<Piece> pieces{Piece{0, texts.size()}};
+      bool gaveUp = false;
+      bool again500 = false;  // the front piece was answered 500 last time
+      while (!pieces.empty()) {
+        const Piece piece = pieces.front();
         lock.unlock();
+        const Body body = bodyOf(texts, piece);
+        curl_slist* bodyHeaders = headers[body.count > 1 ? 1 : 0][body.compressed ? 1 : 0];
         const Outcome outcome = (easy != nullptr && multi != nullptr)
-                                    ? transfer(easy, multi, batchHeaders, batch.body)
+                                    ? transfer(easy, multi, bodyHeaders, body.bytes)
                                     : Outcome::kRetry;
         lock.lock();
-        if (outcome == Outcome::kDelivered) {
-          tlsFailureSaid_ = false;
-          dropFront(batch.count);
-          backoffMs = settings_.retryMs;
-          break;
-        }
-        if (outcome == Outcome::kRejected) {
-          report(std::to_string(batch.count) + " document(s) dropped: " + shownUrl_ + " answered " +
-                 std::to_string(lastStatus_));
-          dropFront(batch.count);
-          lock.unlock();
-          DropReports::instance().add("rejected: " + std::to_string(lastStatus_), batch.count,
-                                      true);
-          lock.lock();
-          backoffMs = settings_.retryMs;
+        if (outcome == Outcome::kAborted) {
+          gaveUp = true;
           break;
         }
         if (outcome == Outcome::kPermanent) {
           const bool said = !permanentSaid;
           if (!permanentSaid) {
-            report(std::to_string(batch.count) + " document(s) dropped: " + shownUrl_ + ": " +
+            report(std::to_string(piece.count) + " document(s) dropped: " + shownUrl_ + ": " +
                    curl_easy_strerror(lastError_) +
                    " (later documents that fail so are only counted)");
             permanentSaid = true;
           }
-          dropFront(batch.count);
+          pieces.pop_front();
           lock.unlock();
           DropReports::instance().add(
-              std::string("transport error: ") + curl_easy_strerror(lastError_), batch.count, said);
+              std::string("transport error: ") + curl_easy_strerror(lastError_), piece.count, said);
           lock.lock();
+          continue;
+        }
+        const Verdict verdict = outcome == Outcome::kAnswered
+                                    ? verdictOf(lastStatus_, piece.count, again500)
+                                    : Verdict::kRetry;
+        again500 =
+            verdict == Verdict::kRetry && outcome == Outcome::kAnswered && lastStatus_ == 500;
+        if (verdict == Verdict::kDelivered) {
+          pieces.pop_front();
+          tlsFailureSaid_ = false;
+          lastSuccess_ = Clock::now();
+          backoffMs = settings_.retryMs;
+          continue;
+        }
+        if (verdict == Verdict::kContent && piece.count > 1) {
+          pieces.pop_front();
+          const std::size_t half = piece.count / 2;
+          pieces.push_front(Piece{piece.first + half, piece.count - half});
+          pieces.push_front(Piece{piece.first, half});
+          continue;
+        }
+        if (verdict == Verdict::kContent || verdict == Verdict::kRejected) {
+          pieces.pop_front();
+          rejectDocuments(piece.count, lastStatus_, lock);
+          backoffMs = settings_.retryMs;
+          continue;
+        }
+        // Unreachable, or an outage: wait before trying the same piece
+        // again, at least as long as the service asked (Retry-After on 429
+        // and 503). Once deregister() has been called, the next try comes
+        // at once (a wait that runs then is cut short), and later waits end
+        // at the deadline.
+        if (stopping_.load() && Clock::now() >= deadline_) {
+          gaveUp = true;
           break;
         }
-        if (outcome == Outcome::kAborted) break;
-        // Unreachable: wait before trying the same batch again. Once
-        // deregister() has been called, the next try comes at once (a wait
-        // that runs then is cut short), and later waits end at the
-        // deadline.
-        if (stopping_.load() && Clock::now() >= deadline_) break;
-        const auto retryAt = Clock::now() + std::chrono::milliseconds(backoffMs);
+        const long waitMs = std::max(backoffMs, retryAfterMs_);
+        const auto retryAt = Clock::now() + std::chrono::milliseconds(waitMs);
         if (!stopping_.load()) {
           wake_.wait_until(lock, retryAt, [this] { return stopping_.load(); });
           if (stopping_.load()) drainTried = true;
-        } else if (!drainTried) {
+        } else if (!drainTried && retryAfterMs_ == 0) {
           drainTried = true;
           continue;
         } else {
+          drainTried = true;
           wake_.wait_until(lock, std::min(retryAt, deadline_));
         }
         backoffMs = std::min(backoffMs * 2, settings_.retryMaxMs);
-        if (stopping_.load() && Clock::now() >= deadline_) break;
+        if (stopping_.load() && Clock::now() >= deadline_) {
+          gaveUp = true;
+          break;
+        }
       }
-      if (stopping_.load() && Clock::now() >= deadline_) break;
+      // The pieces left are the documents given up at the deadline.
+      std::size_t left = 0;
+      for (const Piece& p : pieces) left += p.count;
+      dropFront(texts.size());
+      if (left != 0) {
+        lock.unlock();
+        DropReports::instance().add("deregistration deadline passed", left);
+        lock.lock();
+      }
+      if (gaveUp || (stopping_.load() && Clock::now() >= deadline_)) break;
     }
     // What is left could not be sent in time.
     const std::size_t left = queue_.size();
@@ -705,6 +790,7 @@ class HttpSender {
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
     errorText_[0] = '\0';
+    retryAfterMs_ = 0;
     if (curl_multi_add_handle(multi, easy) != CURLM_OK) return Outcome::kRetry;
 
     CURLcode result = CURLE_OK;
@@ -747,9 +833,14 @@ class HttpSender {
     long status = 0;
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
     lastStatus_ = status;
-    if (status >= 200 && status < 300) return Outcome::kDelivered;
-    if (status == 408 || status == 429 || status >= 500) return Outcome::kRetry;
-    return Outcome::kRejected;
+    if (status == 429 || status == 503) {
+      // Retry-After, in seconds or as a date; libcurl gives seconds.
+      curl_off_t seconds = 0;
+      if (curl_easy_getinfo(easy, CURLINFO_RETRY_AFTER, &seconds) == CURLE_OK && seconds > 0) {
+        retryAfterMs_ = static_cast<long>(std::min<curl_off_t>(seconds, kRetryAfterMaxS) * 1000);
+      }
+    }
+    return Outcome::kAnswered;
   }
 
   bool pastDeadline() {
@@ -760,6 +851,11 @@ class HttpSender {
 
   // How often a running transfer looks at the deregister deadline, ms.
   static constexpr int kPollMs = 50;
+  // The longest Retry-After honoured, s.
+  static constexpr curl_off_t kRetryAfterMaxS = 3600;
+  // How recent a delivery must be for a 500 to one document to count as
+  // that document's fault rather than an outage.
+  static constexpr std::chrono::seconds kEvidenceAge{60};
 
   const std::string url_;
   const std::string shownUrl_;  // url_ without credentials, for messages
@@ -778,6 +874,8 @@ class HttpSender {
   CURLcode lastError_ = CURLE_OK;
   char errorText_[CURL_ERROR_SIZE] = {};  // libcurl's detail of the last error
   bool tlsFailureSaid_ = false;           // a TLS failure has been reported
+  long retryAfterMs_ = 0;                 // the last answer's Retry-After, ms
+  Clock::time_point lastSuccess_;         // of the last delivery
 };
 
 // The senders of the process by what they share: name, target and tuning.

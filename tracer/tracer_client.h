@@ -43,20 +43,30 @@
 //                       printable ASCII, and no such header otherwise.
 //                       A 2xx answer delivers the batch. When the service is
 //                       unreachable (no connection, a timeout, no answer) or
-//                       answers 408, 429 or 5xx, the same batch, whole, is
-//                       tried again after a back-off that starts at
+//                       answers 401, 403, 408, 429 or 5xx (an outage or a
+//                       misconfiguration), the same batch, whole, is tried
+//                       again after a back-off that starts at
 //                       ZEL_TRACE_RETRY_MS and doubles up to
-//                       ZEL_TRACE_RETRY_MAX_MS; nothing behind it is lost
-//                       while the queue has room. Any other answer (a 4xx,
-//                       a redirect, which is never followed) rejects the
-//                       batch for good: it is dropped, one line
-//                       "zel_tracer: <n> document(s) dropped: <url> answered
-//                       <status>" goes to standard error, and the next batch
-//                       is sent. A libcurl error that no retry can mend (a
-//                       malformed URL or proxy setting, an unsupported
-//                       protocol) drops the batch too; the first such drop
-//                       of a client is reported on standard error, later
-//                       ones silently.
+//                       ZEL_TRACE_RETRY_MAX_MS, and is never shorter than
+//                       the Retry-After (seconds or a date, at most an hour)
+//                       of a 429 or 503 answer; nothing behind it is lost
+//                       while the queue has room. An answer that refuses
+//                       the content (400, 413, 422; 500 while the service
+//                       delivered another request in the last minute, or
+//                       500 twice in a row to several documents) splits
+//                       the request in halves, sent in order, until the
+//                       document at fault stands alone; such a document is
+//                       dropped, with one line "zel_tracer: 1 document(s)
+//                       dropped: <url> answered <status>" on standard
+//                       error, and the others are delivered. Any other
+//                       answer (another 4xx, a redirect, which is never
+//                       followed) drops the request's documents for good
+//                       with the same line, and the next batch is sent. A
+//                       libcurl error that no retry can mend (a malformed
+//                       URL or proxy setting, an unsupported protocol)
+//                       drops the batch too; the first such drop of a
+//                       client is reported on standard error, later ones
+//                       are counted (see Drops below).
 //
 // Any other target, an empty one, a file target without a path, an HTTP
 // target without a host or one that libcurl's URL parser refuses (spaces,
