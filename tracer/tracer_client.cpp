@@ -7,6 +7,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#if !defined(_WIN32)
+#include <dirent.h>
+#include <signal.h>
+#endif
 #include <zlib.h>
 #if defined(_WIN32)
 #include <io.h>
@@ -20,6 +24,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <memory>
@@ -440,6 +445,326 @@ bool isPermanent(CURLcode code) {
   }
 }
 
+// ---------------------------------------------------------------------------
+// The spool: documents that cannot be delivered now, kept in files of one
+// directory for a later client with the same spool directory.
+//
+// Files, all created 0600 in the directory, which is reached through one
+// descriptor opened without following links:
+//   spool-<microseconds since 1970, 20 digits>-<pid>-<n>.ndjson
+//       documents waiting, one per line (each document put on one line as
+//       in a batch); written whole under a temporary name "tmp-..." with
+//       one write, synced, then renamed, so that a file never appears half
+//       written; oldest first by name.
+//   claimed-<pid>-<spool file's name>
+//       a spool file a sender took (renamed) to send it; removed once its
+//       documents are delivered or kept again. A claim of a process that no
+//       longer runs is taken over.
+//   rejected-<microseconds>-<pid>-<n>.ndjson
+//       documents the service refused for good, one per line.
+
+constexpr char kSpoolPrefix[] = "spool-";
+#if !defined(_WIN32)
+constexpr char kClaimedPrefix[] = "claimed-";
+
+template <std::size_t N>
+bool hasPrefix(const std::string& name, const char (&prefix)[N]) {
+  return name.compare(0, N - 1, prefix) == 0;
+}
+
+// Opens the spool directory `path`, creating it (mode 0700) when missing,
+// and checks it as the log's base is checked: a directory reached without
+// following a link at its name, owned by the effective user, and writable
+// by its group or others only with the sticky bit. Returns the descriptor,
+// or -1 with `why` set.
+int openSpoolDirectory(const std::string& path, std::string& why) {
+  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    why = std::string("cannot be created: ") + std::strerror(errno);
+    return -1;
+  }
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    why = errno == ELOOP || errno == ENOTDIR
+              ? "not a directory (or a symbolic link)"
+              : std::string("cannot be opened: ") + std::strerror(errno);
+    return -1;
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    why = "not a directory";
+  } else if (st.st_uid != ::geteuid()) {
+    why = "owned by another user (uid " + std::to_string(st.st_uid) + ")";
+  } else if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) {
+    why = "writable by its group or by others";
+  }
+  if (!why.empty()) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// Microseconds since 1970, 20 digits, for names that sort by age.
+std::string stampNow() {
+  const auto us = std::chrono::duration_cast<std::chrono::microseconds>(
+                      std::chrono::system_clock::now().time_since_epoch())
+                      .count();
+  char buf[32];
+  std::snprintf(buf, sizeof(buf), "%020lld", static_cast<long long>(us));
+  return buf;
+}
+
+bool writeAll(int fd, const std::string& data) {
+  std::size_t done = 0;
+  while (done < data.size()) {
+    const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+#endif
+
+class Spool {
+ public:
+  // The spool in `path`, or null (said once on standard error) when the
+  // directory is refused.
+  static std::unique_ptr<Spool> open(const std::string& path, long bound) {
+#if defined(_WIN32)
+    report("no spool: ZEL_TRACE_SPOOL_DIR " + path + " is not supported on Windows");
+    static_cast<void>(bound);
+    return nullptr;
+#else
+    std::string why;
+    const int fd = openSpoolDirectory(path, why);
+    if (fd < 0) {
+      report("no spool: the spool directory " + path + " is " + why);
+      return nullptr;
+    }
+    return std::unique_ptr<Spool>(new Spool(fd, static_cast<unsigned long long>(bound)));
+#endif
+  }
+
+  ~Spool() {
+#if !defined(_WIN32)
+    ::close(dirFd_);
+#endif
+  }
+
+  // Keeps `texts` in a new spool file, each on one line, making room by
+  // removing the oldest spool files beyond the byte bound (counted as
+  // "spool full"). False when the documents could not be kept; the caller
+  // counts them.
+  bool keep(const std::vector<const std::string*>& texts) {
+    if (texts.empty()) return true;
+    std::string data;
+    for (const std::string* text : texts) {
+      appendOneLine(data, *text);
+      data.push_back('\n');
+    }
+    return writeFile(kSpoolPrefix, data, true);
+  }
+
+  // Keeps one document the service refused for good in a rejected-* file.
+  bool keepRejected(const std::string& text) {
+    std::string data;
+    appendOneLine(data, text);
+    data.push_back('\n');
+    return writeFile("rejected-", data, false);
+  }
+
+  // Claims the oldest spool file not claimed by a running process, and
+  // gives its documents in `texts` and its claimed name in `claimed`; a
+  // torn last line (a writer that died mid-write) is skipped and counted.
+  // False when there is none.
+  bool claimOldest(std::vector<std::string>& texts, std::string& claimed) {
+#if defined(_WIN32)
+    static_cast<void>(texts);
+    static_cast<void>(claimed);
+    return false;
+#else
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (;;) {
+      std::vector<std::string> candidates;
+      for (const std::string& name : listNames()) {
+        if (hasPrefix(name, kSpoolPrefix)) {
+          candidates.push_back(name);
+        } else if (hasPrefix(name, kClaimedPrefix)) {
+          // "claimed-<pid>-<spool name>": taken over when <pid> is gone.
+          const long pid = std::strtol(name.c_str() + sizeof(kClaimedPrefix) - 1, nullptr, 10);
+          if (pid > 0 && ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+            candidates.push_back(name);
+          }
+        }
+      }
+      if (candidates.empty()) return false;
+      // Oldest first: by the spool name, inside a claimed name too.
+      std::sort(candidates.begin(), candidates.end(),
+                [](const std::string& a, const std::string& b) {
+                  return spoolNameOf(a) < spoolNameOf(b);
+                });
+      bool raced = false;
+      for (const std::string& name : candidates) {
+        const std::string mine =
+            std::string(kClaimedPrefix) + std::to_string(::getpid()) + "-" + spoolNameOf(name);
+        // A rename is atomic: of processes claiming one file, one wins.
+        if (::renameat(dirFd_, name.c_str(), dirFd_, mine.c_str()) != 0) {
+          raced = true;
+          continue;
+        }
+        claimed = mine;
+        readLines(mine, texts);
+        return true;
+      }
+      if (!raced) return false;
+    }
+#endif
+  }
+
+  // Gives a claimed file back under its spool name, for a later sender.
+  void unclaim(const std::string& claimed) {
+#if !defined(_WIN32)
+    ::renameat(dirFd_, claimed.c_str(), dirFd_, spoolNameOf(claimed).c_str());
+#else
+    static_cast<void>(claimed);
+#endif
+  }
+
+  // Removes a claimed file whose documents are delivered or kept again.
+  void release(const std::string& claimed) {
+#if !defined(_WIN32)
+    ::unlinkat(dirFd_, claimed.c_str(), 0);
+#else
+    static_cast<void>(claimed);
+#endif
+  }
+
+ private:
+#if !defined(_WIN32)
+  Spool(int dirFd, unsigned long long bound) : dirFd_(dirFd), bound_(bound) {}
+
+  // The spool file's name inside a claimed name, or the name itself.
+  static std::string spoolNameOf(const std::string& name) {
+    if (!hasPrefix(name, kClaimedPrefix)) return name;
+    const std::size_t at = name.find(kSpoolPrefix);
+    return at == std::string::npos ? name : name.substr(at);
+  }
+
+  std::vector<std::string> listNames() {
+    std::vector<std::string> names;
+    const int fd = ::openat(dirFd_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return names;
+    DIR* dir = ::fdopendir(fd);
+    if (dir == nullptr) {
+      ::close(fd);
+      return names;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+      const std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    ::closedir(dir);
+    return names;
+  }
+
+  // Reads the documents of the file `name`; a last line without its
+  // newline is counted and skipped.
+  void readLines(const std::string& name, std::vector<std::string>& texts) {
+    const int fd = ::openat(dirFd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return;
+    std::string data;
+    char chunk[65536];
+    for (;;) {
+      const ssize_t n = ::read(fd, chunk, sizeof(chunk));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      data.append(chunk, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    std::size_t start = 0;
+    while (start < data.size()) {
+      const std::size_t end = data.find('\n', start);
+      if (end == std::string::npos) {
+        DropReports::instance().add("torn spool line", 1);
+        break;
+      }
+      texts.push_back(data.substr(start, end - start));
+      start = end + 1;
+    }
+  }
+
+  // The lines of the file `name` (for counting what a removal drops).
+  unsigned long long lineCount(const std::string& name) {
+    std::vector<std::string> texts;
+    readLines(name, texts);
+    return texts.size();
+  }
+#endif
+
+  // Writes `data` to a new file "<prefix><stamp>-<pid>-<n>.ndjson" through
+  // a synced temporary file; with `bounded`, first removes the oldest spool
+  // files until the bound holds.
+  bool writeFile(const char* prefix, const std::string& data, bool bounded) {
+#if defined(_WIN32)
+    static_cast<void>(prefix);
+    static_cast<void>(data);
+    static_cast<void>(bounded);
+    return false;
+#else
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (bounded && !makeRoom(data.size())) return false;
+    const std::string name = prefix + stampNow() + "-" + std::to_string(::getpid()) + "-" +
+                             std::to_string(sequence_++) + ".ndjson";
+    const std::string temporary = "tmp-" + name;
+    const int fd = ::openat(dirFd_, temporary.c_str(),
+                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    const bool ok = writeAll(fd, data) && ::fsync(fd) == 0;
+    ::close(fd);
+    if (!ok || ::renameat(dirFd_, temporary.c_str(), dirFd_, name.c_str()) != 0) {
+      ::unlinkat(dirFd_, temporary.c_str(), 0);
+      return false;
+    }
+    ::fsync(dirFd_);
+    return true;
+#endif
+  }
+
+#if !defined(_WIN32)
+  // Removes the oldest spool files until `size` more bytes fit in the
+  // bound; their documents are counted as "spool full". False when `size`
+  // alone exceeds the bound.
+  bool makeRoom(std::size_t size) {
+    if (size > bound_) return false;
+    std::vector<std::pair<std::string, unsigned long long>> files;
+    unsigned long long total = 0;
+    for (const std::string& name : listNames()) {
+      if (!hasPrefix(name, kSpoolPrefix)) continue;
+      struct stat st;
+      if (::fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+      files.emplace_back(name, static_cast<unsigned long long>(st.st_size));
+      total += static_cast<unsigned long long>(st.st_size);
+    }
+    std::sort(files.begin(), files.end());
+    for (const auto& file : files) {
+      if (total + size <= bound_) break;
+      const unsigned long long lines = lineCount(file.first);
+      if (::unlinkat(dirFd_, file.first.c_str(), 0) == 0) {
+        DropReports::instance().add("spool full", lines);
+        total -= file.second;
+      }
+    }
+    return total + size <= bound_;
+  }
+
+  const int dirFd_;
+  const unsigned long long bound_;
+  unsigned long long sequence_ = 0;  // guarded by mutex_
+#endif
+  std::mutex mutex_;
+};
+
 // The sender of every HTTP client of the process with one name, target and
 // tuning: one thread, one connection, one queue, shared by the handles that
 // registerClient() gives out (see acquireSender()).
@@ -448,6 +773,7 @@ class HttpSender {
   HttpSender(const std::string& url, const std::string& name, const HttpSettings& settings)
       : url_(url), shownUrl_(zel_tracer_detail::redactUrl(url)), settings_(settings) {
     if (isHeaderSafe(name)) clientHeader_ = "X-Trace-Client: " + name;
+    if (!settings.spoolDir.empty()) spool_ = Spool::open(settings.spoolDir, settings.spoolBytes);
     thread_ = std::thread(&HttpSender::run, this);
   }
 
@@ -469,9 +795,34 @@ class HttpSender {
         wake_.notify_one();
         return true;
       }
+      // With a spool, what the queue cannot hold goes there (through a
+      // second buffer of the queue's byte size that the sender writes out).
+      if (spool_ && text.size() <= settings_.queueBytes - overflowBytes_) {
+        overflow_.push_back(text);
+        overflowBytes_ += text.size();
+        wake_.notify_one();
+        return true;
+      }
     }
     DropReports::instance().add("queue full", 1);
     return false;
+  }
+
+  // Keeps the documents that are still queued in the spool, for the end
+  // of the process (the sender thread may still deliver some of them too:
+  // at least once). Threads: any thread.
+  void keepAtExit() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!spool_ || keptAtExit_) return;
+    keptAtExit_ = true;
+    const std::size_t spooled = giveBackClaim();
+    std::vector<const std::string*> texts;
+    std::size_t index = 0;
+    for (const Entry& entry : queue_) {
+      if (index++ >= spooled) texts.push_back(&entry.text);
+    }
+    for (const std::string& text : overflow_) texts.push_back(&text);
+    if (!spool_->keep(texts)) DropReports::instance().add("process ended", texts.size());
   }
 
   // Sends what is queued for at most the deregister time, then stops the
@@ -555,12 +906,85 @@ class HttpSender {
     return body;
   }
 
-  // Drops the queue's first `count` documents. Called with mutex_ held.
+  // Drops the queue's first `count` documents, which are delivered, kept
+  // again or counted; a spool file whose documents have all gone so is
+  // removed. Called with mutex_ held.
   void dropFront(std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
       queuedBytes_ -= queue_.front().text.size();
       queue_.pop_front();
     }
+    if (spooledInFront_ != 0) {
+      spooledInFront_ -= std::min(count, spooledInFront_);
+      if (spooledInFront_ == 0 && !currentClaim_.empty() && !keptAtExit_) {
+        spool_->release(currentClaim_);
+        currentClaim_.clear();
+      }
+    }
+  }
+
+  // Gives the spool file whose documents are at the front of the queue
+  // back to the spool, for they were not all delivered, and returns how
+  // many documents at the front of the queue came from it (they are kept
+  // by that file: duplicates of those delivered are possible, at least
+  // once). Called with mutex_ held.
+  std::size_t giveBackClaim() {
+    const std::size_t spooled = spooledInFront_;
+    if (!currentClaim_.empty()) spool_->unclaim(currentClaim_);
+    currentClaim_.clear();
+    spooledInFront_ = 0;
+    return spooled;
+  }
+
+  // Keeps `texts` in the spool when there is one; else, or when that
+  // fails, counts them as dropped for `reason`. Called without mutex_.
+  void keepOrCount(const std::vector<const std::string*>& texts, const std::string& reason) {
+    if (texts.empty()) return;
+    if (spool_ && spool_->keep(texts)) return;
+    DropReports::instance().add(spool_ ? "spool not written" : reason, texts.size());
+  }
+
+  // Writes what the queue could not hold to the spool. Called with `lock`
+  // held; writes without it.
+  void writeOverflow(std::unique_lock<std::mutex>& lock) {
+    if (overflow_.empty()) return;
+    std::deque<std::string> taken;
+    taken.swap(overflow_);
+    overflowBytes_ = 0;
+    lock.unlock();
+    std::vector<const std::string*> texts;
+    for (const std::string& text : taken) texts.push_back(&text);
+    keepOrCount(texts, "queue full");
+    lock.lock();
+  }
+
+  // Puts the documents of the oldest spool file in front of the queue when
+  // none are there, at the start and then whenever the last file's
+  // documents are done (or every few seconds, for files other processes
+  // add). Called with `lock` held.
+  void loadSpool(std::unique_lock<std::mutex>& lock) {
+    if (!spool_ || spooledInFront_ != 0 || stopping_.load() || keptAtExit_) return;
+    const Clock::time_point now = Clock::now();
+    if (now < nextSpoolLook_) return;
+    lock.unlock();
+    std::vector<std::string> texts;
+    std::string claimed;
+    const bool found = spool_->claimOldest(texts, claimed);
+    lock.lock();
+    if (!found) {
+      nextSpoolLook_ = now + kSpoolLookInterval;
+      return;
+    }
+    if (texts.empty()) {
+      spool_->release(claimed);
+      return;
+    }
+    for (auto it = texts.rbegin(); it != texts.rend(); ++it) {
+      queuedBytes_ += it->size();
+      queue_.push_front(Entry{std::move(*it), Clock::time_point()});
+    }
+    spooledInFront_ = texts.size();
+    currentClaim_ = claimed;
   }
 
   // What an answer of the service means for the documents of a request.
@@ -593,11 +1017,24 @@ class HttpSender {
 
   // Counts and says the `count` documents of a request that the service
   // answered `status` to for good.
-  void rejectDocuments(std::size_t count, long status, std::unique_lock<std::mutex>& lock) {
-    report(std::to_string(count) + " document(s) dropped: " + shownUrl_ + " answered " +
-           std::to_string(status));
+  // With a spool, they are written to a rejected-* file there instead.
+  void rejectDocuments(const std::vector<const std::string*>& texts, Piece piece, long status,
+                       std::unique_lock<std::mutex>& lock) {
     lock.unlock();
-    DropReports::instance().add("rejected: " + std::to_string(status), count, true);
+    std::size_t kept = 0;
+    if (spool_) {
+      for (std::size_t i = piece.first; i < piece.first + piece.count; ++i) {
+        if (spool_->keepRejected(*texts[i])) ++kept;
+      }
+    }
+    if (kept == piece.count) {
+      report(std::to_string(piece.count) + " document(s) refused: " + shownUrl_ + " answered " +
+             std::to_string(status) + " (kept in the spool's rejected files)");
+    } else {
+      report(std::to_string(piece.count - kept) + " document(s) dropped: " + shownUrl_ +
+             " answered " + std::to_string(status));
+      DropReports::instance().add("rejected: " + std::to_string(status), piece.count - kept, true);
+    }
     lock.lock();
   }
 
@@ -652,15 +1089,24 @@ class HttpSender {
     bool permanentSaid = false;  // the permanent failure has been reported
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
+      writeOverflow(lock);
+      loadSpool(lock);
       // Idle, the thread still says the drops counted elsewhere (full
-      // queues) once their second has passed.
-      while (!wake_.wait_for(lock, std::chrono::seconds(1),
-                             [this] { return stopping_.load() || !queue_.empty(); })) {
+      // queues) once their second has passed, writes what overflows to the
+      // spool, and looks for spool files.
+      while (!wake_.wait_for(lock, std::chrono::seconds(1), [this] {
+        return stopping_.load() || !queue_.empty() || !overflow_.empty();
+      })) {
         lock.unlock();
         DropReports::instance().sayDue();
         lock.lock();
+        loadSpool(lock);
       }
-      if (queue_.empty()) break;
+      writeOverflow(lock);
+      if (queue_.empty()) {
+        if (stopping_.load()) break;
+        continue;
+      }
       if (stopping_.load() && Clock::now() >= deadline_) break;
       // Let the batch fill, for at most the delay from its first
       // document's post; deregister() sends at once.
@@ -725,7 +1171,7 @@ class HttpSender {
         }
         if (verdict == Verdict::kContent || verdict == Verdict::kRejected) {
           pieces.pop_front();
-          rejectDocuments(piece.count, lastStatus_, lock);
+          rejectDocuments(texts, piece, lastStatus_, lock);
           backoffMs = settings_.retryMs;
           continue;
         }
@@ -738,6 +1184,8 @@ class HttpSender {
           gaveUp = true;
           break;
         }
+        // What overflows meanwhile goes to the spool.
+        writeOverflow(lock);
         const long waitMs = std::max(backoffMs, retryAfterMs_);
         const auto retryAt = Clock::now() + std::chrono::milliseconds(waitMs);
         if (!stopping_.load()) {
@@ -756,23 +1204,37 @@ class HttpSender {
           break;
         }
       }
-      // The pieces left are the documents given up at the deadline.
-      std::size_t left = 0;
-      for (const Piece& p : pieces) left += p.count;
-      dropFront(texts.size());
-      if (left != 0) {
+      // The pieces left are the documents given up at the deadline: kept
+      // in the spool, or counted.
+      std::vector<const std::string*> left;
+      const std::size_t spooled = pieces.empty() ? 0 : giveBackClaim();
+      for (const Piece& p : pieces) {
+        for (std::size_t i = p.first; i < p.first + p.count; ++i) {
+          if (i >= spooled) left.push_back(texts[i]);
+        }
+      }
+      if (!left.empty()) {
         lock.unlock();
-        DropReports::instance().add("deregistration deadline passed", left);
+        keepOrCount(left, "deregistration deadline passed");
         lock.lock();
       }
+      dropFront(texts.size());
       if (gaveUp || (stopping_.load() && Clock::now() >= deadline_)) break;
     }
-    // What is left could not be sent in time.
-    const std::size_t left = queue_.size();
-    queue_.clear();
-    queuedBytes_ = 0;
+    // What is left could not be sent in time: kept in the spool, or
+    // counted.
+    writeOverflow(lock);
+    const std::size_t spooled = queue_.empty() || keptAtExit_ ? 0 : giveBackClaim();
+    std::vector<const std::string*> left;
+    std::size_t index = 0;
+    for (const Entry& entry : queue_) {
+      if (index++ >= spooled) left.push_back(&entry.text);
+    }
     lock.unlock();
-    DropReports::instance().add("deregistration deadline passed", left);
+    if (!keptAtExit_) keepOrCount(left, "deregistration deadline passed");
+    lock.lock();
+    dropFront(queue_.size());
+    lock.unlock();
     DropReports::instance().sayAll();
 
     if (multi != nullptr) curl_multi_cleanup(multi);
@@ -856,6 +1318,8 @@ class HttpSender {
   // How recent a delivery must be for a 500 to one document to count as
   // that document's fault rather than an outage.
   static constexpr std::chrono::seconds kEvidenceAge{60};
+  // How often an idle sender looks for spool files other processes wrote.
+  static constexpr std::chrono::seconds kSpoolLookInterval{5};
 
   const std::string url_;
   const std::string shownUrl_;  // url_ without credentials, for messages
@@ -875,7 +1339,17 @@ class HttpSender {
   char errorText_[CURL_ERROR_SIZE] = {};  // libcurl's detail of the last error
   bool tlsFailureSaid_ = false;           // a TLS failure has been reported
   long retryAfterMs_ = 0;                 // the last answer's Retry-After, ms
-  Clock::time_point lastSuccess_;         // of the last delivery
+  std::unique_ptr<Spool> spool_;          // null without a spool
+  // Guarded by mutex_: what the queue could not hold, for the spool; the
+  // documents of a spool file at the queue's front and that file's
+  // claimed name; whether the end of the process kept the queue.
+  std::deque<std::string> overflow_;
+  std::size_t overflowBytes_ = 0;
+  std::size_t spooledInFront_ = 0;
+  std::string currentClaim_;
+  bool keptAtExit_ = false;
+  Clock::time_point nextSpoolLook_;  // the sender thread's own
+  Clock::time_point lastSuccess_;    // of the last delivery
 };
 
 // The senders of the process by what they share: name, target and tuning.
@@ -896,7 +1370,7 @@ SenderRegistry& registry() {
 }
 
 std::string senderKey(const std::string& url, const std::string& name, const HttpSettings& s) {
-  std::string key = url + '\n' + name;
+  std::string key = url + '\n' + name + '\n' + s.spoolDir + '\n' + std::to_string(s.spoolBytes);
   for (long value :
        {s.connectTimeoutMs, s.timeoutMs, s.retryMs, s.retryMaxMs, static_cast<long>(s.queueMax),
         static_cast<long>(s.queueBytes), s.deregisterMs, static_cast<long>(s.batchMax),
@@ -904,6 +1378,14 @@ std::string senderKey(const std::string& url, const std::string& name, const Htt
     key += '\n' + std::to_string(value);
   }
   return key;
+}
+
+// At the end of the process: the senders still running keep what they
+// hold in their spool.
+void keepAllAtExit() {
+  SenderRegistry& r = registry();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  for (auto& entry : r.senders) entry.second.sender->keepAtExit();
 }
 
 // A client handle of an HTTP target: posts go to the shared sender, whose
@@ -932,6 +1414,11 @@ class HttpHandle : public Sink {
       return false;  // the sender thread could not be started
     }
     r.senders[key_] = SenderRegistry::Shared{sender_, 1};
+    if (!settings.spoolDir.empty()) {
+      // Clients never deregistered keep their queue in the spool at exit.
+      static const bool atExit = std::atexit(&keepAllAtExit) == 0;
+      static_cast<void>(atExit);
+    }
     return true;
   }
 

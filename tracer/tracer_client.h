@@ -103,6 +103,28 @@
 //                                 queued at once)
 //   ZEL_TRACE_GZIP                "1" compresses request bodies; anything
 //                                 else does not (default)
+//   ZEL_TRACE_SPOOL_DIR           a directory for the spool (below); unset
+//                                 or empty: no spool (POSIX only)
+//   ZEL_TRACE_SPOOL_BYTES         bytes of spool files at most: 1 to
+//                                 2000000000 (default 67108864)
+//
+// The spool: with ZEL_TRACE_SPOOL_DIR, documents an HTTP client cannot
+// deliver now are kept in files there instead of being dropped: what the
+// queue cannot hold, what is left when the deregister deadline passes, and
+// the queues of clients never deregistered when the process ends; a
+// document the service refuses for good goes to a "rejected-*.ndjson" file
+// there. The directory is created 0700 when missing and refused (said on
+// standard error; the client then has no spool) when it is a link, is not
+// the effective user's, or is writable by its group or others without the
+// sticky bit. Files are created 0600, written whole (one document a line,
+// on one line as in a batch) and synced. A client with the same directory
+// sends the spooled files first, oldest first, and removes each once its
+// documents are delivered; processes sharing the directory claim a file by
+// renaming it, so that no file is sent by two at once. A torn last line is
+// skipped and counted ("torn spool line"). Beyond ZEL_TRACE_SPOOL_BYTES the
+// oldest files are removed and counted ("spool full"). Delivery is then at
+// least once: a document may arrive twice (after a restart, or when a
+// claimed file was given back with some of its documents already sent).
 //
 // Where the settings come from: the environment, unless the program called
 // TracerClient::configure() first, which then is the only source. A

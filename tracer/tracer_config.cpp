@@ -23,6 +23,7 @@ const SettingRange kDeregisterRange{5000, 1, 3600000};
 const SettingRange kBatchMaxRange{500, 1, 100000};
 const SettingRange kBatchBytesRange{1048576, 1, 67108864};
 const SettingRange kBatchDelayRange{1000, 0, 60000};
+const SettingRange kSpoolBytesRange{67108864, 1, 2000000000};
 
 long parseSetting(const char* text, const SettingRange& range) {
   if (text == nullptr || *text == '\0') return range.fallback;
@@ -178,6 +179,9 @@ HttpSettings HttpSettings::fromEnvironment() {
   s.batchDelayMs = settingOf("ZEL_TRACE_BATCH_DELAY_MS", kBatchDelayRange);
   const char* gzip = settingValue("ZEL_TRACE_GZIP");
   s.gzip = gzip != nullptr && std::string(gzip) == "1";
+  const char* spoolDir = settingValue("ZEL_TRACE_SPOOL_DIR");
+  s.spoolDir = spoolDir != nullptr ? spoolDir : "";
+  s.spoolBytes = settingOf("ZEL_TRACE_SPOOL_BYTES", kSpoolBytesRange);
   return s;
 }
 

@@ -36,6 +36,7 @@ extern const SettingRange kDeregisterRange;      // ZEL_TRACE_DEREGISTER_MS
 extern const SettingRange kBatchMaxRange;        // ZEL_TRACE_BATCH_MAX
 extern const SettingRange kBatchBytesRange;      // ZEL_TRACE_BATCH_BYTES
 extern const SettingRange kBatchDelayRange;      // ZEL_TRACE_BATCH_DELAY_MS
+extern const SettingRange kSpoolBytesRange;      // ZEL_TRACE_SPOOL_BYTES
 
 // The tuning of an HTTP client.
 struct HttpSettings {
@@ -49,7 +50,9 @@ struct HttpSettings {
   std::size_t batchMax;
   std::size_t batchBytes;
   long batchDelayMs;
-  bool gzip;  // ZEL_TRACE_GZIP is exactly "1"
+  bool gzip;             // ZEL_TRACE_GZIP is exactly "1"
+  std::string spoolDir;  // ZEL_TRACE_SPOOL_DIR; empty: no spool
+  long spoolBytes;       // ZEL_TRACE_SPOOL_BYTES
 
   // Reads every ZEL_TRACE_* tuning setting now, through settingValue().
   static HttpSettings fromEnvironment();
