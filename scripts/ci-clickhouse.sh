@@ -296,8 +296,9 @@ fleet() {
     "($((distinct_stored / seconds))/s, $((stored - distinct_stored)) twice)," \
     "inserts $((after - before)), parts made about $((parts_after - parts_before))," \
     "active parts now $parts, dropped $dropped, $latency, client max RSS $rss"
-  # Nothing is lost without a count: what was not stored was reported.
-  [ "$((distinct_stored + dropped))" = "$posted" ] ||
+  # Nothing is lost without a count: what was not stored was reported
+  # (a batch cut off at the deadline may be counted and stored too).
+  [ "$((distinct_stored + dropped))" -ge "$posted" ] ||
     fail "fleet $name: $posted posted, $distinct_stored stored, only $dropped reported dropped"
   if [ "$name" = batched ] && [ "$dropped" != 0 ]; then
     fail "fleet $name: $dropped documents dropped"
