@@ -15,10 +15,20 @@
 #      (SIGKILL) and started again; everything sent before, during and after
 #      must arrive, in order per client, none twice except a batch whose
 #      answer was lost (counted and reported).
-#   5. Fleet: CH_CLIENTS (default 50) client processes post CH_RATE (20)
-#      events per second each for CH_SECONDS (15) seconds, batched and then
-#      unbatched; reported: events/s stored, inserts made, parts left,
-#      p50/p99 time from postTrace() to visible in a query, client memory.
+#   5. Poison: 1,000 documents of which one has a member that is no column
+#      (the table is strict: the server answers 500 to its whole batch);
+#      999 rows must be stored and exactly one drop reported.
+#   6. Spool: the server is down longer than the queue holds (100
+#      documents) while a client sends 2,000 and ends; with a spool every
+#      document is stored after the server and a second client start.
+#   7. Fleet: CH_CLIENTS (default 50) client processes post CH_RATE (20)
+#      events per second each for CH_SECONDS (15) seconds, batched, then
+#      unbatched, then unbatched into the Buffer table zel.events_buffer;
+#      reported: events/s stored, inserts made, parts made in zel.events,
+#      parts left, p50/p99 time from postTrace() to visible in a query,
+#      client memory. The batched run must report zero drops; in the
+#      unbatched runs (whose inserts this machine cannot all take in time)
+#      every document not stored must be reported dropped.
 #
 # Run time on a 2-core machine: about 2.5 minutes after the build. Prints its
 # report (also in build/clickhouse/report.txt); fails on any violation.
@@ -210,13 +220,52 @@ say "outage: zel.events holds $(distinct outage) (distinct documents, rows)"
 unset ZEL_TRACE_RETRY_MS ZEL_TRACE_RETRY_MAX_MS ZEL_TRACE_DEREGISTER_MS
 unset ZEL_TRACE_CONNECT_TIMEOUT_MS ZEL_TRACE_TIMEOUT_MS
 
-# --- 5. Fleet --------------------------------------------------------------
+# --- 5. Poison ------------------------------------------------------------
+dropped_of() { sed -n 's/.*dropped=\([0-9]*\).*/\1/p' "$@" | awk '{s += $1} END {print s + 0}'; }
+"$client" send --client 0 --count 1000 --rate 0 --version poison --poison 500 >"$work/poison.0" ||
+  fail "the poison sender failed"
+poison_rows="$(query "SELECT count() FROM zel.events WHERE zelVersion = 'poison'" | tr -d '\n')"
+poison_dropped="$(dropped_of "$work/poison.0")"
+say "poison: 1000 sent, one of them with a member that is no column: $poison_rows stored," \
+  "$poison_dropped reported dropped"
+[ "$poison_rows" = 999 ] || fail "the poison document held back others"
+[ "$poison_dropped" = 1 ] || fail "the poison document was not reported once"
+
+# --- 6. Spool -------------------------------------------------------------
+spool="$work/spool"
+stop_server
+say "spool: server stopped; a client sends 2000 documents with a queue of 100 and ends"
+ZEL_TRACE_SPOOL_DIR="$spool" ZEL_TRACE_QUEUE_MAX=100 ZEL_TRACE_DEREGISTER_MS=1000 \
+  ZEL_TRACE_CONNECT_TIMEOUT_MS=200 ZEL_TRACE_RETRY_MS=100 ZEL_TRACE_RETRY_MAX_MS=200 \
+  "$client" send --client 0 --count 2000 --rate 0 --version spooled >"$work/spool.0" ||
+  fail "the spooling sender failed"
+spooled_files="$(find "$spool" -name 'spool-*' | wc -l)"
+[ "$(dropped_of "$work/spool.0")" = 0 ] || fail "documents dropped although a spool was set"
+start_server
+say "spool: $spooled_files spool files; server started again (pid $server_pid), a second client starts"
+ZEL_TRACE_SPOOL_DIR="$spool" "$client" send --client 1 --count 0 --version spooled \
+  --wait-spool "$spool" >"$work/spool.1" || fail "the second client failed"
+spooled_stored="$(query "SELECT uniqExact(message) FROM zel.events WHERE zelVersion = 'spooled'" |
+  tr -d '\n')"
+say "spool: $spooled_stored of 2000 documents stored after the restart," \
+  "$(dropped_of "$work/spool.1") dropped, $(find "$spool" -name 'spool-*' | wc -l) spool files left"
+[ "$spooled_stored" = 2000 ] || fail "documents of the spool missing"
+
+# --- 7. Fleet --------------------------------------------------------------
 # Without the mirror: zel.events alone, as a deployment has it.
 query "DROP TABLE zel.e2e_order"
 inserts() { query "SELECT value FROM system.events WHERE event = 'InsertQuery'" || echo 0; }
+# The parts zel.events has made so far: active and inactive (merged parts
+# stay listed for minutes), which counts those written by inserts or by the
+# buffer plus those merges made.
+all_parts() {
+  query "SELECT count() FROM system.parts WHERE database = 'zel' AND table = 'events'" || echo 0
+}
 fleet() {
   local name="$1"
-  local before after stored
+  local table="${2:-zel.events}"
+  local before after stored parts_before parts_after
+  parts_before="$(all_parts)"
   before="$(inserts)"
   rm -f "$work"/times.* "$work"/fleet.*
   "$client" poll --url "$url" --version "$name" --seconds "$((seconds + 20))" \
@@ -232,8 +281,11 @@ fleet() {
   senders=()
   wait "$poller" || true
   after="$(inserts)"
-  read -r stored distinct_stored <<<"$(query "SELECT count(), uniqExact(message) FROM zel.events
+  parts_after="$(all_parts)"
+  read -r stored distinct_stored <<<"$(query "SELECT count(), uniqExact(message) FROM $table
     WHERE zelVersion = '$name'" | tr '\t' ' ')"
+  local dropped
+  dropped="$(dropped_of "$work"/fleet.*)"
   local posted rss latency parts
   posted="$(cat "$work"/fleet.* | sed -n 's/^posted=\([0-9]*\).*/\1/p' | awk '{s += $1} END {print s + 0}')"
   rss="$(cat "$work"/fleet.* | sed -n 's/.*maxrss_kb=\([0-9]*\).*/\1/p' | sort -n |
@@ -242,8 +294,15 @@ fleet() {
   parts="$(query "SELECT count() FROM system.parts WHERE database = 'zel' AND table = 'events' AND active")"
   say "fleet $name: $clients clients x $rate/s for ${seconds}s: posted $posted, stored $stored" \
     "($((distinct_stored / seconds))/s, $((stored - distinct_stored)) twice)," \
-    "inserts $((after - before)), active parts now $parts," \
-    "$latency, client max RSS $rss"
+    "inserts $((after - before)), parts made about $((parts_after - parts_before))," \
+    "active parts now $parts, dropped $dropped, $latency, client max RSS $rss"
+  # Nothing is lost without a count: what was not stored was reported
+  # (a batch cut off at the deadline may be counted and stored too).
+  [ "$((distinct_stored + dropped))" -ge "$posted" ] ||
+    fail "fleet $name: $posted posted, $distinct_stored stored, only $dropped reported dropped"
+  if [ "$name" = batched ] && [ "$dropped" != 0 ]; then
+    fail "fleet $name: $dropped documents dropped"
+  fi
   rm -f "$work/polls"
 }
 export ZEL_TRACE_DEREGISTER_MS=10000
@@ -251,6 +310,10 @@ unset ZEL_TRACE_BATCH_DELAY_MS ZEL_TRACE_QUEUE_MAX
 fleet batched
 export ZEL_TRACE_BATCH_MAX=1
 fleet unbatched
+endpoint_direct="$ZEL_TRACE_ENDPOINT"
+export ZEL_TRACE_ENDPOINT="${url}?query=INSERT%20INTO%20zel.events_buffer%20FORMAT%20JSONEachRow"
+fleet unbatched-buffer zel.events_buffer
+export ZEL_TRACE_ENDPOINT="$endpoint_direct"
 unset ZEL_TRACE_BATCH_MAX
 
 if grep -q '<Error>' "$work/log/error.log" 2>/dev/null; then

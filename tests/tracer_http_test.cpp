@@ -457,9 +457,11 @@ TEST(TracerClientTest, OneConnectionCarriesEveryRequest) {
   EXPECT_EQ(server.connections(), 1);
 }
 
-TEST(TracerClientTest, ABadRequestAnswerDropsTheBatchAndSaysSoOnce) {
+TEST(TracerClientTest, ABadRequestAnswerSplitsTheBatchAndDropsEachRefusedDocument) {
   TestHttpServer server(TestHttpServer::Mode::kAnswer);
-  server.ScriptStatuses({400});
+  // The batch of three, then its halves (one, two), then the second half's
+  // halves: every document is refused alone.
+  server.ScriptStatuses({400, 400, 400, 400, 400});
   UseEndpoint(server.url());
   UseBatches("3", "1048576", "60000");
   zel_test::StderrCapture captured;
@@ -473,9 +475,11 @@ TEST(TracerClientTest, ABadRequestAnswerDropsTheBatchAndSaysSoOnce) {
   ASSERT_TRUE(WaitFor([&] { return server.delivered().size() >= 1; }));
   client->deregister();
   const std::string errors = captured.Stop();
-  EXPECT_EQ(server.requests().size(), 2u);
+  EXPECT_EQ(server.requests().size(), 6u);
   EXPECT_EQ(server.deliveredDocuments(), (std::vector<std::string>{sent[3], sent[4], sent[5]}));
-  EXPECT_EQ(errors, "zel_tracer: 3 document(s) dropped: " + server.url() + " answered 400\n");
+  const std::string dropped =
+      "zel_tracer: 1 document(s) dropped: " + server.url() + " answered 400\n";
+  EXPECT_EQ(errors, dropped + dropped + dropped);
 }
 
 TEST(TracerClientTest, BackOffDoublesUpToItsCap) {

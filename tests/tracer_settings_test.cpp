@@ -63,10 +63,10 @@ TEST(TracerClientTest, InvalidSettingsTakeTheirDefaults) {
     setenv("ZEL_TRACE_DEREGISTER_MS", "1", 1);
     TracerClient* client = TracerClient::registerClient("test");
     ASSERT_NE(client, nullptr);
-    // The default queue: 1000 documents, not 4.
+    // The default queue: 10000 documents, not 4.
     int accepted = 0;
-    for (int i = 0; i < 1001; ++i) accepted += client->postTrace(Document("q", i)) ? 1 : 0;
-    EXPECT_EQ(accepted, 1000);
+    for (int i = 0; i < 10001; ++i) accepted += client->postTrace(Document("q", i)) ? 1 : 0;
+    EXPECT_EQ(accepted, 10000);
     client->deregister();
   }
   unsetenv("ZEL_TRACE_QUEUE_MAX");

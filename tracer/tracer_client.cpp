@@ -1,9 +1,21 @@
 #include "tracer/tracer_client.h"
 
 #include <curl/curl.h>
+#if !defined(_WIN32)
+#include <dlfcn.h>
+#endif
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#if !defined(_WIN32)
+#include <dirent.h>
+#include <signal.h>
+#endif
 #include <zlib.h>
+#if defined(_WIN32)
+#include <io.h>
+#include <windows.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -12,7 +24,9 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -63,6 +77,157 @@ void report(const std::string& text) {
 }
 
 // ---------------------------------------------------------------------------
+// Documents that could not be kept: counted by reason and said in the
+// application's log.
+
+constexpr char kFile[] = "/tracer_client.cpp";
+
+// The log functions of the library that embeds this client, found when the
+// process runs: this library does not link it (it links this one), and a
+// program without it still has the tracing client.
+using LogPrintFunction = int (*)(int, int, const char*, ...);
+using LogLevelFunction = int (*)();
+
+struct LogFunctions {
+  LogPrintFunction print = nullptr;
+  LogLevelFunction level = nullptr;
+};
+
+LogFunctions findLog() {
+  LogFunctions log;
+#if defined(_WIN32)
+  const HMODULE module = GetModuleHandleA("zel_utils.dll");
+  if (module == nullptr) return log;
+  log.print = reinterpret_cast<LogPrintFunction>(
+      reinterpret_cast<void*>(GetProcAddress(module, "log_print")));
+  log.level = reinterpret_cast<LogLevelFunction>(
+      reinterpret_cast<void*>(GetProcAddress(module, "zel_log_level")));
+#else
+  log.print = reinterpret_cast<LogPrintFunction>(dlsym(RTLD_DEFAULT, "log_print"));
+  log.level = reinterpret_cast<LogLevelFunction>(dlsym(RTLD_DEFAULT, "zel_log_level"));
+#endif
+  if (log.print == nullptr || log.level == nullptr) return LogFunctions{};
+  return log;
+}
+
+// Counts of dropped documents by reason, for the whole process, and the
+// lines that say them: at most one line per reason per second, carrying
+// every drop of that reason since the previous line. A line goes to the
+// log at level 0 (flag 0: never to the log backends, one of which may post
+// traces itself) when the log can be found; else to standard error, except
+// for reasons whose every drop standard error already says.
+class DropReports {
+ public:
+  static DropReports& instance() {
+    // Never destroyed: senders may still report while static data goes.
+    static DropReports* reports = new DropReports;
+    return *reports;
+  }
+
+  // Counts `count` documents dropped for `reason` and says so now when the
+  // reason's last line is a second old or more. `saidOnStderr`: standard
+  // error has said these drops already.
+  void add(const std::string& reason, unsigned long long count, bool saidOnStderr = false) {
+    if (count == 0) return;
+    total_.fetch_add(count);
+    std::vector<Line> lines;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      Reason& r = reasons_[reason];
+      r.pending += count;
+      r.saidOnStderr = saidOnStderr;
+      pending_ = true;
+      collectLocked(Clock::now(), lines);
+    }
+    say(lines);
+  }
+
+  // Says what is pending for every reason whose last line is a second old
+  // or more.
+  void sayDue() {
+    if (!pending_.load()) return;
+    std::vector<Line> lines;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      collectLocked(Clock::now(), lines);
+    }
+    say(lines);
+  }
+
+  // Says everything pending, waiting first until the last line of each
+  // reason is a second old (at most a second).
+  void sayAll() {
+    if (!pending_.load()) return;
+    Clock::time_point due;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      due = Clock::now();
+      for (const auto& entry : reasons_) {
+        if (entry.second.pending != 0) due = std::max(due, entry.second.last + kInterval);
+      }
+    }
+    std::this_thread::sleep_until(due);
+    sayDue();
+  }
+
+  unsigned long long total() const { return total_.load(); }
+
+ private:
+  struct Reason {
+    unsigned long long pending = 0;
+    Clock::time_point last;  // of the last line; the epoch before the first
+    bool saidOnStderr = false;
+  };
+  struct Line {
+    std::string reason;
+    unsigned long long count;
+    bool saidOnStderr;
+  };
+
+  static constexpr std::chrono::seconds kInterval{1};
+
+  void collectLocked(Clock::time_point now, std::vector<Line>& lines) {
+    bool left = false;
+    for (auto& entry : reasons_) {
+      Reason& r = entry.second;
+      if (r.pending == 0) continue;
+      if (r.last != Clock::time_point() && now - r.last < kInterval) {
+        left = true;
+        continue;
+      }
+      lines.push_back(Line{entry.first, r.pending, r.saidOnStderr});
+      r.pending = 0;
+      r.last = now;
+    }
+    pending_ = left;
+  }
+
+  void say(const std::vector<Line>& lines) {
+    if (lines.empty()) return;
+    const LogFunctions log = findLog();
+    for (const Line& line : lines) {
+      if (log.print != nullptr) {
+        if (log.level() >= 0) {
+          log.print(0, 0, "[%s][%s %s %d] Error:zel trace: %llu documents dropped (%s)\n", "",
+                    kFile, "DropReports::say", __LINE__, line.count, line.reason.c_str());
+        }
+      } else if (!line.saidOnStderr) {
+        // The log's text without its prefix.
+        const std::string text = "zel trace: " + std::to_string(line.count) +
+                                 " documents dropped (" + line.reason + ")\n";
+        static_cast<void>(std::fwrite(text.data(), 1, text.size(), stderr));
+        static_cast<void>(std::fflush(stderr));
+      }
+    }
+  }
+
+  std::mutex mutex_;
+  std::map<std::string, Reason> reasons_;  // guarded by mutex_
+  std::atomic<bool> pending_{false};       // some reason has drops not said yet
+  std::atomic<unsigned long long> total_{0};
+};
+
+// ---------------------------------------------------------------------------
 // file:// target.
 
 // Serialises the appends of every file client of the process, so that
@@ -71,6 +236,69 @@ std::mutex& appendMutex() {
   // Never destroyed: a client may still post while static data goes away.
   static std::mutex* mutex = new std::mutex;
   return *mutex;
+}
+
+// Opens the trace file `path` for appending, creating it with mode 0600
+// (only this user may read what devices report), without following a link
+// at its name, and keeps it only when it is a regular file of the
+// effective user with one link: anything else could be another user's file
+// reached through a name he planted. Returns the descriptor, or -1 with
+// `refusal` set to why the file was refused (and left empty when it could
+// not be opened at all, as for a missing directory).
+int openTraceFile(const std::string& path, std::string& refusal) {
+#if defined(_WIN32)
+  // No link or junction at the name is followed: a reparse point is opened
+  // itself and then refused.
+  const HANDLE handle =
+      CreateFileA(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
+                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return -1;
+  BY_HANDLE_FILE_INFORMATION info;
+  if (!GetFileInformationByHandle(handle, &info)) {
+    CloseHandle(handle);
+    return -1;
+  }
+  if ((info.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0) {
+    refusal = "not a regular file (a link, a junction or a directory)";
+  } else if (info.nNumberOfLinks != 1) {
+    refusal = "a file with " + std::to_string(info.nNumberOfLinks) + " links";
+  }
+  if (!refusal.empty()) {
+    CloseHandle(handle);
+    return -1;
+  }
+  const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_APPEND | _O_BINARY);
+  if (fd < 0) CloseHandle(handle);
+  return fd;
+#else
+  // O_NONBLOCK: a FIFO at the name must not block the post until a reader
+  // comes; it is refused below (or fails here when nobody reads it).
+  const int fd = ::open(path.c_str(),
+                        O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    if (errno == ELOOP) refusal = "a symbolic link";
+    if (errno == ENXIO) refusal = "not a regular file";
+    return -1;
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    refusal = "not a regular file";
+  } else if (st.st_uid != ::geteuid()) {
+    refusal = "owned by another user (uid " + std::to_string(st.st_uid) + ")";
+  } else if (st.st_nlink != 1) {
+    refusal = "a file with " + std::to_string(st.st_nlink) + " links";
+  }
+  if (!refusal.empty()) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+#endif
 }
 
 class FileSink : public Sink {
@@ -85,9 +313,18 @@ class FileSink : public Sink {
     // simply created again. In append mode every write lands at the end
     // of the file as it is then, so the record, written with one call,
     // stays whole even when other processes append to the same file.
-    const int fd =
-        ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_BINARY | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
+    std::string refusal;
+    const int fd = openTraceFile(path_, refusal);
+    if (fd < 0) {
+      DropReports::instance().add(refusal.empty() ? "trace file not written" : "trace file refused",
+                                  1);
+      if (!refusal.empty() && !refusalSaid_) {
+        refusalSaid_ = true;
+        report("documents not written: the trace file " + path_ + " is " + refusal +
+               " (later refusals are not reported)");
+      }
+      return false;
+    }
     std::size_t done = 0;
     bool written = true;
     while (done < record.size()) {
@@ -101,13 +338,16 @@ class FileSink : public Sink {
       }
       done += static_cast<std::size_t>(n);
     }
-    return (::close(fd) == 0) && written;
+    const bool ok = (::close(fd) == 0) && written;
+    if (!ok) DropReports::instance().add("trace file not written", 1);
+    return ok;
   }
 
   void close() override {}
 
  private:
   const std::string path_;
+  bool refusalSaid_ = false;  // guarded by appendMutex()
 };
 
 // ---------------------------------------------------------------------------
@@ -167,6 +407,28 @@ bool gzipInto(const std::string& body, std::string& out) {
   return result == Z_STREAM_END;
 }
 
+// True for the libcurl errors of a TLS handshake that failed or a peer
+// whose certificate was not accepted.
+bool isTlsFailure(CURLcode code) {
+  switch (code) {
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // True for the libcurl errors that the same request would meet again
 // however often it were tried: the URL or the build cannot work.
 bool isPermanent(CURLcode code) {
@@ -183,30 +445,389 @@ bool isPermanent(CURLcode code) {
   }
 }
 
-class HttpSink : public Sink {
+// ---------------------------------------------------------------------------
+// The spool: documents that cannot be delivered now, kept in files of one
+// directory for a later client with the same spool directory.
+//
+// Files, all created 0600 in the directory, which is reached through one
+// descriptor opened without following links:
+//   spool-<microseconds since 1970, 20 digits>-<pid>-<n>.ndjson
+//       documents waiting, one per line (each document put on one line as
+//       in a batch); written whole under a temporary name "tmp-..." with
+//       one write, synced, then renamed, so that a file never appears half
+//       written; oldest first by name.
+//   claimed-<pid>-<spool file's name>
+//       a spool file a sender took (renamed) to send it; removed once its
+//       documents are delivered or kept again. A claim of a process that no
+//       longer runs is taken over.
+//   rejected-<microseconds>-<pid>-<n>.ndjson
+//       documents the service refused for good, one per line.
+
+constexpr char kSpoolPrefix[] = "spool-";
+#if !defined(_WIN32)
+constexpr char kClaimedPrefix[] = "claimed-";
+
+template <std::size_t N>
+bool hasPrefix(const std::string& name, const char (&prefix)[N]) {
+  return name.compare(0, N - 1, prefix) == 0;
+}
+
+// Opens the spool directory `path`, creating it (mode 0700) when missing,
+// and checks it as the log's base is checked: a directory reached without
+// following a link at its name, owned by the effective user, and writable
+// by its group or others only with the sticky bit. Returns the descriptor,
+// or -1 with `why` set.
+int openSpoolDirectory(const std::string& path, std::string& why) {
+  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    why = std::string("cannot be created: ") + std::strerror(errno);
+    return -1;
+  }
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    why = errno == ELOOP || errno == ENOTDIR
+              ? "not a directory (or a symbolic link)"
+              : std::string("cannot be opened: ") + std::strerror(errno);
+    return -1;
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    why = "not a directory";
+  } else if (st.st_uid != ::geteuid()) {
+    why = "owned by another user (uid " + std::to_string(st.st_uid) + ")";
+  } else if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) {
+    why = "writable by its group or by others";
+  }
+  if (!why.empty()) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// Microseconds since 1970, 20 digits, for names that sort by age.
+std::string stampNow() {
+  const auto us = std::chrono::duration_cast<std::chrono::microseconds>(
+                      std::chrono::system_clock::now().time_since_epoch())
+                      .count();
+  char buf[32];
+  std::snprintf(buf, sizeof(buf), "%020lld", static_cast<long long>(us));
+  return buf;
+}
+
+bool writeAll(int fd, const std::string& data) {
+  std::size_t done = 0;
+  while (done < data.size()) {
+    const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+#endif
+
+class Spool {
  public:
-  HttpSink(const std::string& url, const std::string& name, const HttpSettings& settings)
-      : url_(url), settings_(settings) {
-    if (isHeaderSafe(name)) clientHeader_ = "X-Trace-Client: " + name;
-    thread_ = std::thread(&HttpSink::run, this);
+  // The spool in `path`, or null (said once on standard error) when the
+  // directory is refused.
+  static std::unique_ptr<Spool> open(const std::string& path, long bound) {
+#if defined(_WIN32)
+    report("no spool: ZEL_TRACE_SPOOL_DIR " + path + " is not supported on Windows");
+    static_cast<void>(bound);
+    return nullptr;
+#else
+    std::string why;
+    const int fd = openSpoolDirectory(path, why);
+    if (fd < 0) {
+      report("no spool: the spool directory " + path + " is " + why);
+      return nullptr;
+    }
+    return std::unique_ptr<Spool>(new Spool(fd, static_cast<unsigned long long>(bound)));
+#endif
   }
 
-  ~HttpSink() override {
+  ~Spool() {
+#if !defined(_WIN32)
+    ::close(dirFd_);
+#endif
+  }
+
+  // Keeps `texts` in a new spool file, each on one line, making room by
+  // removing the oldest spool files beyond the byte bound (counted as
+  // "spool full"). False when the documents could not be kept; the caller
+  // counts them.
+  bool keep(const std::vector<const std::string*>& texts) {
+    if (texts.empty()) return true;
+    std::string data;
+    for (const std::string* text : texts) {
+      appendOneLine(data, *text);
+      data.push_back('\n');
+    }
+    return writeFile(kSpoolPrefix, data, true);
+  }
+
+  // Keeps one document the service refused for good in a rejected-* file.
+  bool keepRejected(const std::string& text) {
+    std::string data;
+    appendOneLine(data, text);
+    data.push_back('\n');
+    return writeFile("rejected-", data, false);
+  }
+
+  // Claims the oldest spool file not claimed by a running process, and
+  // gives its documents in `texts` and its claimed name in `claimed`; a
+  // torn last line (a writer that died mid-write) is skipped and counted.
+  // False when there is none.
+  bool claimOldest(std::vector<std::string>& texts, std::string& claimed) {
+#if defined(_WIN32)
+    static_cast<void>(texts);
+    static_cast<void>(claimed);
+    return false;
+#else
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (;;) {
+      std::vector<std::string> candidates;
+      for (const std::string& name : listNames()) {
+        if (hasPrefix(name, kSpoolPrefix)) {
+          candidates.push_back(name);
+        } else if (hasPrefix(name, kClaimedPrefix)) {
+          // "claimed-<pid>-<spool name>": taken over when <pid> is gone.
+          const long pid = std::strtol(name.c_str() + sizeof(kClaimedPrefix) - 1, nullptr, 10);
+          if (pid > 0 && ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+            candidates.push_back(name);
+          }
+        }
+      }
+      if (candidates.empty()) return false;
+      // Oldest first: by the spool name, inside a claimed name too.
+      std::sort(candidates.begin(), candidates.end(),
+                [](const std::string& a, const std::string& b) {
+                  return spoolNameOf(a) < spoolNameOf(b);
+                });
+      bool raced = false;
+      for (const std::string& name : candidates) {
+        const std::string mine =
+            std::string(kClaimedPrefix) + std::to_string(::getpid()) + "-" + spoolNameOf(name);
+        // A rename is atomic: of processes claiming one file, one wins.
+        if (::renameat(dirFd_, name.c_str(), dirFd_, mine.c_str()) != 0) {
+          raced = true;
+          continue;
+        }
+        claimed = mine;
+        readLines(mine, texts);
+        return true;
+      }
+      if (!raced) return false;
+    }
+#endif
+  }
+
+  // Gives a claimed file back under its spool name, for a later sender.
+  void unclaim(const std::string& claimed) {
+#if !defined(_WIN32)
+    ::renameat(dirFd_, claimed.c_str(), dirFd_, spoolNameOf(claimed).c_str());
+#else
+    static_cast<void>(claimed);
+#endif
+  }
+
+  // Removes a claimed file whose documents are delivered or kept again.
+  void release(const std::string& claimed) {
+#if !defined(_WIN32)
+    ::unlinkat(dirFd_, claimed.c_str(), 0);
+#else
+    static_cast<void>(claimed);
+#endif
+  }
+
+ private:
+#if !defined(_WIN32)
+  Spool(int dirFd, unsigned long long bound) : dirFd_(dirFd), bound_(bound) {}
+
+  // The spool file's name inside a claimed name, or the name itself.
+  static std::string spoolNameOf(const std::string& name) {
+    if (!hasPrefix(name, kClaimedPrefix)) return name;
+    const std::size_t at = name.find(kSpoolPrefix);
+    return at == std::string::npos ? name : name.substr(at);
+  }
+
+  std::vector<std::string> listNames() {
+    std::vector<std::string> names;
+    const int fd = ::openat(dirFd_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return names;
+    DIR* dir = ::fdopendir(fd);
+    if (dir == nullptr) {
+      ::close(fd);
+      return names;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+      const std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    ::closedir(dir);
+    return names;
+  }
+
+  // Reads the documents of the file `name`; a last line without its
+  // newline is counted and skipped.
+  void readLines(const std::string& name, std::vector<std::string>& texts) {
+    const int fd = ::openat(dirFd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return;
+    std::string data;
+    char chunk[65536];
+    for (;;) {
+      const ssize_t n = ::read(fd, chunk, sizeof(chunk));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      data.append(chunk, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    std::size_t start = 0;
+    while (start < data.size()) {
+      const std::size_t end = data.find('\n', start);
+      if (end == std::string::npos) {
+        DropReports::instance().add("torn spool line", 1);
+        break;
+      }
+      texts.push_back(data.substr(start, end - start));
+      start = end + 1;
+    }
+  }
+
+  // The lines of the file `name` (for counting what a removal drops).
+  unsigned long long lineCount(const std::string& name) {
+    std::vector<std::string> texts;
+    readLines(name, texts);
+    return texts.size();
+  }
+#endif
+
+  // Writes `data` to a new file "<prefix><stamp>-<pid>-<n>.ndjson" through
+  // a synced temporary file; with `bounded`, first removes the oldest spool
+  // files until the bound holds.
+  bool writeFile(const char* prefix, const std::string& data, bool bounded) {
+#if defined(_WIN32)
+    static_cast<void>(prefix);
+    static_cast<void>(data);
+    static_cast<void>(bounded);
+    return false;
+#else
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (bounded && !makeRoom(data.size())) return false;
+    const std::string name = prefix + stampNow() + "-" + std::to_string(::getpid()) + "-" +
+                             std::to_string(sequence_++) + ".ndjson";
+    const std::string temporary = "tmp-" + name;
+    const int fd = ::openat(dirFd_, temporary.c_str(),
+                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    const bool ok = writeAll(fd, data) && ::fsync(fd) == 0;
+    ::close(fd);
+    if (!ok || ::renameat(dirFd_, temporary.c_str(), dirFd_, name.c_str()) != 0) {
+      ::unlinkat(dirFd_, temporary.c_str(), 0);
+      return false;
+    }
+    ::fsync(dirFd_);
+    return true;
+#endif
+  }
+
+#if !defined(_WIN32)
+  // Removes the oldest spool files until `size` more bytes fit in the
+  // bound; their documents are counted as "spool full". False when `size`
+  // alone exceeds the bound.
+  bool makeRoom(std::size_t size) {
+    if (size > bound_) return false;
+    std::vector<std::pair<std::string, unsigned long long>> files;
+    unsigned long long total = 0;
+    for (const std::string& name : listNames()) {
+      if (!hasPrefix(name, kSpoolPrefix)) continue;
+      struct stat st;
+      if (::fstatat(dirFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+      files.emplace_back(name, static_cast<unsigned long long>(st.st_size));
+      total += static_cast<unsigned long long>(st.st_size);
+    }
+    std::sort(files.begin(), files.end());
+    for (const auto& file : files) {
+      if (total + size <= bound_) break;
+      const unsigned long long lines = lineCount(file.first);
+      if (::unlinkat(dirFd_, file.first.c_str(), 0) == 0) {
+        DropReports::instance().add("spool full", lines);
+        total -= file.second;
+      }
+    }
+    return total + size <= bound_;
+  }
+
+  const int dirFd_;
+  const unsigned long long bound_;
+  unsigned long long sequence_ = 0;  // guarded by mutex_
+#endif
+  std::mutex mutex_;
+};
+
+// The sender of every HTTP client of the process with one name, target and
+// tuning: one thread, one connection, one queue, shared by the handles that
+// registerClient() gives out (see acquireSender()).
+class HttpSender {
+ public:
+  HttpSender(const std::string& url, const std::string& name, const HttpSettings& settings)
+      : url_(url), shownUrl_(zel_tracer_detail::redactUrl(url)), settings_(settings) {
+    if (isHeaderSafe(name)) clientHeader_ = "X-Trace-Client: " + name;
+    if (!settings.spoolDir.empty()) spool_ = Spool::open(settings.spoolDir, settings.spoolBytes);
+    thread_ = std::thread(&HttpSender::run, this);
+  }
+
+  ~HttpSender() {
     if (thread_.joinable()) close();
   }
 
-  bool post(const std::string& text) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_.load(std::memory_order_relaxed)) return false;
-    if (queue_.size() >= settings_.queueMax) return false;
-    if (text.size() > settings_.queueBytes - queuedBytes_) return false;
-    queue_.push_back(Entry{text, Clock::now()});
-    queuedBytes_ += text.size();
-    wake_.notify_one();
-    return true;
+  HttpSender(const HttpSender&) = delete;
+  HttpSender& operator=(const HttpSender&) = delete;
+
+  bool post(const std::string& text) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (stopping_.load(std::memory_order_relaxed)) return false;
+      if (queue_.size() < settings_.queueMax &&
+          text.size() <= settings_.queueBytes - queuedBytes_) {
+        queue_.push_back(Entry{text, Clock::now()});
+        queuedBytes_ += text.size();
+        wake_.notify_one();
+        return true;
+      }
+      // With a spool, what the queue cannot hold goes there (through a
+      // second buffer of the queue's byte size that the sender writes out).
+      if (spool_ && text.size() <= settings_.queueBytes - overflowBytes_) {
+        overflow_.push_back(text);
+        overflowBytes_ += text.size();
+        wake_.notify_one();
+        return true;
+      }
+    }
+    DropReports::instance().add("queue full", 1);
+    return false;
   }
 
-  void close() override {
+  // Keeps the documents that are still queued in the spool, for the end
+  // of the process (the sender thread may still deliver some of them too:
+  // at least once). Threads: any thread.
+  void keepAtExit() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!spool_ || keptAtExit_) return;
+    keptAtExit_ = true;
+    const std::size_t spooled = giveBackClaim();
+    std::vector<const std::string*> texts;
+    std::size_t index = 0;
+    for (const Entry& entry : queue_) {
+      if (index++ >= spooled) texts.push_back(&entry.text);
+    }
+    for (const std::string& text : overflow_) texts.push_back(&text);
+    if (!spool_->keep(texts)) DropReports::instance().add("process ended", texts.size());
+  }
+
+  // Sends what is queued for at most the deregister time, then stops the
+  // thread and joins it.
+  void close() {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       deadline_ = Clock::now() + std::chrono::milliseconds(settings_.deregisterMs);
@@ -217,18 +838,27 @@ class HttpSink : public Sink {
   }
 
  private:
-  enum class Outcome { kDelivered, kRejected, kPermanent, kRetry, kAborted };
+  // What became of one request: an answer (its status in lastStatus_), no
+  // answer (to be tried again), a failure no retry mends, or the deadline
+  // cutting it off.
+  enum class Outcome { kAnswered, kPermanent, kRetry, kAborted };
 
   struct Entry {
     std::string text;
     Clock::time_point queued;
   };
 
-  // One request body ready to go: the first `count` documents of the queue.
-  struct Batch {
-    std::size_t count = 0;
-    std::string body;  // as sent (compressed when gzip is on)
+  // One request body ready to go.
+  struct Body {
+    std::size_t count = 0;  // documents in it
+    std::string bytes;      // as sent (compressed when gzip is on)
     bool compressed = false;
+  };
+
+  // A run of documents of the batch being sent: they go in one request.
+  struct Piece {
+    std::size_t first;
+    std::size_t count;
   };
 
   // True when the queue holds a batch's worth: nothing is gained by
@@ -238,11 +868,13 @@ class HttpSink : public Sink {
            queuedBytes_ + queue_.size() - 1 >= settings_.batchBytes;
   }
 
-  // Takes the next batch from the front of the queue: as many documents as
+  // The next batch's documents from the front of the queue: as many as
   // ZEL_TRACE_BATCH_MAX and ZEL_TRACE_BATCH_BYTES allow (the newlines
-  // between them counted), always at least one. Called with `lock` held;
-  // the body is built without it.
-  Batch takeBatch(std::unique_lock<std::mutex>& lock) {
+  // between them counted), always at least one. They stay queued until the
+  // batch is done with. Called with mutex_ held; only this thread removes
+  // documents, and adding at the back of a deque leaves references to its
+  // elements valid, so the texts can be read later without the lock.
+  std::vector<const std::string*> takeBatch() {
     std::vector<const std::string*> texts;
     std::size_t bytes = 0;
     for (const Entry& entry : queue_) {
@@ -252,39 +884,164 @@ class HttpSink : public Sink {
       bytes += add;
       texts.push_back(&entry.text);
     }
-    // Only this thread removes documents, and adding at the back of a
-    // deque leaves references to its elements valid, so the texts can be
-    // read without the lock.
-    lock.unlock();
-    Batch batch;
-    batch.count = texts.size();
+    return texts;
+  }
+
+  // The request body of `piece` of `texts`: one document as it is, several
+  // one per line; compressed when gzip is on.
+  Body bodyOf(const std::vector<const std::string*>& texts, Piece piece) const {
+    Body body;
+    body.count = piece.count;
     std::string plain;
-    if (texts.size() == 1) {
-      plain = *texts[0];
+    if (piece.count == 1) {
+      plain = *texts[piece.first];
     } else {
-      plain.reserve(bytes);
-      for (std::size_t i = 0; i < texts.size(); ++i) {
-        if (i > 0) plain.push_back('\n');
+      for (std::size_t i = piece.first; i < piece.first + piece.count; ++i) {
+        if (i > piece.first) plain.push_back('\n');
         appendOneLine(plain, *texts[i]);
       }
     }
-    batch.compressed = settings_.gzip && gzipInto(plain, batch.body);
-    if (!batch.compressed) batch.body.swap(plain);
-    lock.lock();
-    return batch;
+    body.compressed = settings_.gzip && gzipInto(plain, body.bytes);
+    if (!body.compressed) body.bytes.swap(plain);
+    return body;
   }
 
-  // Drops the queue's first `count` documents. Called with mutex_ held.
+  // Drops the queue's first `count` documents, which are delivered, kept
+  // again or counted; a spool file whose documents have all gone so is
+  // removed. Called with mutex_ held.
   void dropFront(std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
       queuedBytes_ -= queue_.front().text.size();
       queue_.pop_front();
     }
+    if (spooledInFront_ != 0) {
+      spooledInFront_ -= std::min(count, spooledInFront_);
+      if (spooledInFront_ == 0 && !currentClaim_.empty() && !keptAtExit_) {
+        spool_->release(currentClaim_);
+        currentClaim_.clear();
+      }
+    }
+  }
+
+  // Gives the spool file whose documents are at the front of the queue
+  // back to the spool, for they were not all delivered, and returns how
+  // many documents at the front of the queue came from it (they are kept
+  // by that file: duplicates of those delivered are possible, at least
+  // once). Called with mutex_ held.
+  std::size_t giveBackClaim() {
+    const std::size_t spooled = spooledInFront_;
+    if (!currentClaim_.empty()) spool_->unclaim(currentClaim_);
+    currentClaim_.clear();
+    spooledInFront_ = 0;
+    return spooled;
+  }
+
+  // Keeps `texts` in the spool when there is one; else, or when that
+  // fails, counts them as dropped for `reason`. Called without mutex_.
+  void keepOrCount(const std::vector<const std::string*>& texts, const std::string& reason) {
+    if (texts.empty()) return;
+    if (spool_ && spool_->keep(texts)) return;
+    DropReports::instance().add(spool_ ? "spool not written" : reason, texts.size());
+  }
+
+  // Writes what the queue could not hold to the spool. Called with `lock`
+  // held; writes without it.
+  void writeOverflow(std::unique_lock<std::mutex>& lock) {
+    if (overflow_.empty()) return;
+    std::deque<std::string> taken;
+    taken.swap(overflow_);
+    overflowBytes_ = 0;
+    lock.unlock();
+    std::vector<const std::string*> texts;
+    for (const std::string& text : taken) texts.push_back(&text);
+    keepOrCount(texts, "queue full");
+    lock.lock();
+  }
+
+  // Puts the documents of the oldest spool file in front of the queue when
+  // none are there, at the start and then whenever the last file's
+  // documents are done (or every few seconds, for files other processes
+  // add). Called with `lock` held.
+  void loadSpool(std::unique_lock<std::mutex>& lock) {
+    if (!spool_ || spooledInFront_ != 0 || stopping_.load() || keptAtExit_) return;
+    const Clock::time_point now = Clock::now();
+    if (now < nextSpoolLook_) return;
+    lock.unlock();
+    std::vector<std::string> texts;
+    std::string claimed;
+    const bool found = spool_->claimOldest(texts, claimed);
+    lock.lock();
+    if (!found) {
+      nextSpoolLook_ = now + kSpoolLookInterval;
+      return;
+    }
+    if (texts.empty()) {
+      spool_->release(claimed);
+      return;
+    }
+    for (auto it = texts.rbegin(); it != texts.rend(); ++it) {
+      queuedBytes_ += it->size();
+      queue_.push_front(Entry{std::move(*it), Clock::time_point()});
+    }
+    spooledInFront_ = texts.size();
+    currentClaim_ = claimed;
+  }
+
+  // What an answer of the service means for the documents of a request.
+  enum class Verdict { kDelivered, kContent, kRetry, kRejected };
+
+  // `status` for a request of `count` documents; `again`: the same request
+  // was answered 500 just before. The service refusing what the documents
+  // hold (400, 413, 422) is a matter of content: the request is split until
+  // the document at fault stands alone. So is 500 while the service takes
+  // other requests (a delivery less than a minute ago), as a database
+  // answers a document it cannot insert, and 500 twice in a row to several
+  // documents (splitting them costs nothing in an outage: their halves are
+  // retried all the same); otherwise 500 is an outage. Outages and
+  // misconfiguration (401, 403, 408, 429, 5xx) are retried, never split.
+  // Any other answer (another 4xx, a redirect) rejects the request's
+  // documents for good.
+  Verdict verdictOf(long status, std::size_t count, bool again) const {
+    if (status >= 200 && status < 300) return Verdict::kDelivered;
+    if (status == 400 || status == 413 || status == 422) return Verdict::kContent;
+    if (status == 500) {
+      const bool othersSucceed =
+          lastSuccess_ != Clock::time_point() && Clock::now() - lastSuccess_ < kEvidenceAge;
+      return (othersSucceed || (count > 1 && again)) ? Verdict::kContent : Verdict::kRetry;
+    }
+    if (status == 401 || status == 403 || status == 408 || status == 429 || status >= 500) {
+      return Verdict::kRetry;
+    }
+    return Verdict::kRejected;
+  }
+
+  // Counts and says the `count` documents of a request that the service
+  // answered `status` to for good.
+  // With a spool, they are written to a rejected-* file there instead.
+  void rejectDocuments(const std::vector<const std::string*>& texts, Piece piece, long status,
+                       std::unique_lock<std::mutex>& lock) {
+    lock.unlock();
+    std::size_t kept = 0;
+    if (spool_) {
+      for (std::size_t i = piece.first; i < piece.first + piece.count; ++i) {
+        if (spool_->keepRejected(*texts[i])) ++kept;
+      }
+    }
+    if (kept == piece.count) {
+      report(std::to_string(piece.count) + " document(s) refused: " + shownUrl_ + " answered " +
+             std::to_string(status) + " (kept in the spool's rejected files)");
+    } else {
+      report(std::to_string(piece.count - kept) + " document(s) dropped: " + shownUrl_ +
+             " answered " + std::to_string(status));
+      DropReports::instance().add("rejected: " + std::to_string(status), piece.count - kept, true);
+    }
+    lock.lock();
   }
 
   // The sender thread: waits until a batch is full or its first document
-  // has waited ZEL_TRACE_BATCH_DELAY_MS, then sends it until it is
-  // delivered or rejected, backing off while the service is unreachable,
+  // has waited ZEL_TRACE_BATCH_DELAY_MS, then sends it until every document
+  // in it is delivered or rejected, splitting a batch whose content the
+  // service refuses and backing off while the service is unreachable,
   // until close() asks it to stop and the queue is empty or the deadline
   // has passed.
   void run() {
@@ -316,6 +1073,15 @@ class HttpSink : public Sink {
       // A redirect is an answer like any other non-2xx one: the documents
       // are never sent on to wherever it points.
       curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+      curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorText_);
+      // A privileged process does not let whoever started it route its
+      // documents through a proxy of his choice: the empty proxy turns off
+      // the proxy variables of the environment (http_proxy, HTTPS_PROXY,
+      // ALL_PROXY, NO_PROXY).
+      if (zel_tracer_detail::isPrivilegedProcess()) {
+        curl_easy_setopt(easy, CURLOPT_PROXY, "");
+        curl_easy_setopt(easy, CURLOPT_NOPROXY, "*");
+      }
     }
 
     long backoffMs = settings_.retryMs;
@@ -323,8 +1089,24 @@ class HttpSink : public Sink {
     bool permanentSaid = false;  // the permanent failure has been reported
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-      wake_.wait(lock, [this] { return stopping_.load() || !queue_.empty(); });
-      if (queue_.empty()) break;
+      writeOverflow(lock);
+      loadSpool(lock);
+      // Idle, the thread still says the drops counted elsewhere (full
+      // queues) once their second has passed, writes what overflows to the
+      // spool, and looks for spool files.
+      while (!wake_.wait_for(lock, std::chrono::seconds(1), [this] {
+        return stopping_.load() || !queue_.empty() || !overflow_.empty();
+      })) {
+        lock.unlock();
+        DropReports::instance().sayDue();
+        lock.lock();
+        loadSpool(lock);
+      }
+      writeOverflow(lock);
+      if (queue_.empty()) {
+        if (stopping_.load()) break;
+        continue;
+      }
       if (stopping_.load() && Clock::now() >= deadline_) break;
       // Let the batch fill, for at most the delay from its first
       // document's post; deregister() sends at once.
@@ -334,62 +1116,126 @@ class HttpSink : public Sink {
         wake_.wait_until(lock, sendAt, [this] { return stopping_.load() || batchFull(); });
       }
 
-      const Batch batch = takeBatch(lock);
-      curl_slist* batchHeaders = headers[batch.count > 1 ? 1 : 0][batch.compressed ? 1 : 0];
-      // The same batch, whole, until it is delivered, rejected or given up.
-      for (;;) {
+      const std::vector<const std::string*> texts = takeBatch();
+      // The batch's pieces still to send, in order; a piece the service
+      // refuses for its content is replaced by its two halves.
+      std::deque<Piece> pieces{Piece{0, texts.size()}};
+      bool gaveUp = false;
+      bool again500 = false;  // the front piece was answered 500 last time
+      while (!pieces.empty()) {
+        const Piece piece = pieces.front();
         lock.unlock();
+        const Body body = bodyOf(texts, piece);
+        curl_slist* bodyHeaders = headers[body.count > 1 ? 1 : 0][body.compressed ? 1 : 0];
         const Outcome outcome = (easy != nullptr && multi != nullptr)
-                                    ? transfer(easy, multi, batchHeaders, batch.body)
+                                    ? transfer(easy, multi, bodyHeaders, body.bytes)
                                     : Outcome::kRetry;
         lock.lock();
-        if (outcome == Outcome::kDelivered) {
-          dropFront(batch.count);
-          backoffMs = settings_.retryMs;
-          break;
-        }
-        if (outcome == Outcome::kRejected) {
-          report(std::to_string(batch.count) + " document(s) dropped: " + url_ + " answered " +
-                 std::to_string(lastStatus_));
-          dropFront(batch.count);
-          backoffMs = settings_.retryMs;
+        if (outcome == Outcome::kAborted) {
+          gaveUp = true;
           break;
         }
         if (outcome == Outcome::kPermanent) {
+          const bool said = !permanentSaid;
           if (!permanentSaid) {
-            report(std::to_string(batch.count) + " document(s) dropped: " + url_ + ": " +
+            report(std::to_string(piece.count) + " document(s) dropped: " + shownUrl_ + ": " +
                    curl_easy_strerror(lastError_) +
-                   " (later documents that fail so are dropped without a word)");
+                   " (later documents that fail so are only counted)");
             permanentSaid = true;
           }
-          dropFront(batch.count);
+          pieces.pop_front();
+          lock.unlock();
+          DropReports::instance().add(
+              std::string("transport error: ") + curl_easy_strerror(lastError_), piece.count, said);
+          lock.lock();
+          continue;
+        }
+        const Verdict verdict = outcome == Outcome::kAnswered
+                                    ? verdictOf(lastStatus_, piece.count, again500)
+                                    : Verdict::kRetry;
+        again500 =
+            verdict == Verdict::kRetry && outcome == Outcome::kAnswered && lastStatus_ == 500;
+        if (verdict == Verdict::kDelivered) {
+          pieces.pop_front();
+          tlsFailureSaid_ = false;
+          lastSuccess_ = Clock::now();
+          backoffMs = settings_.retryMs;
+          continue;
+        }
+        if (verdict == Verdict::kContent && piece.count > 1) {
+          pieces.pop_front();
+          const std::size_t half = piece.count / 2;
+          pieces.push_front(Piece{piece.first + half, piece.count - half});
+          pieces.push_front(Piece{piece.first, half});
+          continue;
+        }
+        if (verdict == Verdict::kContent || verdict == Verdict::kRejected) {
+          pieces.pop_front();
+          rejectDocuments(texts, piece, lastStatus_, lock);
+          backoffMs = settings_.retryMs;
+          continue;
+        }
+        // Unreachable, or an outage: wait before trying the same piece
+        // again, at least as long as the service asked (Retry-After on 429
+        // and 503). Once deregister() has been called, the next try comes
+        // at once (a wait that runs then is cut short), and later waits end
+        // at the deadline.
+        if (stopping_.load() && Clock::now() >= deadline_) {
+          gaveUp = true;
           break;
         }
-        if (outcome == Outcome::kAborted) break;
-        // Unreachable: wait before trying the same batch again. Once
-        // deregister() has been called, the next try comes at once (a wait
-        // that runs then is cut short), and later waits end at the
-        // deadline.
-        if (stopping_.load() && Clock::now() >= deadline_) break;
-        const auto retryAt = Clock::now() + std::chrono::milliseconds(backoffMs);
+        // What overflows meanwhile goes to the spool.
+        writeOverflow(lock);
+        const long waitMs = std::max(backoffMs, retryAfterMs_);
+        const auto retryAt = Clock::now() + std::chrono::milliseconds(waitMs);
         if (!stopping_.load()) {
           wake_.wait_until(lock, retryAt, [this] { return stopping_.load(); });
           if (stopping_.load()) drainTried = true;
-        } else if (!drainTried) {
+        } else if (!drainTried && retryAfterMs_ == 0) {
           drainTried = true;
           continue;
         } else {
+          drainTried = true;
           wake_.wait_until(lock, std::min(retryAt, deadline_));
         }
         backoffMs = std::min(backoffMs * 2, settings_.retryMaxMs);
-        if (stopping_.load() && Clock::now() >= deadline_) break;
+        if (stopping_.load() && Clock::now() >= deadline_) {
+          gaveUp = true;
+          break;
+        }
       }
-      if (stopping_.load() && Clock::now() >= deadline_) break;
+      // The pieces left are the documents given up at the deadline: kept
+      // in the spool, or counted.
+      std::vector<const std::string*> left;
+      const std::size_t spooled = pieces.empty() ? 0 : giveBackClaim();
+      for (const Piece& p : pieces) {
+        for (std::size_t i = p.first; i < p.first + p.count; ++i) {
+          if (i >= spooled) left.push_back(texts[i]);
+        }
+      }
+      if (!left.empty()) {
+        lock.unlock();
+        keepOrCount(left, "deregistration deadline passed");
+        lock.lock();
+      }
+      dropFront(texts.size());
+      if (gaveUp || (stopping_.load() && Clock::now() >= deadline_)) break;
     }
-    // What is left could not be sent in time.
-    queue_.clear();
-    queuedBytes_ = 0;
+    // What is left could not be sent in time: kept in the spool, or
+    // counted.
+    writeOverflow(lock);
+    const std::size_t spooled = queue_.empty() || keptAtExit_ ? 0 : giveBackClaim();
+    std::vector<const std::string*> left;
+    std::size_t index = 0;
+    for (const Entry& entry : queue_) {
+      if (index++ >= spooled) left.push_back(&entry.text);
+    }
     lock.unlock();
+    if (!keptAtExit_) keepOrCount(left, "deregistration deadline passed");
+    lock.lock();
+    dropFront(queue_.size());
+    lock.unlock();
+    DropReports::instance().sayAll();
 
     if (multi != nullptr) curl_multi_cleanup(multi);
     if (easy != nullptr) curl_easy_cleanup(easy);
@@ -405,6 +1251,8 @@ class HttpSink : public Sink {
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
+    errorText_[0] = '\0';
+    retryAfterMs_ = 0;
     if (curl_multi_add_handle(multi, easy) != CURLM_OK) return Outcome::kRetry;
 
     CURLcode result = CURLE_OK;
@@ -421,6 +1269,7 @@ class HttpSink : public Sink {
         }
       }
       if (done || running == 0) break;
+      DropReports::instance().sayDue();
       if (pastDeadline()) {
         aborted = true;
         break;
@@ -434,13 +1283,26 @@ class HttpSink : public Sink {
       lastError_ = result;
       return Outcome::kPermanent;
     }
+    if (done && isTlsFailure(result) && !tlsFailureSaid_) {
+      // Said once until a batch is delivered again: the documents are kept
+      // and tried again, since a certificate may be renewed.
+      tlsFailureSaid_ = true;
+      report("TLS with " + shownUrl_ + " failed: " + curl_easy_strerror(result) +
+             (errorText_[0] != '\0' ? std::string(": ") + errorText_ : std::string()) +
+             " (documents are kept and tried again; said once)");
+    }
     if (!done || result != CURLE_OK) return Outcome::kRetry;
     long status = 0;
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
     lastStatus_ = status;
-    if (status >= 200 && status < 300) return Outcome::kDelivered;
-    if (status == 408 || status == 429 || status >= 500) return Outcome::kRetry;
-    return Outcome::kRejected;
+    if (status == 429 || status == 503) {
+      // Retry-After, in seconds or as a date; libcurl gives seconds.
+      curl_off_t seconds = 0;
+      if (curl_easy_getinfo(easy, CURLINFO_RETRY_AFTER, &seconds) == CURLE_OK && seconds > 0) {
+        retryAfterMs_ = static_cast<long>(std::min<curl_off_t>(seconds, kRetryAfterMaxS) * 1000);
+      }
+    }
+    return Outcome::kAnswered;
   }
 
   bool pastDeadline() {
@@ -451,8 +1313,16 @@ class HttpSink : public Sink {
 
   // How often a running transfer looks at the deregister deadline, ms.
   static constexpr int kPollMs = 50;
+  // The longest Retry-After honoured, s.
+  static constexpr curl_off_t kRetryAfterMaxS = 3600;
+  // How recent a delivery must be for a 500 to one document to count as
+  // that document's fault rather than an outage.
+  static constexpr std::chrono::seconds kEvidenceAge{60};
+  // How often an idle sender looks for spool files other processes wrote.
+  static constexpr std::chrono::seconds kSpoolLookInterval{5};
 
   const std::string url_;
+  const std::string shownUrl_;  // url_ without credentials, for messages
   const HttpSettings settings_;
   std::string clientHeader_;  // "" when the name cannot be sent
 
@@ -466,12 +1336,130 @@ class HttpSink : public Sink {
   // The sender thread's own: the last answer's status, the last error.
   long lastStatus_ = 0;
   CURLcode lastError_ = CURLE_OK;
+  char errorText_[CURL_ERROR_SIZE] = {};  // libcurl's detail of the last error
+  bool tlsFailureSaid_ = false;           // a TLS failure has been reported
+  long retryAfterMs_ = 0;                 // the last answer's Retry-After, ms
+  std::unique_ptr<Spool> spool_;          // null without a spool
+  // Guarded by mutex_: what the queue could not hold, for the spool; the
+  // documents of a spool file at the queue's front and that file's
+  // claimed name; whether the end of the process kept the queue.
+  std::deque<std::string> overflow_;
+  std::size_t overflowBytes_ = 0;
+  std::size_t spooledInFront_ = 0;
+  std::string currentClaim_;
+  bool keptAtExit_ = false;
+  Clock::time_point nextSpoolLook_;  // the sender thread's own
+  Clock::time_point lastSuccess_;    // of the last delivery
+};
+
+// The senders of the process by what they share: name, target and tuning.
+struct SenderRegistry {
+  struct Shared {
+    HttpSender* sender;
+    int handles;  // the clients that registerClient() gave out and that
+                  // have not been deregistered
+  };
+  std::mutex mutex;
+  std::map<std::string, Shared> senders;  // guarded by mutex
+};
+
+SenderRegistry& registry() {
+  // Never destroyed: abandoned clients keep their sender to the end.
+  static SenderRegistry* r = new SenderRegistry;
+  return *r;
+}
+
+std::string senderKey(const std::string& url, const std::string& name, const HttpSettings& s) {
+  std::string key = url + '\n' + name + '\n' + s.spoolDir + '\n' + std::to_string(s.spoolBytes);
+  for (long value :
+       {s.connectTimeoutMs, s.timeoutMs, s.retryMs, s.retryMaxMs, static_cast<long>(s.queueMax),
+        static_cast<long>(s.queueBytes), s.deregisterMs, static_cast<long>(s.batchMax),
+        static_cast<long>(s.batchBytes), s.batchDelayMs, static_cast<long>(s.gzip)}) {
+    key += '\n' + std::to_string(value);
+  }
+  return key;
+}
+
+// At the end of the process: the senders still running keep what they
+// hold in their spool.
+void keepAllAtExit() {
+  SenderRegistry& r = registry();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  for (auto& entry : r.senders) entry.second.sender->keepAtExit();
+}
+
+// A client handle of an HTTP target: posts go to the shared sender, whose
+// last handle ends it.
+class HttpHandle : public Sink {
+ public:
+  explicit HttpHandle(std::string key) : key_(std::move(key)) {}
+  ~HttpHandle() override {
+    if (sender_ != nullptr && !closed_) close();
+  }
+
+  // The sender of `key`, shared or started now (null when its thread
+  // cannot start); counts this handle.
+  bool attach(const std::string& url, const std::string& name, const HttpSettings& settings) {
+    SenderRegistry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    const auto found = r.senders.find(key_);
+    if (found != r.senders.end()) {
+      ++found->second.handles;
+      sender_ = found->second.sender;
+      return true;
+    }
+    try {
+      sender_ = new HttpSender(url, name, settings);
+    } catch (const std::system_error&) {
+      return false;  // the sender thread could not be started
+    }
+    r.senders[key_] = SenderRegistry::Shared{sender_, 1};
+    if (!settings.spoolDir.empty()) {
+      // Clients never deregistered keep their queue in the spool at exit.
+      static const bool atExit = std::atexit(&keepAllAtExit) == 0;
+      static_cast<void>(atExit);
+    }
+    return true;
+  }
+
+  bool post(const std::string& text) override {
+    if (closed_) return false;
+    return sender_->post(text);
+  }
+
+  // The documents this handle posted stay queued in the sender; the last
+  // handle's close sends what is left and ends the sender.
+  void close() override {
+    closed_ = true;
+    bool last = false;
+    {
+      SenderRegistry& r = registry();
+      std::lock_guard<std::mutex> lock(r.mutex);
+      const auto found = r.senders.find(key_);
+      if (found != r.senders.end() && found->second.sender == sender_ &&
+          --found->second.handles == 0) {
+        r.senders.erase(found);
+        last = true;
+      }
+    }
+    if (last) {
+      sender_->close();
+      delete sender_;
+    }
+    sender_ = nullptr;
+  }
+
+ private:
+  const std::string key_;
+  HttpSender* sender_ = nullptr;
+  bool closed_ = false;
 };
 
 }  // namespace
 
 TracerClient* TracerClient::registerClient(const std::string& name) {
-  const Endpoint endpoint = zel_tracer_detail::parseEndpoint(std::getenv("ZEL_TRACE_ENDPOINT"));
+  const Endpoint endpoint =
+      zel_tracer_detail::parseEndpoint(zel_tracer_detail::settingValue("ZEL_TRACE_ENDPOINT"));
   std::unique_ptr<Sink> sink;
   switch (endpoint.kind) {
     case Endpoint::Kind::kNone:
@@ -479,18 +1467,25 @@ TracerClient* TracerClient::registerClient(const std::string& name) {
     case Endpoint::Kind::kFile:
       sink.reset(new FileSink(endpoint.location));
       break;
-    case Endpoint::Kind::kHttp:
+    case Endpoint::Kind::kHttp: {
       if (!curlReady()) return nullptr;
-      try {
-        sink.reset(new HttpSink(endpoint.location, name, HttpSettings::fromEnvironment()));
-      } catch (const std::system_error&) {
-        return nullptr;  // the sender thread could not be started
-      }
+      const HttpSettings settings = HttpSettings::fromEnvironment();
+      std::unique_ptr<HttpHandle> handle(
+          new HttpHandle(senderKey(endpoint.location, name, settings)));
+      if (!handle->attach(endpoint.location, name, settings)) return nullptr;
+      sink.reset(handle.release());
       break;
+    }
   }
   // The memory is allocated before release() runs, so a failed allocation
   // still frees the sink.
   return new TracerClient(sink.release());
+}
+
+unsigned long long TracerClient::droppedDocuments() { return DropReports::instance().total(); }
+
+bool TracerClient::configure(const std::string& settings) {
+  return zel_tracer_detail::configureSettings(settings);
 }
 
 TracerClient::TracerClient(zel_tracer_detail::Sink* sink) : sink_(sink) {}

@@ -4,7 +4,13 @@
 // ZEL_TRACE_ENDPOINT when it is called:
 //
 //   file://<path>       Each posted document is appended to the file <path>
-//                       (created when missing) exactly as it came, followed
+//                       (created with mode 0600 when missing; a symbolic
+//                       link at <path> is never followed, and a file that
+//                       is not a regular file of the effective user with
+//                       one link is refused: the post returns false and the
+//                       first refusal of a client is reported on standard
+//                       error; on Windows a reparse point is refused
+//                       likewise) exactly as it came, followed
 //                       by one newline. postTrace() writes before it
 //                       returns: one write() on a descriptor opened in
 //                       append mode (not inherited by child processes), so
@@ -37,20 +43,30 @@
 //                       printable ASCII, and no such header otherwise.
 //                       A 2xx answer delivers the batch. When the service is
 //                       unreachable (no connection, a timeout, no answer) or
-//                       answers 408, 429 or 5xx, the same batch, whole, is
-//                       tried again after a back-off that starts at
+//                       answers 401, 403, 408, 429 or 5xx (an outage or a
+//                       misconfiguration), the same batch, whole, is tried
+//                       again after a back-off that starts at
 //                       ZEL_TRACE_RETRY_MS and doubles up to
-//                       ZEL_TRACE_RETRY_MAX_MS; nothing behind it is lost
-//                       while the queue has room. Any other answer (a 4xx,
-//                       a redirect, which is never followed) rejects the
-//                       batch for good: it is dropped, one line
-//                       "zel_tracer: <n> document(s) dropped: <url> answered
-//                       <status>" goes to standard error, and the next batch
-//                       is sent. A libcurl error that no retry can mend (a
-//                       malformed URL or proxy setting, an unsupported
-//                       protocol) drops the batch too; the first such drop
-//                       of a client is reported on standard error, later
-//                       ones silently.
+//                       ZEL_TRACE_RETRY_MAX_MS, and is never shorter than
+//                       the Retry-After (seconds or a date, at most an hour)
+//                       of a 429 or 503 answer; nothing behind it is lost
+//                       while the queue has room. An answer that refuses
+//                       the content (400, 413, 422; 500 while the service
+//                       delivered another request in the last minute, or
+//                       500 twice in a row to several documents) splits
+//                       the request in halves, sent in order, until the
+//                       document at fault stands alone; such a document is
+//                       dropped, with one line "zel_tracer: 1 document(s)
+//                       dropped: <url> answered <status>" on standard
+//                       error, and the others are delivered. Any other
+//                       answer (another 4xx, a redirect, which is never
+//                       followed) drops the request's documents for good
+//                       with the same line, and the next batch is sent. A
+//                       libcurl error that no retry can mend (a malformed
+//                       URL or proxy setting, an unsupported protocol)
+//                       drops the batch too; the first such drop of a
+//                       client is reported on standard error, later ones
+//                       are counted (see Drops below).
 //
 // Any other target, an empty one, a file target without a path, an HTTP
 // target without a host or one that libcurl's URL parser refuses (spaces,
@@ -69,7 +85,8 @@
 //   ZEL_TRACE_RETRY_MAX_MS        longest back-off, ms: 1 to 3600000, never
 //                                 below ZEL_TRACE_RETRY_MS (default 30000)
 //   ZEL_TRACE_QUEUE_MAX           documents queued at most, those being
-//                                 sent included: 1 to 10000000 (default 1000)
+//                                 sent included: 1 to 10000000 (default
+//                                 10000: a start-up burst of a client)
 //   ZEL_TRACE_QUEUE_BYTES         bytes of documents queued at most, those
 //                                 being sent included: 1 to 1073741824
 //                                 (default 8388608)
@@ -86,11 +103,68 @@
 //                                 queued at once)
 //   ZEL_TRACE_GZIP                "1" compresses request bodies; anything
 //                                 else does not (default)
+//   ZEL_TRACE_SPOOL_DIR           a directory for the spool (below); unset
+//                                 or empty: no spool (POSIX only)
+//   ZEL_TRACE_SPOOL_BYTES         bytes of spool files at most: 1 to
+//                                 2000000000 (default 67108864)
 //
-// Threads: an HTTP client owns one sender thread from registerClient() to
-// deregister(); a file client owns none. postTrace() may be called from any
-// thread at once; deregister() once, after the last postTrace() has
-// returned.
+// The spool: with ZEL_TRACE_SPOOL_DIR, documents an HTTP client cannot
+// deliver now are kept in files there instead of being dropped: what the
+// queue cannot hold, what is left when the deregister deadline passes, and
+// the queues of clients never deregistered when the process ends; a
+// document the service refuses for good goes to a "rejected-*.ndjson" file
+// there. The directory is created 0700 when missing and refused (said on
+// standard error; the client then has no spool) when it is a link, is not
+// the effective user's, or is writable by its group or others without the
+// sticky bit. Files are created 0600, written whole (one document a line,
+// on one line as in a batch) and synced. A client with the same directory
+// sends the spooled files first, oldest first, and removes each once its
+// documents are delivered; processes sharing the directory claim a file by
+// renaming it, so that no file is sent by two at once. A torn last line is
+// skipped and counted ("torn spool line"). Beyond ZEL_TRACE_SPOOL_BYTES the
+// oldest files are removed and counted ("spool full"). Delivery is then at
+// least once: a document may arrive twice (after a restart, or when a
+// claimed file was given back with some of its documents already sent).
+//
+// Where the settings come from: the environment, unless the program called
+// TracerClient::configure() first, which then is the only source. A
+// privileged process (set-user-ID, set-group-ID or file capabilities: the
+// kernel's AT_SECURE) reads none of the ZEL_TRACE_* variables from its
+// environment, which whoever started it chose, and no client is registered
+// until the program gives its settings with configure(); such a process
+// also turns off libcurl's proxy variables (http_proxy, HTTPS_PROXY,
+// ALL_PROXY, NO_PROXY). libcurl still reads some of its environment itself
+// (SSLKEYLOGFILE when its TLS library supports it, CURL_SSL_BACKEND); the
+// program removes them before its first HTTP client if it cannot trust them.
+// Messages never show the user-info or the query of an endpoint: both
+// appear as "***". A TLS failure (a handshake that fails, a certificate
+// not accepted) is reported once on standard error with libcurl's text; the
+// documents are kept and tried again as for an unreachable service.
+//
+// Shared senders: the HTTP clients of one process registered with the same
+// name, target and tuning share one sender (one thread, one connection,
+// one queue); registerClient() gives each a light handle. A handle's
+// deregister() leaves what it posted to the shared sender, which ends when
+// its last handle is deregistered. Handles never deregistered keep their
+// sender until the process ends.
+//
+// Drops: every document a client cannot keep (queue full, deregistration
+// deadline passed, rejected by the service, a transfer that can never
+// work, a trace file that cannot be written) is counted
+// (droppedDocuments()) and said in the application's log, at most one line
+// per reason per second, at level 0 and only when zel_log_level() is 0 or
+// more:
+//   [][/tracer_client.cpp DropReports::say <line>] Error:zel trace: <n>
+//   documents dropped (<reason>)
+// The log's functions are looked up when the process runs (this library
+// does not link the log's); without them the line, from "zel trace:" on,
+// goes to standard error instead, unless standard error said those drops
+// already.
+//
+// Threads: an HTTP client's sender thread runs from the first registration
+// of its settings to the deregistration of their last handle; a file
+// client owns none. postTrace() may be called from any thread at once;
+// deregister() once, after the last postTrace() has returned.
 //
 // Example:
 //   // ZEL_TRACE_ENDPOINT=file:///tmp/trace.jsonl
@@ -129,6 +203,25 @@ class ZEL_TRACER_API TracerClient {
   // Threads: any thread.
   static TracerClient* registerClient(const std::string& name);
 
+  // Gives the client's settings from the program instead of from the
+  // environment, for every later registerClient(): `settings` holds lines
+  // "NAME=value" separated by "\n" with the names of the environment
+  // variables (ZEL_TRACE_ENDPOINT and the tuning ones), read as the
+  // variables would be; a name left out is unset. For privileged programs,
+  // whose environment is not read, and for any program that wants its
+  // target fixed. Returns false, changing nothing, when a line has no "=",
+  // names no setting or names one twice, or when this is not the first
+  // call or a client was registered (or a setting read) before it.
+  // Threads: any thread.
+  static bool configure(const std::string& settings);
+
+  // The documents the clients of this process dropped so far, whatever
+  // the reason: a full queue, the deregister deadline passed, a rejection
+  // by the service, a transfer that can never work, a trace file that
+  // could not be written. Each reason is also said in the application's
+  // log. Threads: any thread.
+  static unsigned long long droppedDocuments();
+
   // Delivers one document, `text`, which should be one complete JSON text;
   // it is sent or written unchanged (an empty text too).
   // File target: returns true when `text` and its newline were written
@@ -143,12 +236,14 @@ class ZEL_TRACER_API TracerClient {
   bool postTrace(const std::string& text);
 
   // Ends the client and frees it: the pointer is invalid when this returns.
-  // An HTTP client first sends what is queued at once, without waiting for
-  // batches to fill, retries included, for at most ZEL_TRACE_DEREGISTER_MS
-  // ms (a transfer still running then is cut off); documents still queued
-  // after that are dropped. Then its
-  // sender thread is stopped and joined. Threads: blocks until the sender
-  // thread has ended; call it once, after the last postTrace() returned.
+  // An HTTP client that is not the last handle of its sender returns at
+  // once: the sender delivers what it posted. The last handle first sends
+  // what is queued at once, without waiting for batches to fill, retries
+  // included, for at most ZEL_TRACE_DEREGISTER_MS ms (a transfer still
+  // running then is cut off); documents still queued after that are
+  // dropped and counted. Then the sender thread is stopped and joined.
+  // Threads: blocks until the sender thread has ended; call it once, after
+  // the last postTrace() returned.
   void deregister();
 
   TracerClient(const TracerClient&) = delete;

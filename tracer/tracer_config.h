@@ -36,6 +36,7 @@ extern const SettingRange kDeregisterRange;      // ZEL_TRACE_DEREGISTER_MS
 extern const SettingRange kBatchMaxRange;        // ZEL_TRACE_BATCH_MAX
 extern const SettingRange kBatchBytesRange;      // ZEL_TRACE_BATCH_BYTES
 extern const SettingRange kBatchDelayRange;      // ZEL_TRACE_BATCH_DELAY_MS
+extern const SettingRange kSpoolBytesRange;      // ZEL_TRACE_SPOOL_BYTES
 
 // The tuning of an HTTP client.
 struct HttpSettings {
@@ -49,11 +50,38 @@ struct HttpSettings {
   std::size_t batchMax;
   std::size_t batchBytes;
   long batchDelayMs;
-  bool gzip;  // ZEL_TRACE_GZIP is exactly "1"
+  bool gzip;             // ZEL_TRACE_GZIP is exactly "1"
+  std::string spoolDir;  // ZEL_TRACE_SPOOL_DIR; empty: no spool
+  long spoolBytes;       // ZEL_TRACE_SPOOL_BYTES
 
-  // Reads every ZEL_TRACE_* tuning variable now.
+  // Reads every ZEL_TRACE_* tuning setting now, through settingValue().
   static HttpSettings fromEnvironment();
 };
+
+// True when the process runs with more privilege than whoever started it
+// (set-user-ID, set-group-ID, file capabilities: the kernel's AT_SECURE);
+// always false where the system does not say.
+bool isPrivilegedProcess();
+
+// Takes `text`, lines "NAME=value" separated by "\n" (empty lines ignored),
+// as the only source of the ZEL_TRACE_* settings from now on: the
+// environment is no longer read, and a name left out is unset. False, with
+// nothing changed, when a line has no "=", names a setting that does not
+// exist or names one twice, or when settings were given before or a
+// setting has already been read.
+bool configureSettings(const std::string& text);
+
+// The value of the setting `name` (null when unset): from
+// configureSettings() when it was called, else from the environment,
+// except in a privileged process, which reads no setting from its
+// environment. The first call fixes the source for the process.
+const char* settingValue(const char* name);
+
+// `url` as messages show it: its user-info (before "@" in the authority)
+// and its query (after "?") each replaced by "***", so that credentials and
+// tokens in the URL are never printed. "http://u:pw@h/p?token=t" gives
+// "http://***@h/p?***".
+std::string redactUrl(const std::string& url);
 
 // What a ZEL_TRACE_ENDPOINT text names.
 struct Endpoint {

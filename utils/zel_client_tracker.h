@@ -67,11 +67,10 @@ class ZEL_API ZelClientTracker {
   ZelClientTracker();
 
   // The copies share the client pointer and copy the version text. Whichever
-  // of them deregisters the client first (Uninit(), or Init() replacing it)
-  // ends it for all: the others then register anew on their next send and
-  // never deregister it a second time. Defined out of line so that they are
-  // exported too. Threads: not while `other` is being changed by another
-  // thread.
+  // of them deregisters the client first (Uninit()) ends it for all: the
+  // others then register anew on their next send and never deregister it a
+  // second time. Defined out of line so that they are exported too.
+  // Threads: not while `other` is being changed by another thread.
   ZelClientTracker(const ZelClientTracker& other);
   ZelClientTracker& operator=(const ZelClientTracker& other);
 
@@ -81,10 +80,11 @@ class ZEL_API ZelClientTracker {
 
   // Keeps `version` (sent as "zelVersion" in every later document) and
   // registers a tracing client under "zelModule", replacing the held one.
-  // A client held before is deregistered (an HTTP client first sends what
-  // it has queued, for at most its deregister time), after the new one is
-  // registered and outside the lock. When registration fails the tracker
-  // holds no client and logs "Error:trace registerClient is null !!!"
+  // A client held before is overwritten, neither deregistered nor reused
+  // (copies of this tracker that hold it keep using it); the tracing
+  // client's registrations with the same settings share one sender, so
+  // that repeated Init() calls add no thread. When registration fails the
+  // tracker holds no client and logs "Error:trace registerClient is null !!!"
   // (level 0, also handed to the log backends); the next send tries to
   // register again. Threads: any thread.
   void Init(const std::string& version);

@@ -9,7 +9,13 @@
 //       N of them, or as many as fit in S seconds, R per second (0: as fast
 //       as possible). Every "message" starts "<C>:<n>:". With --times, the
 //       monotonic time of every post is written to FILE ("<n> <ms>" lines).
-//       Prints "posted=<n> maxrss_kb=<kb>".
+//       With --poison K, document K is instead one with a member that is no
+//       column of the table, posted straight to a tracing client of the
+//       tracker's name (it shares the tracker's sender). With --wait-spool
+//       DIR, waits (at most 120 s) before Uninit() until DIR holds no spool
+//       file waiting or claimed.
+//       Prints "posted=<n> maxrss_kb=<kb> dropped=<documents the tracing
+//       client dropped>".
 //   zel_ch_client check --clients K --count N --version V
 //                      [--lost-answers-allowed]
 //       Reads rows from standard input, one per stored document in storage
@@ -28,6 +34,7 @@
 //       Prints the 50th, 99th and largest time from a post to the first
 //       poll that saw it stored, over every document that was seen.
 #include <curl/curl.h>
+#include <dirent.h>
 #include <json/json.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -46,6 +53,7 @@
 #include <thread>
 #include <vector>
 
+#include "tracer/tracer_client.h"
 #include "utils/logger.h"
 #include "utils/zel_client_tracker.h"
 
@@ -126,6 +134,8 @@ int Send(std::map<std::string, std::vector<std::string>>& options) {
   zel_set_log_level(-1);  // no debug line per post
   zel::ZelClientTracker* tracker = zel::ZelClientTracker::GetInstance();
   tracker->Init(Option(options, "version", "e2e"));
+  const long poison = std::stol(Option(options, "poison", "-1"));
+  TracerClient* raw = poison >= 0 ? TracerClient::registerClient("zelModule") : nullptr;
 
   std::vector<long long> times;
   const Clock::time_point start = Clock::now();
@@ -141,8 +151,30 @@ int Send(std::map<std::string, std::vector<std::string>>& options) {
           start + std::chrono::microseconds(static_cast<long long>(n * 1e6 / rate)));
     }
     times.push_back(NowMs());
-    Post(tracker, client, n);
+    if (n == poison && raw != nullptr) {
+      raw->postTrace("{\"zelVersion\":\"" + Option(options, "version", "e2e") +
+                     "\",\"message\":\"poison\",\"notAColumn\":\"x\"}");
+    } else {
+      Post(tracker, client, n);
+    }
   }
+  const std::string spool = Option(options, "wait-spool");
+  if (!spool.empty()) {
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
+    while (Clock::now() < deadline) {
+      bool waiting = false;
+      if (DIR* dir = opendir(spool.c_str())) {
+        while (const dirent* entry = readdir(dir)) {
+          const std::string name = entry->d_name;
+          if (name.rfind("spool-", 0) == 0 || name.rfind("claimed-", 0) == 0) waiting = true;
+        }
+        closedir(dir);
+      }
+      if (!waiting) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  }
+  if (raw != nullptr) raw->deregister();
   tracker->Uninit();
   if (!timesPath.empty()) {
     std::ofstream out(timesPath);
@@ -151,7 +183,8 @@ int Send(std::map<std::string, std::vector<std::string>>& options) {
   }
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
-  std::printf("posted=%d maxrss_kb=%ld\n", n, usage.ru_maxrss);
+  std::printf("posted=%d maxrss_kb=%ld dropped=%llu\n", n, usage.ru_maxrss,
+              TracerClient::droppedDocuments());
   return 0;
 }
 
