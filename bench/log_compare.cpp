@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Same-run comparison of the zel log path with spdlog.
 //
 // Every logger writes the same line: a prefix of month-day hh:mm:ss.mmm and

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Micro-benchmarks of the library: the caller's side of the log path, posting
 // into a Looper at several queue depths, the Worker, the Timer, the
 // configuration readers and the string helpers.

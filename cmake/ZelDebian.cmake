@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Debian packages, made by `cpack` in a build configured with
 # -DCMAKE_INSTALL_PREFIX=/usr:
 #   libzel-utils0   libzel_utils.so.0 (section libs)

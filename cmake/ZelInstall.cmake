@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Install rules: the two shared libraries, the public headers under
 # include/zel/ (so that a consumer writes #include "utils/looper.h"), a CMake
 # package (find_package(zel CONFIG) giving zel::utils and zel::tracer), a

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Cross build for Windows x64 with MinGW-w64 (posix thread model, so that
 # std::thread, std::mutex and std::condition_variable are available).
 #

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Demonstration of zel_utils: a process-wide asynchronous log written from
 // several threads into a per-day directory, with a backend that receives the
 // forwarded lines, and its files rotated under a small size limit; a worker running closures;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Demonstration of the configuration readers and the string helpers.
 #include <cstdio>
 #include <cstdlib>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Parts of the demonstration program, each showing one area of zel_utils.
 #ifndef ZEL_EXAMPLES_DEMO_PARTS_H_
 #define ZEL_EXAMPLES_DEMO_PARTS_H_

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Demonstration of event reporting: a device event and an error event
 // posted through the tracker and delivered by the tracing client.
 #include "examples/demo_tracker.h"

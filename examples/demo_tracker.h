@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Part of the demonstration program: event reporting.
 #ifndef ZEL_EXAMPLES_DEMO_TRACKER_H_
 #define ZEL_EXAMPLES_DEMO_TRACKER_H_

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Fuzzes the INI reader and writer on a real file against a model of the
 // scanning rules written here: the file read in pieces as fgets delivers
 // them (at most 1023 bytes, up to and with a newline, each piece a C text up

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Fuzzes ConfigParser's loading and getters on a real file, checking every
 // result against GLib's own key-file API applied to the same file. Input
 // layout: the first line is the list separator handed to Init (any length),

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Helpers of the fuzz targets that log: a backend that keeps the last line,
 // and the removal of the log tree they write under the scratch directory.
 #ifndef ZEL_FUZZ_FUZZ_LOG_H_

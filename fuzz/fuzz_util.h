@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Helpers shared by the fuzz targets: a scratch directory for the files the
 // targets write, and the splitting of an input into lines.
 #ifndef ZEL_FUZZ_FUZZ_UTIL_H_

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Differential fuzzing of log_print's formatting: random formats made of
 // every conversion, flag, width, precision and length modifier that the
 // fast formatter handles ("%%", %d %i %u %x %X %s %c with '-', '0', a width

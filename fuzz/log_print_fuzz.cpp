@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Fuzzes log_print with long and odd arguments. Byte 0 chooses one of a set
 // of formats (the format itself is never taken from the input: a format is
 // the caller's constant); the rest is split at '\n' into the text arguments.

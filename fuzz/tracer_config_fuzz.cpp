@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Fuzzes how the tracing client reads ZEL_TRACE_ENDPOINT and its numeric
 // settings. Input layout: the first line is a setting's text, the rest an
 // endpoint's text (each up to its first NUL, as an environment value is).

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Fuzzes the client tracker with odd texts. The tracing client writes to a
 // file:// endpoint in a scratch directory, so each document can be read
 // back. Input layout: bytes 0-9 give the device's numbers (vid, pid,

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Fuzzes the string helpers against a reference model written here, from
 // their documented rules, in a different way from the library (indices and
 // plain loops instead of the library's scans). Input layout: byte 0, 1 and 2

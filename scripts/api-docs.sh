@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Usage: bash scripts/api-docs.sh [output directory]   (default build/docs)
 # Builds the HTML API reference of the public headers with Doxygen
 # (docs/api/Doxyfile) into <output directory>/html/index.html. Fails, and

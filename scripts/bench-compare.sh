@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Usage: bash scripts/bench-compare.sh [repetitions]
 # Builds the benchmarks (preset "bench"), runs the same-run comparison of the
 # zel log path with spdlog's asynchronous logger (8,192 and 1 M queue) and

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Usage: check-exports.sh <shared library> <expected list> [--update]
 #
 # Lists the names a shared library exports (its defined dynamic symbols,

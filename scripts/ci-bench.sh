@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Stage "bench": builds the benchmarks (preset "bench", build/bench), runs
 # every micro-benchmark once, briefly, and the comparison with spdlog's
 # asynchronous logger in its short mode, so that both keep compiling and

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The ClickHouse stage: event documents delivered end to end into a real
 # ClickHouse server (Debian's clickhouse-server 18.16), then a fleet load.
 #

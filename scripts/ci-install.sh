@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Install stage: checks zel the ways another project takes it in.
 #  1. Installs the shared libraries with `cmake --install --prefix` into a
 #     tree other than the configured prefix, checks the public headers one

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The stress stage: builds the load test in Release (build/stress) and runs
 # it for STRESS_SECONDS (default 60): eight threads logging with a 64 KiB
 # size limit, a Worker, timers and a shared ConfigParser under load, then

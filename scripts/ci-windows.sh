@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Stage "windows": cross-builds zel_utils.dll, zel_tracer.dll and the unit
 # tests for Windows x64 with MinGW-w64, runs the tests under Wine through
 # ctest, and checks the DLL's export table against the checked-in list.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Sets up a fresh machine, builds zel_utils in Release and runs the
 # demonstration program. Extra arguments go to the program (a directory to
 # write under; by default a fresh one under the temporary directory).

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs every libFuzzer target for 10 million executions or a number of hours,
 # whichever comes first, one after another, keeping what each finds. Usage:
 #   bash scripts/fuzz-long.sh [hours per target, default 2] [target ...]

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Usage: bash scripts/need.sh <debian-package>...
 # Installs, with apt-get, those of the given Debian 12 packages that are not
 # installed yet. Run as root (or with sudo available).

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs a test program as the unprivileged user "nobody", for the tests that
 # check what file permissions refuse and therefore skip when run as root
 # (as CI runs). Usage:

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs what building and testing zel_utils needs on Debian 12, with
 # apt-get, when it is missing. Run as root (or with sudo available). Stages
 # with needs of their own (Windows, benchmarks, valgrind) install them in

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs the whole ctest suite of a preset N times in a row while stress-ng
 # keeps two CPU workers busy, to show that no test depends on an idle
 # machine. Usage:

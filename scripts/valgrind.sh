@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs the whole test suite under valgrind's memcheck: builds a
 # RelWithDebInfo tree without sanitizers in build/valgrind and runs every
 # ctest test with valgrind as its launcher. Any memory error or definite

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Usage: bash scripts/windows-demo-check.sh <zel_demo.exe> <work directory>
 # Runs the Windows demonstration program under Wine (WINEPREFIX and a
 # running server are the caller's, as in scripts/ci-windows.sh) writing

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Usage: bash scripts/windows-deps.sh
 # Cross-builds the libraries that zel needs on Windows x64 (JsonCpp, GLib 2
 # with pcre2 and libffi, libcurl) from Debian's own source packages with

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Tallies the Windows test suite against the Linux one.
 
 Usage:

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The configuration file's reader: the scanning rules, golden files, values
 // cut at 31 characters, long and NUL-holding lines, the errors it prints,
 // and (POSIX) the close-on-exec flag of the file it opens.

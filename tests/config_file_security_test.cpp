@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The INI writer against a second local user: names planted at the copy's
 // path, a copy readable by others while it is written, and values that
 // would inject lines of their own.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The configuration file's functions beyond reading and writing a key: a
 // null path, the functions on the configuration path (empty in this
 // version) and the data path. The reader and the writer have files of their

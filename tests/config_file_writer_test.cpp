@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The configuration file's writer: the scanning rules, golden files, long
 // and NUL-holding lines, its return values, the temporary copy, and (POSIX)
 // the writer under faults: a failed rename or sync, a file size limit, the

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The key-file parser against paths that are no ordinary configuration: a
 // FIFO that would block it, and files too large to be one.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/config_parser.h"
 
 #if !defined(ZEL_TEST_ON_WINDOWS)

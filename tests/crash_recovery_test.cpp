@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The crash drain beside the application's own signal handlers and beside
 // locks a faulting thread may hold:
 // - an earlier SA_SIGINFO handler that recovers from a fault gets the

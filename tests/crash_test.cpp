@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The log under a crash: a child process logs heavily from several threads
 // and is killed (SIGKILL; TerminateProcess on Windows) at a random moment,
 // many times over. Each time

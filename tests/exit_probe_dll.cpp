@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A DLL whose static destructor uses the library at process exit, when
 // Windows has already ended every other thread (the log writer and the
 // worker among them): exit_probe.exe arms it and returns from main. The

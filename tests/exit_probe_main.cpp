@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Usage: exit_probe.exe <marker file> <log directory>
 // Arms exit_probe.dll, then returns from main: the DLL's static destructor
 // runs at process exit (see tests/exit_probe_dll.cpp).

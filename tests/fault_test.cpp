@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The log and the configuration files under faults from outside: the log
 // directory removed or made read-only, the live file removed, renamed or
 // replaced by a directory, a rotation target taken by a directory, writes

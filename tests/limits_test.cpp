@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Inputs at and past their limits: log texts around the 4094-character line
 // limit and far beyond it, log base paths of 255, 256 and 4,000 characters,
 // and section and key names holding brackets, "=", newlines and binary

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Retention in a base that several processes share (the default base is
 // shared by every process of the machine): a process's retention never
 // removes the live file of another running process. Two processes (fork)

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Retention of the log across runs: with Logger::SetRetention() set, the
 // writer removes, below the base, day directories older than the kept days
 // and then the oldest log files until the total fits, at start-up. The

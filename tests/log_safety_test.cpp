@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Safe log directories, files and handles: the log refuses a base owned by
 // another user or writable by others without the sticky bit, a linked day
 // directory and a linked live file (reported once, lines dropped); it makes

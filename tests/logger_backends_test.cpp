@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The level the Logger hands to a LevelledBackend and the tag fallback (on
 // every platform), and on POSIX the backends of the operating system's logs:
 // the journal's native protocol (against a socket of the test's own that

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The Windows backends of the log: the event log and the debugger output.
 //
 // The debugger output is read the way debug output viewers read it, through

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Log directories against another local user: a base directory that the
 // group may write into is refused unless sticky, a day directory swapped for
 // a link while lines are written redirects none of them, and a link that

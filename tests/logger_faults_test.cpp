@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The log under faults: allocations that fail on a caller's thread or on
 // the writer's, a writer thread that cannot be created, floods of empty
 // lines, and a policy that changes under waiting callers. The log goes on

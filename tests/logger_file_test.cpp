@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The log's files: the log path functions, the live file's name, rotation
 // by size and count, the change of day, the file changed or removed from
 // outside, the writer's runs of queued lines, and the default log base.

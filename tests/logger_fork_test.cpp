@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The log in a process that forks after its first line: the child's
 // zel_log_flush() returns, its lines (under both queue policies) go to a
 // live file of its own whose name differs from the parent's and from every

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Formats whose widths and precisions ask for far more than a log line
 // holds: the line is what vsnprintf gives, cut where the line ends, and the
 // call returns without producing the rest.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The log line front end: the prefix of each line, log_print's formatting
 // (its own fast conversions, the fallback to vsnprintf, the cut at 4094
 // characters), the log level, and the prefix's time under a moved clock and

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The Logger: one instance, levels and forwarding to backends, lines of
 // several threads, flushing, the bound of the line queue, and callers that
 // never wait for the writer.

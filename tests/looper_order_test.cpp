@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The order and the times in which the Looper runs its messages: due times,
 // posting from the loop thread and from many threads, and steps of the wall
 // clock and the idle loop.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The Looper's life cycle: messages on their own, starting and stopping,
 // posting to a stopped looper, stopping from inside a message, destruction
 // and restart.

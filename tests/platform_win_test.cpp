@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Behaviours that exist only on Windows: the fixed default log base, paths
 // cut at '\', the per-user directory from APPDATA, rotation while Windows
 // refuses to rename an open file, and the runtime's text mode. Built for

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A small program of the library's users, run by privileged_env_test as a
 // set-user-ID copy: it prints what the library made of the variables it
 // reads, then faults with the log's writer stuck, so that the time the

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A set-user-ID program ignores the environment its caller gives it: run as
 // the user nobody, a set-user-ID-root copy of privileged_env_probe must
 // not take its per-user data path from APPDATA nor its crash wait from

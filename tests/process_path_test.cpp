@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/process_path.h"
 
 #include <gtest/gtest.h>

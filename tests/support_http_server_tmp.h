@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A small HTTP/1.1 test server for the tracing client's tests, kept here
 // until the tests' shared support folder offers the same server.
 #ifndef ZEL_TESTS_SUPPORT_HTTP_SERVER_TMP_H_

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/timer.h"
 
 #include <gtest/gtest.h>

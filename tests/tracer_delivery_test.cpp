@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // What becomes of every document the tracing client is given: delivered,
 // or counted and said in the application's log. Shared senders, bursts,
 // rejected documents and a service that asks to be left alone a while.

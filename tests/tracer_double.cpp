@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The tracing client's operations as the test double defines them; see
 // tests/tracer_double.h.
 #include "tests/tracer_double.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A test double of the tracing client (TracerClient), for the tests of the
 // event tracker.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The tracing client's file:// target: one whole document per line, also
 // with several threads and processes writing to the same file.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The tracing client's http:// target against the test HTTP server:
 // delivery in order, the service down, retries and back-off, the queue's
 // limits, deregistering, batches, gzip, one connection, redirects and

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A program for the tracing client's tests, run by them as another process
 // (a set-user-ID copy, or one of several processes sharing a spool):
 // registers a client, posts one document and ends it.

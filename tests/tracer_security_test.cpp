@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The tracing client against a second local user: the trace file that
 // another user planted, the settings of a privileged program's caller, and
 // secrets in its messages.

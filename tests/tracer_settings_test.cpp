@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The tracing client's settings: which targets give a client, and how the
 // tuning variables are read (whole numbers, clamped to their ranges, the
 // default for what is not one).

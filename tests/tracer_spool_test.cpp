@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The tracing client's spool: documents kept in files across outages and
 // restarts, shared by processes, checked like the log's base directory.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/zel_client_tracker.h"
 
 #include <gtest/gtest.h>

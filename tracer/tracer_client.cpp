@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "tracer/tracer_client.h"
 
 #include <curl/curl.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The client of the tracing service that event documents are posted to.
 //
 // registerClient() reads the delivery target from the environment variable

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "tracer/tracer_config.h"
 
 #include <curl/curl.h>

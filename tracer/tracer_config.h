@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Internal to the tracing client: how registerClient() reads its target and
 // its tuning from the environment. Pure functions of their inputs (apart
 // from fromEnvironment(), which reads the variables), kept apart from the

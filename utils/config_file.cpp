@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/config_file.h"
 
 #include <cstdio>

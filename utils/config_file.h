@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Single values of an INI-style configuration file, and the per-user data
 // path.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Typed values and lists of one key file, read through GLib's GKeyFile.
 //
 // A key file holds groups in square brackets and, under them, entries of a

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Export macro of the zel_utils shared library.
 //
 // ZEL_API marks what the library exports: __declspec(dllexport) while the DLL

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/log_crash.h"
 
 #include <atomic>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The crash drain of the log: when the process is about to die of a fault
 // (a bad address, an illegal instruction, a division by zero, an abort), the
 // lines still queued are written before it goes, followed by one line that

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A log backend that sends each forwarded line to the debugger through
 // OutputDebugStringA, so that a debugger (or a debug output viewer) shows
 // the log as it is written.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A log backend that reports each forwarded line to the Windows event log
 // (the Application log) under an event source of the client's choosing,
 // through RegisterEventSourceA and ReportEventA.

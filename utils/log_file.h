@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The log file writer: the log directory (base, day directory, creation of
 // its levels), the file names, the live file and its rotation by size, by
 // day and when it was removed from outside, the deletion of the rotated

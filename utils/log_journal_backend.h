@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A log backend that hands each forwarded line to the system journal of
 // Linux, speaking the journal's native protocol itself (no library of the
 // journal is linked): one datagram per line to the journal's socket,

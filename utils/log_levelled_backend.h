@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A log backend that receives each line together with its level.
 //
 // A plain LogBackend sees only the text of a line. A LevelledBackend

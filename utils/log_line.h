@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The line front end of the log: the prefix "[M-D hh:mm:ss.mmm][tid:T] " and
 // the formatting of the caller's text into one line on the caller's stack.
 // log_print() (declared in utils/logger.h, defined in log_line.cpp) is built

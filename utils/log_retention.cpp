@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/log_retention.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Retention of the log across runs: removes the day directories and log
 // files of earlier runs that are older than a number of days or that push
 // the library's log files past a total size. Off unless the client sets it

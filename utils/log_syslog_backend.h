@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A log backend that hands each forwarded line to the local syslog daemon,
 // speaking the syslog protocol itself: one datagram per line, in the form
 // of RFC 3164 that local daemons read on /dev/log,

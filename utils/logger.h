@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The process-wide log: the plain log functions, the Logger singleton that
 // writes lines on its own thread, and the log files it writes into.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/looper.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A message loop that owns one thread, and the messages posted to it.
 //
 // Any thread hands a Looper heap-allocated messages, each due at once or

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The operating-system layer of zel_utils, and the pure text rules built on it.
 //
 // Internal: this header is not installed. It includes no operating-system

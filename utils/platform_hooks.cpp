@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Hooks through which the library's own tests steer the operating-system
 // layer. Kept out of platform_posix.cpp and platform_win.cpp, which a test
 // may compile into itself, so that the exported definition exists once, in

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // POSIX (Linux) side of the operating-system layer.
 #include <dirent.h>
 #include <fcntl.h>

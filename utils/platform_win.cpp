@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Windows side of the operating-system layer.
 #include <direct.h>
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The directory and the file name of the running process's executable.
 //
 // The path is the one of the process's main executable (not of this

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // One-shot and periodic timers whose callbacks run on a thread of the
 // timer's own.
 //

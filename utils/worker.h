@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Runs closures on one background thread, asynchronously or synchronously.
 //
 // A Worker owns a Looper; DoAsync() queues a closure and returns at once,

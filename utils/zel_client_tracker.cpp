@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/zel_client_tracker.h"
 
 #include <json/json.h>

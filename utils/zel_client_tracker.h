@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Event reporting: the process-wide ZelClientTracker that turns device
 // events and errors into JSON documents and posts them to the tracing
 // service through a TracerClient.

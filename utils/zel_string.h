@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Small parsers of narrow byte strings: a bracket balance test, a
 // hexadecimal reader, the text between an opening and a closing character, a
 // key/value split and a list split.

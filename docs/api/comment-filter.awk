@@ -95,6 +95,12 @@ collecting && !ends_run($0) {
 }
 collecting { flush_run() }
 
+# The licence line at the top of every file is no documentation.
+/^\/\/ SPDX-License-Identifier:/ {
+  print
+  next
+}
+
 # A whole-line plain comment (not already `///` or `//!`).
 /^[ \t]*\/\/([^\/!]|$)/ {
   block[++n] = $0

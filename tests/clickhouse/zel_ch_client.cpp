@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The client side of the ClickHouse stage (scripts/ci-clickhouse.sh): sends
 // event documents through ZelClientTracker and the tracing client, and
 // checks what the server stored.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Uses the installed zel libraries as a client module would: logs through
 // the log front end into the directory given as the first argument, runs a
 // closure on a Worker and posts a document through the tracing client to a

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Load test of the library: for a fixed time, several threads log through
 // log_print() with a small size limit, so that the live file rotates
 // hundreds of times, while other threads post closures to a Worker, start and

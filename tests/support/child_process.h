@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Child processes of a test: this test program in a role of its own (a
 // writer, a service, a program that crashes), started, waited for with a
 // deadline and killed. On POSIX the child is a fork that runs the role; on

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Helpers the configuration file's tests share (tests/config_file_*_test.cpp):
 // the golden files, a value read back, the texts perror prints, the lack of
 // permission bits on Windows, and (POSIX) the descriptors a call holds open.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A replacement of the global operator new and delete for one test
 // executable, with a switch that makes every allocation fail with
 // std::bad_alloc, so that a test can exhaust memory for the length of one

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "tests/support/http_server.h"
 
 #include <gtest/gtest.h>

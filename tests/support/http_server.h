@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A small HTTP/1.1 server on 127.0.0.1 that records what it is sent, for the
 // tests of the tracing client and of the service going away under it.
 #ifndef ZEL_TESTS_SUPPORT_HTTP_SERVER_H_

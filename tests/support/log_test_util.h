@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Helpers the Logger's tests share (tests/logger_*_test.cpp): the live
 // file of a log directory, lines logged raw, a recording backend, a gate that
 // holds the writer thread, and the runs of a test under a moved clock.

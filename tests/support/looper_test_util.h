@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Helpers the Looper's tests share (tests/looper_*_test.cpp): waits with
 // their limits, a one-shot signal, a journal of what test messages did,
 // messages that record their runs and times, a gate that holds the loop

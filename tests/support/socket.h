@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The few socket calls the tests use whose types differ between Winsock and
 // POSIX, and a TCP socket bound on 127.0.0.1.
 #ifndef ZEL_TESTS_SUPPORT_SOCKET_H_

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Helpers shared by the unit tests: a temporary directory, waiting for a
 // condition with a deadline, reading files and capturing standard output.
 #ifndef ZEL_TESTS_SUPPORT_TEST_UTIL_H_

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Helpers the tracing client's tests share (tests/tracer_*_test.cpp): the
 // client's environment for one test, and JSON documents made and read back.
 #ifndef ZEL_TESTS_SUPPORT_TRACER_TEST_UTIL_H_

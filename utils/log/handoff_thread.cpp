@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/log/internal/handoff_thread.h"
 
 #include <utility>

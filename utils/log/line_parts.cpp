@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include "utils/log/internal/line_parts.h"
 
 namespace zel {

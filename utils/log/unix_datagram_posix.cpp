@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #include <errno.h>
 #include <sys/socket.h>
 #include <sys/uio.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A thread of its own that hands lines to a receiver that may wait (the
 // Windows event log service, a debugger), so that the log's writer thread
 // never does: lines are queued up to a bound and the ones beyond it are

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The parts of a log line that the library's backends hand on separately:
 // the thread id of the prefix, the text behind the prefix, and the source
 // file, function and line number of the call-site part that every line of

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The name the library's backends give the process when the client names
 // none: the executable's file name, as get_process_name() gives it.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Sending datagrams to a local (AF_UNIX) socket without ever waiting: the
 // transport of the journal and syslog backends.
 //
