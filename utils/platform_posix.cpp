@@ -715,7 +715,10 @@ bool isHandler(const struct sigaction& action) {
 // jumps away (siglongjmp) it restores the mask it saved itself.
 void callEarlierHandler(int sig, siginfo_t* info, void* context, int index) {
   const struct sigaction action = sPreviousActions[index];
-  if ((action.sa_flags & SA_RESETHAND) != 0) {
+  // SA_RESETHAND and SA_NODEFER are unsigned constants in glibc; sa_flags
+  // is an int.
+  const auto flags = static_cast<unsigned>(action.sa_flags);
+  if ((flags & static_cast<unsigned>(SA_RESETHAND)) != 0) {
     sPreviousActions[index].sa_handler = SIG_DFL;
     sPreviousActions[index].sa_flags &= ~SA_SIGINFO;
   }
@@ -725,7 +728,7 @@ void callEarlierHandler(int sig, siginfo_t* info, void* context, int index) {
   for (int s = 1; s < NSIG; ++s) {
     if (sigismember(&action.sa_mask, s) == 1) sigaddset(&mask, s);
   }
-  if ((action.sa_flags & SA_NODEFER) != 0) {
+  if ((flags & static_cast<unsigned>(SA_NODEFER)) != 0) {
     sigdelset(&mask, sig);
   } else {
     sigaddset(&mask, sig);
