@@ -135,11 +135,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::abort();
   }
 
-  if (PutKeyStringToFile(path.c_str(), section.c_str(), key.c_str(), value.c_str()) != 0) {
+  // A value holding a line end is refused before anything is written (it
+  // could end its line and start a section of its own).
+  const bool refused = value.find_first_of("\r\n") != std::string::npos;
+  if (PutKeyStringToFile(path.c_str(), section.c_str(), key.c_str(), value.c_str()) !=
+      (refused ? -1 : 0)) {
     std::abort();
   }
   if (zel_fuzz::FileExists(tmpPath)) std::abort();
-  const std::string written = ModelWrite(content, section, key, value);
+  const std::string written = refused ? content : ModelWrite(content, section, key, value);
   if (ReadWhole(path) != written) std::abort();
 
   const std::string number = std::to_string(static_cast<int>(size));
