@@ -166,6 +166,13 @@ TEST(LoggerLineSecurityTest, WidthsThatFitOrNearlyFitGiveWhatVsnprintfGives) {
     expected.push_back(Full("%.*d|%5.*u|%-8.*x|%.*Lf|%.*a|%hhd|%hd|%jd|%td\n", w, 42, w, 7u, w,
                             0xabu, w, static_cast<long double>(1.0) / 3, w % 20, 0.75, 300, 70000,
                             static_cast<intmax_t>(-1), static_cast<std::ptrdiff_t>(-2)));
+    // Precisions past the room and past the width: the padding in front
+    // follows the whole text's length, not that of the cut text.
+    const std::string longText(3000, 's');
+    log_print(0, 1, "%*s%720.768llu|%700.900d|%3500.4000s|%-650.800x|end\n", w, "", 123ULL, -5,
+              longText.c_str(), 0xfu);
+    expected.push_back(Full("%*s%720.768llu|%700.900d|%3500.4000s|%-650.800x|end\n", w, "", 123ULL,
+                            -5, longText.c_str(), 0xfu));
   }
   zel_log_flush();
   const std::vector<std::string> lines = recorder.lines();

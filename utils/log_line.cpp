@@ -397,6 +397,7 @@ class BoundedFormat {
       // has at most 22 digits, and the exact decimal expansion of a long
       // double fewer than 16,500; a string shows no more than the room.
       const std::size_t slack = slackOf(d.conv);
+      const int requested = precision;
       if (precision >= 0 && static_cast<std::size_t>(precision) > room + slack) {
         precision = static_cast<int>(room + slack);
       }
@@ -404,13 +405,31 @@ class BoundedFormat {
       d.spec(spec, left, precision >= 0);
       Argument argument;
       argument.fetch(d, ap);
-      if (hasWidth && static_cast<std::size_t>(width) > room) {
-        // Padding past room + the text's own length only adds characters
-        // that are cut: right-aligned, the first `room` are padding either
-        // way; left-aligned, the text and then padding.
+      if (hasWidth && (static_cast<std::size_t>(width) > room || precision != requested)) {
         errno = savedErrno;
         const int natural = argument.print(nullptr, 0, spec, 0, precision);
         if (natural < 0) return false;
+        if (precision != requested) {
+          // The text is shorter by what the cut precision took from it: the
+          // width loses as much, so that the padding in front stays what it
+          // was (a width below the whole text's length pads nothing).
+          std::size_t taken = 0;
+          if (d.conv != 's') {
+            taken = static_cast<std::size_t>(requested - precision);
+          } else if (d.length[0] == '\0') {
+            const auto* text = static_cast<const char*>(argument.value.p);
+            const std::size_t whole =
+                text == nullptr ? static_cast<std::size_t>(natural)
+                                : strnlen(text, static_cast<std::size_t>(requested));
+            taken = whole - static_cast<std::size_t>(natural);
+          } else {
+            return false;  // a wide string's length in bytes is vsnprintf's to tell
+          }
+          width = static_cast<std::size_t>(width) > taken ? width - static_cast<int>(taken) : 0;
+        }
+        // Padding past room + the text's own length only adds characters
+        // that are cut: right-aligned, the first `room` are padding either
+        // way; left-aligned, the text and then padding.
         const std::size_t bound = room + static_cast<std::size_t>(natural);
         if (static_cast<std::size_t>(width) > bound) width = static_cast<int>(bound);
       }
