@@ -12,6 +12,7 @@
 #include <cwchar>
 #include <limits>
 #include <string>
+#include <type_traits>
 
 #include "utils/log_crash.h"
 #include "utils/logger.h"
@@ -532,7 +533,10 @@ class BoundedFormat {
         }
       } else if (d.conv == 'c' && length[0] == 'l') {
         kind = kWint;
-        value.wc = va_arg(*ap, wint_t);
+        // A wint_t narrower than int (Windows: unsigned short) arrives
+        // promoted to int.
+        using Passed = std::conditional_t<(sizeof(wint_t) < sizeof(int)), int, wint_t>;
+        value.wc = static_cast<wint_t>(va_arg(*ap, Passed));
       } else if (d.conv == 'c') {
         kind = kInt;
         value.i = va_arg(*ap, int);
