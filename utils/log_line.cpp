@@ -419,9 +419,9 @@ class BoundedFormat {
             taken = static_cast<std::size_t>(requested - precision);
           } else if (d.length[0] == '\0') {
             const auto* text = static_cast<const char*>(argument.value.p);
-            const std::size_t whole =
-                text == nullptr ? static_cast<std::size_t>(natural)
-                                : strnlen(text, static_cast<std::size_t>(requested));
+            const std::size_t whole = text == nullptr
+                                          ? static_cast<std::size_t>(natural)
+                                          : strnlen(text, static_cast<std::size_t>(requested));
             taken = whole - static_cast<std::size_t>(natural);
           } else {
             return false;  // a wide string's length in bytes is vsnprintf's to tell
