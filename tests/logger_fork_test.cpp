@@ -218,6 +218,10 @@ TEST(LoggerForkTest, CrashingChildWritesItsFatalLineIntoItsOwnFile) {
   struct rlimit noCore = {0, 0};
   setrlimit(RLIMIT_CORE, &noCore);
   zel_set_log_path(dir.path().c_str());
+  // A wait far longer than the child's writer needs even on a loaded
+  // machine (its thread and file are made at its first line); the default
+  // 2 s was seen to run out once under AddressSanitizer on a busy machine.
+  setenv("ZEL_LOG_CRASH_WAIT_MS", "30000", 1);
   ASSERT_EQ(zel_log_install_crash_handler(), 0);
   StartLogging(dir.path());
   const pid_t child = fork();
@@ -230,7 +234,7 @@ TEST(LoggerForkTest, CrashingChildWritesItsFatalLineIntoItsOwnFile) {
     _exit(98);
   }
   ASSERT_GT(child, 0);
-  const int status = WaitChild(child);
+  const int status = WaitChild(child, std::chrono::milliseconds(60000));
   ASSERT_NE(status, -1) << "the child hung";
   ASSERT_TRUE(WIFSIGNALED(status)) << "status " << status;
   EXPECT_EQ(WTERMSIG(status), SIGSEGV);
