@@ -81,6 +81,7 @@ constexpr char kNoPosixModes[] =
 void LogLine(const char* text) {
   log_print(3, 0, "%s\n", text);
   zel_log_flush();
+  std::fflush(stdout);
 }
 
 void Start(const std::string& base) {

@@ -646,9 +646,15 @@ DirCheck openDirectoryAt(DirHandle parent, const char* name, DirHandle* dir) {
   const std::string path = parent == kNoFile ? std::string(name) : joinName(parent, name);
   const HANDLE handle = openDirectoryHandle(path.c_str(), false);
   if (handle == INVALID_HANDLE_VALUE) return openFailure();
+  // The handle tells on Windows. Wine opens a host's symbolic link as its
+  // target even so, and shows the link only in the attributes of its name:
+  // those are asked too, after the open, so that the name held is the one
+  // checked.
   BY_HANDLE_FILE_INFORMATION info;
-  if (GetFileInformationByHandle(handle, &info) != 0 &&
-      (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+  const DWORD named = GetFileAttributesA(path.c_str());
+  if ((GetFileInformationByHandle(handle, &info) != 0 &&
+       (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) ||
+      (named != INVALID_FILE_ATTRIBUTES && (named & FILE_ATTRIBUTE_REPARSE_POINT) != 0)) {
     CloseHandle(handle);
     return DirCheck::kLink;
   }
