@@ -402,13 +402,13 @@ class BoundedFormat {
       if (precision >= 0 && static_cast<std::size_t>(precision) > room + slack) {
         precision = static_cast<int>(room + slack);
       }
-      char spec[24];
-      d.spec(spec, left, precision >= 0);
+      char pattern[24];
+      d.writePattern(pattern, left, precision >= 0);
       Argument argument;
       argument.fetch(d, ap);
       if (hasWidth && (static_cast<std::size_t>(width) > room || precision != requested)) {
         errno = savedErrno;
-        const int natural = argument.print(nullptr, 0, spec, 0, precision);
+        const int natural = argument.print(nullptr, 0, pattern, 0, precision);
         if (natural < 0) return false;
         if (precision != requested) {
           // The text is shorter by what the cut precision took from it: the
@@ -435,7 +435,7 @@ class BoundedFormat {
         if (static_cast<std::size_t>(width) > bound) width = static_cast<int>(bound);
       }
       errno = savedErrno;
-      const int n = argument.print(pos, room + 1, spec, hasWidth ? width : 0, precision);
+      const int n = argument.print(pos, room + 1, pattern, hasWidth ? width : 0, precision);
       if (n < 0) return false;
       pos += static_cast<std::size_t>(n) < room ? static_cast<std::size_t>(n) : room;
     }
@@ -457,7 +457,7 @@ class BoundedFormat {
     // Writes "%<flags>*.*<length><conv>" (the width always from an
     // argument, the precision only when `withPrecision`) into `out` (24
     // bytes); '-' when `leftAligned`.
-    void spec(char* out, bool leftAligned, bool withPrecision) const {
+    void writePattern(char* out, bool leftAligned, bool withPrecision) const {
       *out++ = '%';
       if (leftAligned) *out++ = '-';
       for (const char* f = flags; *f != '\0'; ++f) *out++ = *f;
@@ -546,8 +546,8 @@ class BoundedFormat {
       }
     }
 
-    // snprintf(out, size, spec, width[, precision], value).
-    int print(char* out, std::size_t size, const char* spec, int width, int precision) const {
+    // snprintf(out, size, pattern, width[, precision], value).
+    int print(char* out, std::size_t size, const char* pattern, int width, int precision) const {
 #if defined(__GNUC__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -556,49 +556,49 @@ class BoundedFormat {
       if (precision >= 0) {
         switch (kind) {
           case kInt:
-            return std::snprintf(out, size, spec, width, precision, value.i);
+            return std::snprintf(out, size, pattern, width, precision, value.i);
           case kLong:
-            return std::snprintf(out, size, spec, width, precision, value.l);
+            return std::snprintf(out, size, pattern, width, precision, value.l);
           case kLongLong:
-            return std::snprintf(out, size, spec, width, precision, value.ll);
+            return std::snprintf(out, size, pattern, width, precision, value.ll);
           case kIntMax:
-            return std::snprintf(out, size, spec, width, precision, value.im);
+            return std::snprintf(out, size, pattern, width, precision, value.im);
           case kSize:
-            return std::snprintf(out, size, spec, width, precision, value.z);
+            return std::snprintf(out, size, pattern, width, precision, value.z);
           case kPtrdiff:
-            return std::snprintf(out, size, spec, width, precision, value.t);
+            return std::snprintf(out, size, pattern, width, precision, value.t);
           case kDouble:
-            return std::snprintf(out, size, spec, width, precision, value.d);
+            return std::snprintf(out, size, pattern, width, precision, value.d);
           case kLongDouble:
-            return std::snprintf(out, size, spec, width, precision, value.ld);
+            return std::snprintf(out, size, pattern, width, precision, value.ld);
           case kPointer:
-            return std::snprintf(out, size, spec, width, precision, value.p);
+            return std::snprintf(out, size, pattern, width, precision, value.p);
           case kWint:
-            return std::snprintf(out, size, spec, width, precision, value.wc);
+            return std::snprintf(out, size, pattern, width, precision, value.wc);
         }
         return -1;
       }
       switch (kind) {
         case kInt:
-          return std::snprintf(out, size, spec, width, value.i);
+          return std::snprintf(out, size, pattern, width, value.i);
         case kLong:
-          return std::snprintf(out, size, spec, width, value.l);
+          return std::snprintf(out, size, pattern, width, value.l);
         case kLongLong:
-          return std::snprintf(out, size, spec, width, value.ll);
+          return std::snprintf(out, size, pattern, width, value.ll);
         case kIntMax:
-          return std::snprintf(out, size, spec, width, value.im);
+          return std::snprintf(out, size, pattern, width, value.im);
         case kSize:
-          return std::snprintf(out, size, spec, width, value.z);
+          return std::snprintf(out, size, pattern, width, value.z);
         case kPtrdiff:
-          return std::snprintf(out, size, spec, width, value.t);
+          return std::snprintf(out, size, pattern, width, value.t);
         case kDouble:
-          return std::snprintf(out, size, spec, width, value.d);
+          return std::snprintf(out, size, pattern, width, value.d);
         case kLongDouble:
-          return std::snprintf(out, size, spec, width, value.ld);
+          return std::snprintf(out, size, pattern, width, value.ld);
         case kPointer:
-          return std::snprintf(out, size, spec, width, value.p);
+          return std::snprintf(out, size, pattern, width, value.p);
         case kWint:
-          return std::snprintf(out, size, spec, width, value.wc);
+          return std::snprintf(out, size, pattern, width, value.wc);
       }
       return -1;
 #if defined(__GNUC__)
