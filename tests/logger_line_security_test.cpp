@@ -7,10 +7,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cwchar>
 #include <functional>
 #include <memory>
 #include <regex>
@@ -173,6 +175,36 @@ TEST(LoggerLineSecurityTest, WidthsThatFitOrNearlyFitGiveWhatVsnprintfGives) {
               longText.c_str(), 0xfu);
     expected.push_back(Full("%*s%720.768llu|%700.900d|%3500.4000s|%-650.800x|end\n", w, "", 123ULL,
                             -5, longText.c_str(), 0xfu));
+  }
+  zel_log_flush();
+  const std::vector<std::string> lines = recorder.lines();
+  ASSERT_EQ(lines.size(), expected.size());
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    SCOPED_TRACE("line " + std::to_string(i));
+    const std::size_t prefix = PrefixLength(lines[i]);
+    ASSERT_NE(prefix, std::string::npos);
+    EXPECT_EQ(lines[i].substr(prefix), Cut(expected[i], kLongestLine - prefix));
+  }
+}
+
+TEST(LoggerLineSecurityTest, CutPrecisionsThatDoNotLengthenTheTextKeepThePadding) {
+  // Near the line's end, a precision past the room is cut; where it does
+  // not lengthen the text (a character, an infinity, a not-a-number, the
+  // shortest form without '#'), the padding in front stays the width's.
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  static LineRecorder recorder;
+  zel::Logger::GetInstance()->RegisterBackend(&recorder);
+  std::vector<std::string> expected;
+  const int fills[] = {3900, 3980, 4000, 4020, 4040};
+  for (int fill : fills) {
+    // Not a literal: a precision on %c is one that compilers warn about.
+    const std::string format =
+        "%*s%5.796c|%12.99999E|%9.99999f|%7.99999g|%#9.99999g|%6.99999lc|end";
+    log_print(0, 1, format.c_str(), fill, "", 'q', HUGE_VAL, NAN, 0.5, 0.5,
+              static_cast<wint_t>(L'w'));
+    expected.push_back(
+        Full(format.c_str(), fill, "", 'q', HUGE_VAL, NAN, 0.5, 0.5, static_cast<wint_t>(L'w')));
   }
   zel_log_flush();
   const std::vector<std::string> lines = recorder.lines();

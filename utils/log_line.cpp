@@ -416,7 +416,14 @@ class BoundedFormat {
           // was (a width below the whole text's length pads nothing).
           std::size_t taken = 0;
           if (d.conv != 's') {
-            taken = static_cast<std::size_t>(requested - precision);
+            // Past every digit of the value, each further unit of precision
+            // adds one character (a zero) or none at all (a character, an
+            // infinity, a not-a-number, the shortest form without '#'):
+            // one unit less tells which.
+            errno = savedErrno;
+            const int shorter = argument.print(nullptr, 0, pattern, 0, precision - 1);
+            if (shorter < 0) return false;
+            if (shorter < natural) taken = static_cast<std::size_t>(requested - precision);
           } else if (d.length[0] == '\0') {
             const auto* text = static_cast<const char*>(argument.value.p);
             const std::size_t whole = text == nullptr
