@@ -411,6 +411,35 @@ TEST(CrashRecoveryTest, FaultOfTheWriterThreadWritesTheLinesItGathered) {
       << result.log;
 }
 
+TEST(CrashRecoveryTest, WaitAboveTheMaximumIsCappedAtTheMaximumNotTheDefault) {
+  // ZEL_LOG_CRASH_WAIT_MS past 600000 waits 600000 ms: the handler still
+  // waits for the writer 2.5 s after the fault (the default would have
+  // given up at 2 s and written the fatal line alone).
+  TempDir dir;
+  const ChildResult result = RunChild(dir.path(), 10000000, [] {
+    sShared->installResult.store(zel_log_install_crash_handler());
+    static FaultingBackend backend;
+    zel::Logger::GetInstance()->RegisterBackend(&backend);
+    log_print(0, 1, "gate\n");
+    log_print(0, 1, "queued\n");
+    std::thread releaser([] {
+      while (sShared->faultAtNs.load() == 0) std::this_thread::yield();
+      const int64_t at = sShared->faultAtNs.load() + 2500 * int64_t{1000000};
+      while (NowNs() < at) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      backend.Release();
+    });
+    releaser.detach();
+    sShared->faultAtNs.store(NowNs());
+    volatile std::uintptr_t address = 16;
+    *reinterpret_cast<volatile int*>(address) = 1;
+  });
+  ASSERT_EQ(sShared->installResult.load(), 0);
+  EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
+  EXPECT_GE(result.took.count(), 2500);
+  EXPECT_EQ(zel_test::StripLogPrefixes(result.log),
+            "gate\nqueued\n" + FatalLine(SIGSEGV, "SIGSEGV"));
+}
+
 // A backend that holds the writer on its first line until released, then
 // takes `delay` per line: the writer is far behind when the threads fault.
 class SlowBackend : public zel::LogBackend {

@@ -198,10 +198,11 @@ int64_t parseWaitMs(const char* text) {
   int64_t value = 0;
   for (const char* p = text; *p != '\0'; ++p) {
     if (*p < '0' || *p > '9') return kDefaultWaitMs;
-    value = value * 10 + (*p - '0');
-    if (value > 600000) return kDefaultWaitMs;
+    // Digits past the maximum keep it (as the tracer caps its settings):
+    // a user who asks for a long wait gets the longest there is.
+    if (value < kMaxWaitMs) value = value * 10 + (*p - '0');
   }
-  return value;
+  return value < kMaxWaitMs ? value : kMaxWaitMs;
 }
 
 void setLiveFile(platform::FileHandle file) {

@@ -33,6 +33,8 @@ namespace crash {
 // The wait for the drain when ZEL_LOG_CRASH_WAIT_MS is not set or invalid,
 // and in a process that reads no environment (set-user-ID and the like).
 constexpr int64_t kDefaultWaitMs = 2000;
+// The longest wait ZEL_LOG_CRASH_WAIT_MS can ask for.
+constexpr int64_t kMaxWaitMs = 600000;
 
 // Records the live log file (kNoFile when there is none) that the fatal
 // line goes to, with its identity, and that the calling thread is the
@@ -75,7 +77,8 @@ void afterForkInChild();
 void restartAfterFork();
 
 // Parses the text of ZEL_LOG_CRASH_WAIT_MS: a decimal count of
-// milliseconds from 0 to 600000; anything else gives kDefaultWaitMs.
+// milliseconds, above 600000 capped at 600000; anything but digits gives
+// kDefaultWaitMs.
 int64_t parseWaitMs(const char* text);
 
 // Writes the fatal line "[M-D hh:mm:ss.mmm][tid:T] zel log: fatal signal

@@ -254,7 +254,7 @@ class ZEL_API Logger : public LogBackend {
   // then dies of SIGSEGV, SIGBUS, SIGILL, SIGFPE or SIGABRT (on Windows: an
   // unhandled exception), the lines still queued are written first, at most
   // ZEL_LOG_CRASH_WAIT_MS milliseconds (environment, read here; 0 to 600000,
-  // default 2000; not read in a set-user-ID, set-group-ID or file-capability
+  // more is 600000, default 2000; not read in a set-user-ID, set-group-ID or file-capability
   // process on POSIX, which waits the default) are waited for that, and
   // then one line of its own is
   // written to the live file: "<prefix>zel log: fatal signal <N> (<name>)"
