@@ -196,15 +196,19 @@ TEST(LoggerLineSecurityTest, CutPrecisionsThatDoNotLengthenTheTextKeepThePadding
   static LineRecorder recorder;
   zel::Logger::GetInstance()->RegisterBackend(&recorder);
   std::vector<std::string> expected;
-  const int fills[] = {3900, 3980, 4000, 4020, 4040};
-  for (int fill : fills) {
+  // Every fill from 3980 to 4070 puts each conversion at every distance
+  // from the line's end.
+  for (int fill = 3980; fill <= 4070; ++fill) {
     // Not a literal: a precision on %c is one that compilers warn about.
+    // A null string is "(null)" in the C libraries that print one, which
+    // print nothing for a precision below 6 (a cut one must not be).
     const std::string format =
-        "%*s%5.796c|%12.99999E|%9.99999f|%7.99999g|%#9.99999g|%6.99999lc|end";
-    log_print(0, 1, format.c_str(), fill, "", 'q', HUGE_VAL, NAN, 0.5, 0.5,
-              static_cast<wint_t>(L'w'));
-    expected.push_back(
-        Full(format.c_str(), fill, "", 'q', HUGE_VAL, NAN, 0.5, 0.5, static_cast<wint_t>(L'w')));
+        "%*s%.999s|%9.99999s|%5.796c|%12.99999E|%9.99999f|%7.99999g|%6.99999lc|%#9.99999g|end";
+    const char* none = nullptr;
+    log_print(0, 1, format.c_str(), fill, "", none, none, 'q', HUGE_VAL, NAN, 0.5,
+              static_cast<wint_t>(L'w'), 0.5);
+    expected.push_back(Full(format.c_str(), fill, "", none, none, 'q', HUGE_VAL, NAN, 0.5,
+                            static_cast<wint_t>(L'w'), 0.5));
   }
   zel_log_flush();
   const std::vector<std::string> lines = recorder.lines();

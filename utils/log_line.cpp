@@ -347,7 +347,9 @@ class BoundedFormat {
   // How far past the room a precision of `conv` must stay for the first
   // characters to stay the same (see formatChecked()).
   static std::size_t slackOf(char conv) {
-    if (conv == 's') return 0;
+    // A null string prints "(null)" whole or (with a precision below 6)
+    // not at all in some C libraries: a cut precision stays at 6 or more.
+    if (conv == 's') return 6;
     if (std::strchr("fFeEgGaA", conv) != nullptr) return 16500;
     return 32;
   }
@@ -396,7 +398,8 @@ class BoundedFormat {
       // A precision past the room and past every digit the value can have
       // gives the same first `room` characters as a larger one: an integer
       // has at most 22 digits, and the exact decimal expansion of a long
-      // double fewer than 16,500; a string shows no more than the room.
+      // double fewer than 16,500; a string shows no more than the room,
+      // a null one its six letters.
       const std::size_t slack = slackOf(d.conv);
       const int requested = precision;
       if (precision >= 0 && static_cast<std::size_t>(precision) > room + slack) {
