@@ -3,9 +3,10 @@
 # Sets up a fresh machine, then checks formatting, runs each fuzz target for
 # a minute, and builds and runs every test: in Release, under AddressSanitizer
 # + UndefinedBehaviorSanitizer and under ThreadSanitizer, plus the stages of
-# their own (install, benchmarks, stress, ClickHouse delivery, Windows). Give
-# stage names to run only those: fuzz, install, bench, stress, clickhouse,
-# windows, or a test preset (release, debug, asan, tsan).
+# their own (install, the documentation's code blocks, benchmarks, stress,
+# ClickHouse delivery, Windows). Give
+# stage names to run only those: fuzz, install, docs, bench, stress,
+# clickhouse, windows, or a test preset (release, debug, asan, tsan).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -28,7 +29,7 @@ find utils tracer tests examples fuzz bench \( -name '*.h' -o -name '*.cpp' \) -
   xargs -0 clang-format --dry-run --Werror
 
 presets=("$@")
-[ ${#presets[@]} -eq 0 ] && presets=(fuzz install bench stress clickhouse release asan tsan windows)
+[ ${#presets[@]} -eq 0 ] && presets=(fuzz install docs bench stress clickhouse release asan tsan windows)
 
 # Fuzzing (preset name "fuzz"), before the test presets so that the run ends
 # with ctest's summary: each libFuzzer target runs for FUZZ_SECONDS (default
@@ -65,7 +66,7 @@ run_fuzz() {
 for stage in "${presets[@]}"; do
   case "$stage" in
     fuzz) run_fuzz ;;
-    install | bench | stress | clickhouse | windows)
+    install | docs | bench | stress | clickhouse | windows)
       echo "== $stage"
       bash "scripts/ci-$stage.sh"
       ;;

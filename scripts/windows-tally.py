@@ -16,7 +16,7 @@ test must still be left out; a test that skips under Wine must say why in
 its output (GTEST_SKIP's message). The script prints the counts, the tests
 left out, the tests that skipped with their reasons and the tests only
 Windows has, and exits 1 when the list and the builds disagree or a skip
-gives no reason. --markdown prints the same as the README's tables.
+gives no reason. --markdown prints the tables of docs/windows.md.
 """
 
 import os

@@ -31,10 +31,11 @@
 //   ordinary character, so "[net]\r\n" is not a header line of "net" and a
 //   value read from "port=80\r\n" keeps its "\r".
 //
-// In this version GetConfigFilePath() yields the empty path, so the six
-// functions below it always fail to open the file. The functions with a
-// `path` argument apply the same rules to a file of the caller's choice;
-// each of the six calls its path-taking twin with GetConfigFilePath().
+// In this version GetConfigFilePath() yields the empty path, so the four
+// functions without a `path` argument (GetKeyString, GetKeyInt,
+// PutKeyString, PutKeyInt) always fail to open the file. The functions with
+// a `path` argument apply the same rules to a file of the caller's choice;
+// each of the four calls its path-taking twin with GetConfigFilePath().
 //
 // Threads: any thread. Two writers of one file at a time share the same
 // ".tmp" name and can destroy each other's copy; a reader during a write sees
