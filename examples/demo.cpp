@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
 
-// Demonstration of zel_utils: a process-wide asynchronous log written from
-// several threads into a per-day directory, with a backend that receives the
-// forwarded lines, and its files rotated under a small size limit; a worker running closures;
-// one-shot and periodic timers; an INI file and a key file read and changed; the string helpers;
-// device and error events delivered through the tracing client.
+// Demonstration of zel_utils: the crash drain installed; a process-wide
+// asynchronous log written from several threads into a per-day directory,
+// with a backend that receives the forwarded lines, and its files rotated
+// under a small size limit; a full queue dropping lines; the retention of
+// an earlier run's files; a worker running closures; one-shot and periodic
+// timers; an INI file and a key file read and changed; the string helpers;
+// device and error events delivered through the tracing client to a file
+// and over HTTP to a receiver on 127.0.0.1 that the program runs.
 //
 // Usage: zel_demo [directory]
 // Everything is written under `directory` (by default a fresh directory
@@ -253,11 +256,15 @@ int main(int argc, char** argv) {
   // "YYYYMMDD/" is appended to it.
   const std::string logBase = work + "log/";
   zel_set_log_path(logBase.c_str());
+  DemoCrashDrain();
 
   std::printf("-- log: 4 threads x 5 lines, every third line forwarded to a backend\n");
   auto* backend = new CountingBackend;  // must outlive the Logger: never freed
   zel::Logger::GetInstance()->RegisterBackend(backend);
-  auto* systemLog = new SystemLog;  // registers its backend; never freed either
+  // Registers its backend, which must outlive the Logger too: never freed
+  // (held by a static, so that a leak checker sees it is still reachable
+  // when no backend of it was registered).
+  static SystemLog* const systemLog = new SystemLog;
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {
@@ -295,10 +302,13 @@ int main(int argc, char** argv) {
   for (const std::string& line : Tail(live, 5)) std::printf("     %s\n", line.c_str());
 
   DemoRotation(dir);
+  DemoQueueLimit(dir);
+  DemoRetention(logBase);
   DemoWorker();
   DemoTimer();
   DemoConfiguration(work);
   DemoTracker(work);
+  DemoHttpDelivery();
 
   zel_log_flush();
   std::printf("\n== done\n");

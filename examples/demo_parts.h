@@ -13,4 +13,19 @@
 // Prints what it does on standard output.
 void DemoConfiguration(const std::string& workDir);
 
+// Installs the log's crash drain (zel_log_install_crash_handler()) and says
+// what it does; the program does not crash. Call it from the main thread,
+// early, after the log path is set.
+void DemoCrashDrain();
+
+// Bounds the log's queue to a few lines while a backend holds the writer
+// thread, posts more lines than fit, and prints how many were dropped and
+// the notice the log file got in their place; restores the default bound.
+// `logDir` is the current day directory (it holds the live file).
+void DemoQueueLimit(const std::string& logDir);
+
+// Leaves a day directory of an earlier run, dated long ago, below
+// `logBase`, switches retention on (30 days) and prints what became of it.
+void DemoRetention(const std::string& logBase);
+
 #endif  // ZEL_EXAMPLES_DEMO_PARTS_H_

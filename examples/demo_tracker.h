@@ -15,4 +15,9 @@
 // sent is told.
 void DemoTracker(const std::string& workDir);
 
+// Runs an HTTP receiver on 127.0.0.1, points ZEL_TRACE_ENDPOINT at it,
+// posts three events through zel::ZelClientTracker and prints how many
+// documents the receiver got once Uninit() has delivered them.
+void DemoHttpDelivery();
+
 #endif  // ZEL_EXAMPLES_DEMO_TRACKER_H_

@@ -27,10 +27,17 @@ grep -q '^   backend received 8 forwarded lines, the last:' "$out" || fail "back
 grep -q 'a synchronous closure returned: it saw 3 closures done before it' "$out" ||
   fail "worker"
 grep -q '^  GetStringVal(camera, name)      = "front camera"' "$out" || fail "key file"
+grep -q '^   zel_log_install_crash_handler() = 0: installed' "$out" || fail "crash drain"
+grep -q '^   9 queued, 21 dropped at once' "$out" || fail "queue limit"
+grep -q 'zel log: 21 lines dropped (queue full)$' "$out" || fail "no drop notice"
+grep -q '^   after zel_set_log_retention(30, 0) and the next line, 20200101 is gone$' "$out" ||
+  fail "retention"
+grep -q '^   after Uninit() the receiver had 3 documents' "$out" || fail "HTTP delivery"
 grep -q '^== done$' "$out" || fail "did not finish"
 
 # The log directory: <work>/log/YYYYMMDD/ with the live file and the
-# rotated files that the rotation part keeps (3 files in all).
+# rotated files that the rotation part keeps (3 files in all); the earlier
+# run's day directory that the demonstration made is gone (retention).
 days=("$work"/log/*/)
 [ ${#days[@]} -eq 1 ] && [ -d "${days[0]}" ] || fail "not one day directory under $work/log"
 day="$(basename "${days[0]}")"
@@ -39,6 +46,8 @@ live=("${days[0]}"zel.log.zel_demo.exe.*.txt)
 [ ${#live[@]} -eq 1 ] && [ -f "${live[0]}" ] || fail "no live file in ${days[0]}"
 count="$(find "${days[0]}" -maxdepth 1 -type f -name 'zel.log.zel_demo.exe.*' | wc -l)"
 [ "$count" -eq 3 ] || fail "$count log files, 3 expected"
+[ ! -e "$work/log/20200101" ] || fail "retention left $work/log/20200101"
+grep -q 'zel log: 21 lines dropped (queue full)' "${live[0]}" || fail "no drop notice in the live file"
 # Lines are stored with Windows line ends.
 grep -q $'\r$' "${live[0]}" || fail "the live file has no CRLF line ends"
 grep -q 'Debug:' "${live[0]}" || fail "no log line in the live file"
