@@ -91,6 +91,10 @@ class Runner:
                     if not k.startswith("ZEL_") and k != "APPDATA"}
         self.env["PKG_CONFIG_PATH"] = os.path.join(prefix, "lib", "pkgconfig")
         self.env["CMAKE_PREFIX_PATH"] = prefix
+        # A home of the stage's own: what a block installs for "your user"
+        # (lnav's formats) stays out of the real one.
+        self.env["HOME"] = os.path.join(work, "home")
+        os.makedirs(self.env["HOME"], exist_ok=True)
 
     def fail(self, page, line, what, detail=""):
         self.failures += 1
