@@ -9,11 +9,11 @@
 #include <thread>
 #include <vector>
 
-#include "utils/log_crash.h"
-#include "utils/log_file.h"
+#include "utils/log/internal/crash_drain.h"
+#include "utils/log/internal/file_writer.h"
+#include "utils/log/internal/line_format.h"
+#include "utils/log/internal/retention.h"
 #include "utils/log_levelled_backend.h"
-#include "utils/log_line.h"
-#include "utils/log_retention.h"
 #include "utils/platform.h"
 
 namespace zel {

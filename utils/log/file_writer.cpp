@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "utils/log_file.h"
+#include "utils/log/internal/file_writer.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -9,8 +9,8 @@
 #include <limits>
 #include <mutex>
 
-#include "utils/log_crash.h"
-#include "utils/log_retention.h"
+#include "utils/log/internal/crash_drain.h"
+#include "utils/log/internal/retention.h"
 #include "utils/process_path.h"
 
 namespace zel {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "utils/log_retention.h"
+#include "utils/log/internal/retention.h"
 
 #include <algorithm>
 #include <atomic>

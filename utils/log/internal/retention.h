@@ -13,8 +13,8 @@
 // removed. Every removal is reported on standard output.
 //
 // Internal: this header is not installed.
-#ifndef ZEL_UTILS_LOG_RETENTION_H_
-#define ZEL_UTILS_LOG_RETENTION_H_
+#ifndef ZEL_UTILS_LOG_INTERNAL_RETENTION_H_
+#define ZEL_UTILS_LOG_INTERNAL_RETENTION_H_
 
 #include <cstdint>
 #include <string>
@@ -64,4 +64,4 @@ void unlockAfterFork();
 }  // namespace retention
 }  // namespace zel
 
-#endif  // ZEL_UTILS_LOG_RETENTION_H_
+#endif  // ZEL_UTILS_LOG_INTERNAL_RETENTION_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "utils/log_line.h"
+#include "utils/log/internal/line_format.h"
 
 #include <atomic>
 #include <cerrno>
@@ -14,7 +14,7 @@
 #include <string>
 #include <type_traits>
 
-#include "utils/log_crash.h"
+#include "utils/log/internal/crash_drain.h"
 #include "utils/logger.h"
 #include "utils/platform.h"
 

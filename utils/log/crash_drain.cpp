@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "utils/log_crash.h"
+#include "utils/log/internal/crash_drain.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "utils/log_retention.h"
+#include "utils/log/internal/retention.h"
 
 namespace zel {
 namespace crash {

@@ -11,8 +11,8 @@
 // The base directory and the current directory are process-wide, because
 // Logger::SetLogPath() and Logger::GetLogPath() work without a Logger; they
 // are guarded and may be used from any thread.
-#ifndef ZEL_UTILS_LOG_FILE_H_
-#define ZEL_UTILS_LOG_FILE_H_
+#ifndef ZEL_UTILS_LOG_INTERNAL_FILE_WRITER_H_
+#define ZEL_UTILS_LOG_INTERNAL_FILE_WRITER_H_
 
 #include <atomic>
 #include <cstddef>
@@ -174,4 +174,4 @@ class LogFile {
 
 }  // namespace zel
 
-#endif  // ZEL_UTILS_LOG_FILE_H_
+#endif  // ZEL_UTILS_LOG_INTERNAL_FILE_WRITER_H_
