@@ -637,7 +637,6 @@ void LineQueue::writeRecords(const char* text, const uint64_t* records, std::siz
   // starts; at->forwarded: records before it were handed to the backends.
   std::size_t& i = at->record;
   std::size_t& offset = at->offset;
-  std::size_t& forwarded = at->forwarded;
   while (i < count) {
     if ((records[i] & kRecordDropped) != 0) {
       writeDropNotice(records[i]);
@@ -659,65 +658,17 @@ void LineQueue::writeRecords(const char* text, const uint64_t* records, std::siz
       ++i;
       continue;
     }
-    const int64_t start = file.runPosition();
-    const int64_t maxSize = file.maxSize();
-    // Gather lines while the file would not have rotated before them had
-    // they been written one by one: the run is split where a line finds
-    // the file larger than the limit. An empty text (one that starts with
-    // a NUL) takes the failure path of its own and ends the run.
-    pieces_.clear();
-    runLines_.clear();
-    int64_t runBytes = 0;
-    std::size_t end = i;
-    std::size_t endOffset = offset;
-    bool emptyLine = false;
-    while (end < count && (records[end] & kRecordDropped) == 0) {
-      if (end > i && (start < 0 || start + runBytes > maxSize)) break;
-      const auto size = static_cast<std::size_t>(records[end] & kRecordValue);
-      const char* line = text + endOffset;
-      // The file gets the text up to its first NUL, as a C string.
-      const void* nul = std::memchr(line, '\0', size);
-      const std::size_t length =
-          nul != nullptr ? static_cast<std::size_t>(static_cast<const char*>(nul) - line) : size;
-      if (length == 0 && end > i) break;
-      if (end >= forwarded) {
-        // Counted at once, so that a run tried again after an exception
-        // does not hand the line to the backends twice.
-        forwarded = end + 1;
-        if ((records[end] & kRecordForward) != 0) {
-          forward(handle, line, size, recordLevel(records[end]));
-        }
-      }
-      endOffset += size;
-      ++end;
-      if (length == 0) {
-        emptyLine = true;
-        break;
-      }
-      if (!pieces_.empty() &&
-          static_cast<const char*>(pieces_.back().data) + pieces_.back().size == line) {
-        pieces_.back().size += length;
-      } else {
-        pieces_.push_back(platform::WriteBuffer{line, length});
-      }
-      // Counted as the file holds it (on Windows each '\n' takes "\r\n"),
-      // so that the run splits where the file's size passes the limit.
-      const std::size_t onDisk = platform::writtenLength(line, length);
-      runLines_.push_back(onDisk);
-      runBytes += static_cast<int64_t>(onDisk);
-    }
-    if (emptyLine) {
+    Progress end = *at;
+    if (!gatherRun(handle, text, records, count, &end, &at->forwarded)) {
       // What fprintf gives for an empty text: 0, a failure.
       logConsole("zel log write error,ret[%d] \n", 0);
       file.updateLogDir();
-      i = end;
-      offset = endOffset;
+      *at = end;
       continue;
     }
     std::size_t written = 0;
     if (file.writeRun(handle, pieces_.data(), pieces_.size(), &written) >= 0) {
-      i = end;
-      offset = endOffset;
+      *at = end;
       continue;
     }
     // The write failed inside line `i` + k: the lines before it are in the
@@ -734,6 +685,53 @@ void LineQueue::writeRecords(const char* text, const uint64_t* records, std::siz
     logConsole("zel log write error,ret[%d] \n", -1);
     file.updateLogDir();
   }
+}
+
+bool LineQueue::gatherRun(platform::FileHandle handle, const char* text, const uint64_t* records,
+                          std::size_t count, Progress* end, std::size_t* forwarded) {
+  const std::size_t first = end->record;
+  const int64_t start = file_->runPosition();
+  const int64_t maxSize = file_->maxSize();
+  // Gather lines while the file would not have rotated before them had
+  // they been written one by one: the run is split where a line finds
+  // the file larger than the limit. An empty text (one that starts with
+  // a NUL) takes the failure path of its own and ends the run.
+  pieces_.clear();
+  runLines_.clear();
+  int64_t runBytes = 0;
+  while (end->record < count && (records[end->record] & kRecordDropped) == 0) {
+    if (end->record > first && (start < 0 || start + runBytes > maxSize)) break;
+    const uint64_t record = records[end->record];
+    const auto size = static_cast<std::size_t>(record & kRecordValue);
+    const char* line = text + end->offset;
+    // The file gets the text up to its first NUL, as a C string.
+    const void* nul = std::memchr(line, '\0', size);
+    const std::size_t length =
+        nul != nullptr ? static_cast<std::size_t>(static_cast<const char*>(nul) - line) : size;
+    if (length == 0 && end->record > first) break;
+    if (end->record >= *forwarded) {
+      // Counted at once (in the caller's progress, not the run's), so that
+      // a run tried again after an exception does not hand the line to the
+      // backends twice.
+      *forwarded = end->record + 1;
+      if ((record & kRecordForward) != 0) forward(handle, line, size, recordLevel(record));
+    }
+    end->offset += size;
+    ++end->record;
+    if (length == 0) return false;
+    if (!pieces_.empty() &&
+        static_cast<const char*>(pieces_.back().data) + pieces_.back().size == line) {
+      pieces_.back().size += length;
+    } else {
+      pieces_.push_back(platform::WriteBuffer{line, length});
+    }
+    // Counted as the file holds it (on Windows each '\n' takes "\r\n"),
+    // so that the run splits where the file's size passes the limit.
+    const std::size_t onDisk = platform::writtenLength(line, length);
+    runLines_.push_back(onDisk);
+    runBytes += static_cast<int64_t>(onDisk);
+  }
+  return true;
 }
 
 }  // namespace zel

@@ -156,6 +156,108 @@ bool removeLogFile(platform::DirHandle holder, const std::string& dayName,
   return removed;
 }
 
+// One pass of apply(): the directory that holds the day directories (open),
+// the base's directory part (ending in a separator, or empty), the live
+// file, and what the pass found and removed so far.
+struct Sweep {
+  platform::DirHandle holder = platform::kNoFile;
+  std::string parent;
+  std::string livePath;
+  std::vector<Found> files;          // the log files that stay for now
+  std::vector<std::string> dayDirs;  // expired, or a file was removed from it
+  int removed = 0;
+};
+
+// Lists the log files of the day directory `entry` (dated `day`) into
+// sweep->files; when `expired`, removes them instead (the live file and
+// files another process holds stay, and count).
+void scanDay(Sweep* sweep, const platform::DirEntry& entry, int64_t day, bool expired) {
+  const std::string dir = sweep->parent + entry.name + "/";
+  platform::DirHandle dayDir = platform::kNoFile;
+  if (platform::openDirectoryAt(sweep->holder, entry.name.c_str(), &dayDir) !=
+      platform::DirCheck::kOk) {
+    return;
+  }
+  std::vector<platform::DirEntry> inside;
+  const bool listed = platform::listDirectoryAt(dayDir, &inside);
+  if (!listed) {
+    platform::closeDirectory(dayDir);
+    return;
+  }
+  for (const platform::DirEntry& file : inside) {
+    Found found;
+    if (!file.isFile || !parseLogFileName(file.name, &found.startTime, &found.index)) continue;
+    found.day = day;
+    found.dayName = entry.name;
+    found.name = file.name;
+    found.path = dir + file.name;
+    found.size = file.size;
+    if (found.path == sweep->livePath) {
+      sweep->files.push_back(found);  // counted, never removed
+      continue;
+    }
+    if (expired) {
+      if (platform::removeUnheldFileAt(dayDir, file.name.c_str()) == 0) {
+        report("file", found.path);
+        ++sweep->removed;
+      } else {
+        sweep->files.push_back(found);  // held by another process: it stays, and counts
+      }
+      continue;
+    }
+    sweep->files.push_back(found);
+  }
+  platform::closeDirectory(dayDir);
+  if (expired) sweep->dayDirs.push_back(entry.name);
+}
+
+// Removes the oldest of sweep->files (by date, start time, rotation index)
+// until they total at most `totalBytes`; never the live file.
+void trimToTotal(Sweep* sweep, int64_t totalBytes) {
+  std::vector<Found>& files = sweep->files;
+  int64_t total = 0;
+  for (const Found& f : files) total += f.size;
+  std::sort(files.begin(), files.end(), [](const Found& a, const Found& b) {
+    return std::tie(a.day, a.startTime, a.index, a.path) <
+           std::tie(b.day, b.startTime, b.index, b.path);
+  });
+  for (const Found& f : files) {
+    if (total <= totalBytes) break;
+    if (f.path == sweep->livePath) continue;
+    if (removeLogFile(sweep->holder, f.dayName, f.name)) {
+      report("file", f.path);
+      total -= f.size;
+      ++sweep->removed;
+      if (std::find(sweep->dayDirs.begin(), sweep->dayDirs.end(), f.dayName) ==
+          sweep->dayDirs.end()) {
+        sweep->dayDirs.push_back(f.dayName);
+      }
+    }
+  }
+}
+
+// Removes the day directories of sweep->dayDirs that are empty now, except
+// the live file's own.
+void removeEmptiedDays(Sweep* sweep) {
+  for (const std::string& name : sweep->dayDirs) {
+    const std::string dir = sweep->parent + name + "/";
+    if (sweep->livePath.compare(0, dir.size(), dir) == 0) continue;
+    platform::DirHandle dayDir = platform::kNoFile;
+    if (platform::openDirectoryAt(sweep->holder, name.c_str(), &dayDir) !=
+        platform::DirCheck::kOk) {
+      continue;
+    }
+    std::vector<platform::DirEntry> inside;
+    const bool empty = platform::listDirectoryAt(dayDir, &inside) && inside.empty();
+    platform::closeDirectory(dayDir);
+    if (!empty) continue;
+    if (platform::removeDirectoryAt(sweep->holder, name.c_str()) == 0) {
+      report("directory", dir);
+      ++sweep->removed;
+    }
+  }
+}
+
 }  // namespace
 
 int apply(const std::string& base, int days, int64_t totalBytes, const std::string& livePath,
@@ -167,106 +269,33 @@ int apply(const std::string& base, int days, int64_t totalBytes, const std::stri
   // is never entered, and a file that another process holds (its live file)
   // is never removed.
   const std::size_t cut = base.find_last_of("/\\");
-  const std::string parent = cut == std::string::npos ? std::string() : base.substr(0, cut + 1);
+  Sweep sweep;
+  sweep.parent = cut == std::string::npos ? std::string() : base.substr(0, cut + 1);
+  sweep.livePath = livePath;
   const std::string prefix = cut == std::string::npos ? base : base.substr(cut + 1);
-  std::string holderPath = parent.empty() ? std::string(".") : parent;
+  std::string holderPath = sweep.parent.empty() ? std::string(".") : sweep.parent;
   if (holderPath.size() > 1 && (holderPath.back() == '/' || holderPath.back() == '\\')) {
     holderPath.pop_back();
   }
-  platform::DirHandle holder = platform::kNoFile;
-  if (platform::openBaseDirectory(holderPath.c_str(), &holder) != platform::DirCheck::kOk) return 0;
-  std::vector<platform::DirEntry> entries;
-  if (!platform::listDirectoryAt(holder, &entries)) {
-    platform::closeDirectory(holder);
+  if (platform::openBaseDirectory(holderPath.c_str(), &sweep.holder) != platform::DirCheck::kOk) {
     return 0;
   }
-
-  int removed = 0;
-  std::vector<Found> files;
-  std::vector<std::string> dayDirs;  // expired, or a file was removed from it
+  std::vector<platform::DirEntry> entries;
+  if (!platform::listDirectoryAt(sweep.holder, &entries)) {
+    platform::closeDirectory(sweep.holder);
+    return 0;
+  }
   for (const platform::DirEntry& entry : entries) {
     int64_t day = 0;
     // lstat: a link named like a day directory is not one of ours.
     if (!entry.isDirectory || !parseDayDirName(entry.name, prefix, &day)) continue;
-    const std::string dir = parent + entry.name + "/";
-    platform::DirHandle dayDir = platform::kNoFile;
-    if (platform::openDirectoryAt(holder, entry.name.c_str(), &dayDir) != platform::DirCheck::kOk) {
-      continue;
-    }
-    std::vector<platform::DirEntry> inside;
-    const bool listed = platform::listDirectoryAt(dayDir, &inside);
-    if (!listed) {
-      platform::closeDirectory(dayDir);
-      continue;
-    }
-    const bool expired = days > 0 && today - day > days;
-    for (const platform::DirEntry& file : inside) {
-      Found found;
-      if (!file.isFile || !parseLogFileName(file.name, &found.startTime, &found.index)) continue;
-      found.day = day;
-      found.dayName = entry.name;
-      found.name = file.name;
-      found.path = dir + file.name;
-      found.size = file.size;
-      if (found.path == livePath) {
-        files.push_back(found);  // counted, never removed
-        continue;
-      }
-      if (expired) {
-        if (platform::removeUnheldFileAt(dayDir, file.name.c_str()) == 0) {
-          report("file", found.path);
-          ++removed;
-        } else {
-          files.push_back(found);  // held by another process: it stays, and counts
-        }
-        continue;
-      }
-      files.push_back(found);
-    }
-    platform::closeDirectory(dayDir);
-    if (expired) dayDirs.push_back(entry.name);
+    scanDay(&sweep, entry, day, days > 0 && today - day > days);
   }
-
-  if (totalBytes > 0) {
-    int64_t total = 0;
-    for (const Found& f : files) total += f.size;
-    std::sort(files.begin(), files.end(), [](const Found& a, const Found& b) {
-      return std::tie(a.day, a.startTime, a.index, a.path) <
-             std::tie(b.day, b.startTime, b.index, b.path);
-    });
-    for (const Found& f : files) {
-      if (total <= totalBytes) break;
-      if (f.path == livePath) continue;
-      if (removeLogFile(holder, f.dayName, f.name)) {
-        report("file", f.path);
-        total -= f.size;
-        ++removed;
-        if (std::find(dayDirs.begin(), dayDirs.end(), f.dayName) == dayDirs.end()) {
-          dayDirs.push_back(f.dayName);
-        }
-      }
-    }
-  }
-
+  if (totalBytes > 0) trimToTotal(&sweep, totalBytes);
   // Day directories emptied here go too, except the live file's own.
-  for (const std::string& name : dayDirs) {
-    const std::string dir = parent + name + "/";
-    if (livePath.compare(0, dir.size(), dir) == 0) continue;
-    platform::DirHandle dayDir = platform::kNoFile;
-    if (platform::openDirectoryAt(holder, name.c_str(), &dayDir) != platform::DirCheck::kOk) {
-      continue;
-    }
-    std::vector<platform::DirEntry> inside;
-    const bool empty = platform::listDirectoryAt(dayDir, &inside) && inside.empty();
-    platform::closeDirectory(dayDir);
-    if (!empty) continue;
-    if (platform::removeDirectoryAt(holder, name.c_str()) == 0) {
-      report("directory", dir);
-      ++removed;
-    }
-  }
-  platform::closeDirectory(holder);
-  return removed;
+  removeEmptiedDays(&sweep);
+  platform::closeDirectory(sweep.holder);
+  return sweep.removed;
 }
 
 }  // namespace retention

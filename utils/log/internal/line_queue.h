@@ -193,6 +193,14 @@ class LineQueue {
   // Writes the records of one block from `at` on, advancing `at` as they are
   // written; `text` holds the lines back to back.
   void writeRecords(const char* text, const uint64_t* records, std::size_t count, Progress* at);
+  // Gathers into pieces_ (and their lengths in the file into runLines_) the
+  // lines from `end` on that go into `handle` as one run, handing each to
+  // the backends first when it is to be forwarded (counted in
+  // `*forwarded` at once), and advances `end` past them. False when the run
+  // ended with an empty line (a text that starts with a NUL), which is not
+  // written and counts as a failed write.
+  bool gatherRun(platform::FileHandle handle, const char* text, const uint64_t* records,
+                 std::size_t count, Progress* end, std::size_t* forwarded);
   // Counts one exception caught on the writer thread and reports the first.
   void writerFailed() noexcept;
   // Writes the notice record `notice` (a count of dropped lines and their
