@@ -20,7 +20,6 @@ namespace {
 
 constexpr int kPrefixLine = 158;
 constexpr int kRenameErrorLine = 516;
-constexpr int kPathSize = LogFile::kPathSize;
 constexpr int32_t kDefaultMaxFileSize = 0x500000;
 constexpr int32_t kDefaultMaxFileCount = 10;
 constexpr int32_t kMaxFileCount = 256;
