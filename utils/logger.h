@@ -140,7 +140,6 @@ ZEL_API void zel_set_log_retention(int days, long long total_bytes);
 namespace zel {
 
 class LevelledBackend;
-class LogFile;
 
 // What happens to a line posted while the queue holds as much text as its
 // bound allows (Logger::SetQueueLimit()).
