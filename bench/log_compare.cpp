@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 
-// Same-run comparison of the zel log path with spdlog.
+// Same-run comparison of the zel log path with spdlog and, when the
+// benchmark is configured with ZEL_BENCH_QUILL_DIR, with quill.
 //
 // Every logger writes the same line: a prefix of month-day hh:mm:ss.mmm and
 // the thread id, then "[%s][%s %s %d] Debug:device %s attached vid=0x%04x
@@ -12,6 +13,10 @@
 //                every line (the reference of the caller figures)
 //   spdlog-1M    the same with a queue of 1,048,576 slots
 //   spdlog-sync  spdlog's synchronous file logger, flush on every line
+//   quill        quill (optional; bench/log_compare_quill.cpp): its
+//                defaults, a file opened with mode 'w', the buffer handed
+//                to the operating system whenever its backend runs out of
+//                work
 //
 // Every figure is measured for every logger in the same run, interleaved
 // (the order rotates with each repetition), and the medians over the
@@ -20,18 +25,21 @@
 //
 //   caller  the caller's cost of one call, paced so that no queue fills
 //           (200 calls, then a 2 ms pause), 1 and 2 threads: p50, p90, p99
-//           and p99.9 of every call of a repetition (zel and spdlog)
+//           and p99.9 of every call of a repetition (zel, spdlog, quill)
 //   e2e     lines per second from the first call until every line is
 //           written and flushed (spdlog: its thread pool joined and the file
-//           closed), 1 and 2 threads, every logger
+//           closed; quill: flush_log() and Backend::stop() returned), 1 and 2
+//           threads, every logger
 //   memory  peak resident memory of a process that logs a burst of 200,000
 //           lines as fast as it can and waits until they are written; each
-//           logger runs in its own child process (zel and spdlog)
+//           logger runs in its own child process (zel, spdlog, quill)
 //
 // Usage: zel_log_compare [--quick] [--reps N] [--data DIR]
 //   --quick  fewer calls per repetition (for CI: checks that it runs)
 //   --reps   repetitions, at least 5 (default 7)
 //   --data   also writes latency.dat and throughput.dat (gnuplot input)
+#include "bench/log_compare.h"
+
 #include <spdlog/async.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
@@ -54,14 +62,13 @@
 
 namespace {
 
+using zelbench::kDevice;
+using zelbench::kFile;
+using zelbench::kFunction;
+using zelbench::kLine;
+using zelbench::kTag;
+using zelbench::Side;
 using Clock = std::chrono::steady_clock;
-
-// The arguments of the line, the same for both loggers.
-constexpr const char* kTag = "";
-constexpr const char* kFile = "/device_monitor.cpp";
-constexpr const char* kFunction = "zel::DeviceMonitor::OnAttach";
-constexpr int kLine = 214;
-constexpr const char* kDevice = "usb-3.1-hub";
 
 struct Options {
   bool quick = false;
@@ -71,20 +78,6 @@ struct Options {
 
 std::string gScratch;  // ends in '/'
 int gSpdlogRun = 0;    // numbers the spdlog files of this process
-
-// One side of the comparison.
-class Side {
- public:
-  virtual ~Side() = default;
-  virtual const char* name() const = 0;
-  // Called once before the lines of a measurement.
-  virtual void open() = 0;
-  // Logs line `i` of the calling thread.
-  virtual void log(int i) = 0;
-  // Returns when every line logged so far is written and flushed (and, for
-  // spdlog, the file closed).
-  virtual void finish() = 0;
-};
 
 class ZelSide : public Side {
  public:
@@ -192,7 +185,14 @@ std::string Spread(std::vector<double> values, const char* format) {
   return std::string(med) + " [" + low + "-" + high + "]";
 }
 
-constexpr int kSides = 4;
+// The optional quill peer, or null when the benchmark is built without it.
+std::unique_ptr<Side> MakeQuill() {
+#ifdef ZEL_BENCH_HAVE_QUILL
+  return zelbench::MakeQuillSide(gScratch);
+#else
+  return nullptr;
+#endif
+}
 
 const double kPercentiles[] = {50, 90, 99, 99.9};
 constexpr int kNumPercentiles = 4;
@@ -254,9 +254,16 @@ long PeakKib() {
 // The child of the memory measurement: logs the burst, waits until it is
 // written and prints its peak resident memory in KiB.
 int BurstChild(const std::string& which, int lines) {
+  std::unique_ptr<Side> quill = MakeQuill();
   ZelSide zel;
   SpdlogSide spd("spdlog", 8192);
-  Side& side = which == "zel" ? static_cast<Side&>(zel) : static_cast<Side&>(spd);
+  Side* chosen = &spd;
+  if (which == "zel") chosen = &zel;
+  if (which == "quill") {
+    if (quill == nullptr) return 2;
+    chosen = quill.get();
+  }
+  Side& side = *chosen;
   side.open();
   for (int i = 0; i < lines; ++i) side.log(i);
   side.finish();
@@ -327,83 +334,114 @@ int main(int argc, char** argv) {
   SpdlogSide spd("spdlog", 8192);
   SpdlogSide spd1m("spdlog-1M", std::size_t{1} << 20);
   SpdlogSyncSide spdSync;
-  // zel first; the caller figures and the memory compare zel with sides[1].
-  Side* sides[kSides] = {&zel, &spd, &spd1m, &spdSync};
-  // Both loggers start their threads and open their files before timing.
+  std::unique_ptr<Side> quill = MakeQuill();
+  // zel first; every figure compares zel with the others. The caller cost
+  // and the memory are measured for the asynchronous peers of the common
+  // configuration (spdlog's 8,192-slot queue, quill).
+  std::vector<Side*> sides = {&zel, &spd, &spd1m, &spdSync};
+  std::vector<Side*> callers = {&zel, &spd};
+  if (quill != nullptr) {
+    sides.push_back(quill.get());
+    callers.push_back(quill.get());
+  }
+  const int nSides = static_cast<int>(sides.size());
+  const int nCallers = static_cast<int>(callers.size());
+  // Every logger starts its threads and opens its files before timing.
   zel.log(0);
   zel.finish();
 
-  std::printf("zel vs spdlog, every line flushed, %d repetitions, medians [lowest-highest]\n",
-              opt.reps);
+  std::printf("zel vs %s, every line flushed, %d repetitions, medians [lowest-highest]\n",
+              quill != nullptr ? "spdlog and quill" : "spdlog", opt.reps);
   std::printf("(a shared, noisy machine: compare the spreads, not only the medians)\n");
-  // [threads - 1][side][percentile] -> values of the repetitions
-  std::vector<double> caller[2][2][kNumPercentiles];
-  std::vector<double> e2e[2][kSides];
+  // [threads - 1][caller side][percentile] -> values of the repetitions
+  std::vector<std::vector<std::vector<double>>> caller[2];
+  std::vector<std::vector<double>> e2e[2];
+  for (int t = 0; t < 2; ++t) {
+    caller[t].assign(static_cast<std::size_t>(nCallers),
+                     std::vector<std::vector<double>>(kNumPercentiles));
+    e2e[t].assign(static_cast<std::size_t>(nSides), {});
+  }
   for (int rep = 0; rep < opt.reps; ++rep) {
     for (int threads = 1; threads <= 2; ++threads) {
-      for (int k = 0; k < 2; ++k) {
-        const int s = (k + rep) % 2;
-        const std::vector<double> p = CallerCost(*sides[s], threads, rounds);
+      for (int k = 0; k < nCallers; ++k) {
+        const int s = (k + rep) % nCallers;
+        const std::vector<double> p = CallerCost(*callers[s], threads, rounds);
         for (int q = 0; q < kNumPercentiles; ++q) caller[threads - 1][s][q].push_back(p[q]);
       }
-      for (int k = 0; k < kSides; ++k) {
-        const int s = (k + rep) % kSides;
+      for (int k = 0; k < nSides; ++k) {
+        const int s = (k + rep) % nSides;
         e2e[threads - 1][s].push_back(EndToEnd(*sides[s], threads, lines));
       }
     }
   }
 
   std::printf("\ncaller cost per call (ns), 200 calls then 2 ms pause:\n");
-  std::printf("%-8s %-8s %-22s %-22s %-22s %-22s\n", "threads", "logger", "p50", "p90", "p99",
+  std::printf("%-8s %-12s %-22s %-22s %-22s %-22s\n", "threads", "logger", "p50", "p90", "p99",
               "p99.9");
-  double med[2][2][kNumPercentiles];
+  // [threads - 1][caller side][percentile] -> median
+  std::vector<std::vector<double>> med[2];
   for (int t = 0; t < 2; ++t) {
-    for (int s = 0; s < 2; ++s) {
-      std::printf("%-8d %-8s", t + 1, sides[s]->name());
+    for (int s = 0; s < nCallers; ++s) {
+      std::printf("%-8d %-12s", t + 1, callers[s]->name());
+      med[t].emplace_back();
       for (int q = 0; q < kNumPercentiles; ++q) {
-        med[t][s][q] = Median(caller[t][s][q]);
+        med[t][s].push_back(Median(caller[t][s][q]));
         std::printf(" %-22s", Spread(caller[t][s][q], "%.0f").c_str());
       }
       std::printf("\n");
     }
-    std::printf("%-8d %-8s %-22.2f %-22.2f %-22.2f %-22.2f\n", t + 1, "ratio",
-                med[t][0][0] / med[t][1][0], med[t][0][1] / med[t][1][1],
-                med[t][0][2] / med[t][1][2], med[t][0][3] / med[t][1][3]);
+    for (int s = 1; s < nCallers; ++s) {
+      const std::string label = std::string("zel/") + callers[s]->name();
+      std::printf("%-8d %-12s", t + 1, label.c_str());
+      for (int q = 0; q < kNumPercentiles; ++q)
+        std::printf(" %-22.2f", med[t][0][q] / med[t][s][q]);
+      std::printf("\n");
+    }
   }
 
   std::printf("\nend to end, %d lines, flush after every line (lines/s):\n", lines);
   std::printf("%-8s %-12s %-26s %s\n", "threads", "logger", "lines/s", "zel/logger");
-  double rate[2][kSides];
+  std::vector<double> rate[2];
   for (int t = 0; t < 2; ++t) {
-    for (int s = 0; s < kSides; ++s) rate[t][s] = Median(e2e[t][s]);
-    for (int s = 0; s < kSides; ++s) {
+    for (int s = 0; s < nSides; ++s) rate[t].push_back(Median(e2e[t][s]));
+    for (int s = 0; s < nSides; ++s) {
       std::printf("%-8d %-12s %-26s %.2f\n", t + 1, sides[s]->name(),
                   Spread(e2e[t][s], "%.0f").c_str(), rate[t][0] / rate[t][s]);
     }
   }
 
-  std::vector<double> mem[2];
+  std::vector<std::vector<double>> mem(static_cast<std::size_t>(nCallers));
   const int memReps = opt.quick ? 1 : opt.reps;
   for (int rep = 0; rep < memReps; ++rep) {
-    for (int k = 0; k < 2; ++k) {
-      const int s = (k + rep) % 2;
-      mem[s].push_back(PeakMemory(argv[0], sides[s]->name(), burst));
+    for (int k = 0; k < nCallers; ++k) {
+      const int s = (k + rep) % nCallers;
+      mem[s].push_back(PeakMemory(argv[0], callers[s]->name(), burst));
     }
   }
-  const double memZel = Median(mem[0]);
-  const double memSpd = Median(mem[1]);
+  std::vector<double> memMed;
+  for (const auto& values : mem) memMed.push_back(Median(values));
   std::printf("\npeak resident memory, burst of %d lines (MiB):\n", burst);
-  std::printf("%-22s %-22s %8s\n", "zel", "spdlog", "ratio");
-  std::printf("%-22s %-22s %8.2f\n", Spread(mem[0], "%.1f").c_str(), Spread(mem[1], "%.1f").c_str(),
-              memZel / memSpd);
+  for (int s = 0; s < nCallers; ++s) std::printf("%-22s ", callers[s]->name());
+  std::printf("\n");
+  for (int s = 0; s < nCallers; ++s) std::printf("%-22s ", Spread(mem[s], "%.1f").c_str());
+  std::printf("\n");
+  for (int s = 1; s < nCallers; ++s)
+    std::printf("zel/%s %.2f\n", callers[s]->name(), memMed[0] / memMed[s]);
 
   if (!opt.data.empty()) {
+    // Columns: zel and spdlog at 1 and 2 threads, then each further peer at
+    // 1 and 2 threads.
     std::ofstream lat(opt.data + "/latency.dat");
-    lat << "# percentile zel_1t spdlog_1t zel_2t spdlog_2t (ns)\n";
+    lat << "# percentile zel_1t spdlog_1t zel_2t spdlog_2t";
+    for (int s = 2; s < nCallers; ++s)
+      lat << " " << callers[s]->name() << "_1t " << callers[s]->name() << "_2t";
+    lat << " (ns)\n";
     const char* labels[] = {"p50", "p90", "p99", "p99.9"};
     for (int q = 0; q < kNumPercentiles; ++q) {
       lat << labels[q] << " " << med[0][0][q] << " " << med[0][1][q] << " " << med[1][0][q] << " "
-          << med[1][1][q] << "\n";
+          << med[1][1][q];
+      for (int s = 2; s < nCallers; ++s) lat << " " << med[0][s][q] << " " << med[1][s][q];
+      lat << "\n";
     }
     std::ofstream thr(opt.data + "/throughput.dat");
     thr << "# threads";
@@ -411,12 +449,19 @@ int main(int argc, char** argv) {
     thr << " (lines/s)\n";
     for (int t = 0; t < 2; ++t) {
       thr << (t == 0 ? "\"1 thread\"" : "\"2 threads\"");
-      for (int s = 0; s < kSides; ++s) thr << " " << rate[t][s];
+      for (int s = 0; s < nSides; ++s) thr << " " << rate[t][s];
       thr << "\n";
     }
     std::ofstream mf(opt.data + "/memory.dat");
-    mf << "# zel spdlog (MiB)\n" << memZel << " " << memSpd << "\n";
+    mf << "#";
+    for (Side* side : callers) mf << " " << side->name();
+    mf << " (MiB)\n";
+    for (double value : memMed) mf << value << " ";
+    mf << "\n";
   }
   RemoveScratch();
-  return memZel < 0 || memSpd < 0 ? 1 : 0;
+  for (double value : memMed) {
+    if (value < 0) return 1;
+  }
+  return 0;
 }

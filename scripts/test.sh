@@ -21,6 +21,9 @@ if grep -rn '_WIN32' utils --include='*.cpp' --include='*.h' |
   exit 1
 fi
 
+# No function of the libraries is longer than 80 lines of code.
+python3 scripts/function-lengths.py --max 80 utils tracer
+
 # Every source file names its licence.
 bash scripts/license-headers.sh
 

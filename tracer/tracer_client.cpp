@@ -1040,22 +1040,32 @@ class HttpSender {
     lock.lock();
   }
 
-  // The sender thread: waits until a batch is full or its first document
-  // has waited ZEL_TRACE_BATCH_DELAY_MS, then sends it until every document
-  // in it is delivered or rejected, splitting a batch whose content the
-  // service refuses and backing off while the service is unreachable,
-  // until close() asks it to stop and the queue is empty or the deadline
-  // has passed.
-  void run() {
-    CURL* easy = curl_easy_init();
-    CURLM* multi = curl_multi_init();
-    // Header lists, by [several documents][compressed body]: one document
-    // goes as JSON, several as newline-delimited JSON, and a compressed
-    // body says so (with gzip on, a body that zlib failed on goes plain).
+  // The sender thread's state across batches: the wait before the next
+  // try, and what was said or tried already.
+  struct SendState {
+    long backoffMs;
+    bool drainTried = false;     // the immediate try after deregister() was made
+    bool permanentSaid = false;  // the permanent failure has been reported
+  };
+
+  // The sender thread's transfer: one easy handle, one multi handle and the
+  // header lists, by [several documents][compressed body].
+  struct Transport {
+    CURL* easy = nullptr;
+    CURLM* multi = nullptr;
     curl_slist* headers[2][2] = {{nullptr, nullptr}, {nullptr, nullptr}};
+  };
+
+  // Makes the sender thread's transfer: one document goes as JSON, several
+  // as newline-delimited JSON, and a compressed body says so (with gzip on,
+  // a body that zlib failed on goes plain). A handle that cannot be made is
+  // null (every try then counts as unreachable).
+  void openTransport(Transport* t) {
+    t->easy = curl_easy_init();
+    t->multi = curl_multi_init();
     for (int several = 0; several < 2; ++several) {
       for (int compressed = 0; compressed < 2; ++compressed) {
-        curl_slist*& list = headers[several][compressed];
+        curl_slist*& list = t->headers[several][compressed];
         list = curl_slist_append(list, several != 0 ? "Content-Type: application/x-ndjson"
                                                     : "Content-Type: application/json");
         // Without this, libcurl waits up to a second for "100 Continue"
@@ -1065,163 +1075,52 @@ class HttpSender {
         if (compressed != 0) list = curl_slist_append(list, "Content-Encoding: gzip");
       }
     }
-    if (easy != nullptr) {
-      curl_easy_setopt(easy, CURLOPT_URL, url_.c_str());
-      curl_easy_setopt(easy, CURLOPT_POST, 1L);
-      curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-      curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, settings_.connectTimeoutMs);
-      curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, settings_.timeoutMs);
-      curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &discardBody);
-      // A redirect is an answer like any other non-2xx one: the documents
-      // are never sent on to wherever it points.
-      curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
-      curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorText_);
-      // A privileged process does not let whoever started it route its
-      // documents through a proxy of his choice: the empty proxy turns off
-      // the proxy variables of the environment (http_proxy, HTTPS_PROXY,
-      // ALL_PROXY, NO_PROXY).
-      if (zel_tracer_detail::isPrivilegedProcess()) {
-        curl_easy_setopt(easy, CURLOPT_PROXY, "");
-        curl_easy_setopt(easy, CURLOPT_NOPROXY, "*");
-      }
+    CURL* easy = t->easy;
+    if (easy == nullptr) return;
+    curl_easy_setopt(easy, CURLOPT_URL, url_.c_str());
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, settings_.connectTimeoutMs);
+    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, settings_.timeoutMs);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &discardBody);
+    // A redirect is an answer like any other non-2xx one: the documents
+    // are never sent on to wherever it points.
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorText_);
+    // A privileged process does not let whoever started it route its
+    // documents through a proxy of his choice: the empty proxy turns off
+    // the proxy variables of the environment (http_proxy, HTTPS_PROXY,
+    // ALL_PROXY, NO_PROXY).
+    if (zel_tracer_detail::isPrivilegedProcess()) {
+      curl_easy_setopt(easy, CURLOPT_PROXY, "");
+      curl_easy_setopt(easy, CURLOPT_NOPROXY, "*");
     }
+  }
 
-    long backoffMs = settings_.retryMs;
-    bool drainTried = false;     // the immediate try after deregister() was made
-    bool permanentSaid = false;  // the permanent failure has been reported
+  static void closeTransport(Transport* t) {
+    if (t->multi != nullptr) curl_multi_cleanup(t->multi);
+    if (t->easy != nullptr) curl_easy_cleanup(t->easy);
+    for (auto& row : t->headers) {
+      for (curl_slist* list : row) curl_slist_free_all(list);
+    }
+  }
+
+  // The sender thread: waits until a batch is full or its first document
+  // has waited ZEL_TRACE_BATCH_DELAY_MS, then sends it until every document
+  // in it is delivered or rejected, splitting a batch whose content the
+  // service refuses and backing off while the service is unreachable,
+  // until close() asks it to stop and the queue is empty or the deadline
+  // has passed.
+  void run() {
+    Transport transport;
+    openTransport(&transport);
+    SendState state{settings_.retryMs};
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-      writeOverflow(lock);
-      loadSpool(lock);
-      // Idle, the thread still says the drops counted elsewhere (full
-      // queues) once their second has passed, writes what overflows to the
-      // spool, and looks for spool files.
-      while (!wake_.wait_for(lock, std::chrono::seconds(1), [this] {
-        return stopping_.load() || !queue_.empty() || !overflow_.empty();
-      })) {
-        lock.unlock();
-        DropReports::instance().sayDue();
-        lock.lock();
-        loadSpool(lock);
-      }
-      writeOverflow(lock);
-      if (queue_.empty()) {
-        if (stopping_.load()) break;
-        continue;
-      }
-      if (stopping_.load() && Clock::now() >= deadline_) break;
-      // Let the batch fill, for at most the delay from its first
-      // document's post; deregister() sends at once.
-      if (!stopping_.load() && !batchFull()) {
-        const Clock::time_point sendAt =
-            queue_.front().queued + std::chrono::milliseconds(settings_.batchDelayMs);
-        wake_.wait_until(lock, sendAt, [this] { return stopping_.load() || batchFull(); });
-      }
-
-      const std::vector<const std::string*> texts = takeBatch();
-      // The batch's pieces still to send, in order; a piece the service
-      // refuses for its content is replaced by its two halves.
-      std::deque<Piece> pieces{Piece{0, texts.size()}};
-      bool gaveUp = false;
-      bool again500 = false;  // the front piece was answered 500 last time
-      while (!pieces.empty()) {
-        const Piece piece = pieces.front();
-        lock.unlock();
-        const Body body = bodyOf(texts, piece);
-        curl_slist* bodyHeaders = headers[body.count > 1 ? 1 : 0][body.compressed ? 1 : 0];
-        const Outcome outcome = (easy != nullptr && multi != nullptr)
-                                    ? transfer(easy, multi, bodyHeaders, body.bytes)
-                                    : Outcome::kRetry;
-        lock.lock();
-        if (outcome == Outcome::kAborted) {
-          gaveUp = true;
-          break;
-        }
-        if (outcome == Outcome::kPermanent) {
-          const bool said = !permanentSaid;
-          if (!permanentSaid) {
-            report(std::to_string(piece.count) + " document(s) dropped: " + shownUrl_ + ": " +
-                   curl_easy_strerror(lastError_) +
-                   " (later documents that fail so are only counted)");
-            permanentSaid = true;
-          }
-          pieces.pop_front();
-          lock.unlock();
-          DropReports::instance().add(
-              std::string("transport error: ") + curl_easy_strerror(lastError_), piece.count, said);
-          lock.lock();
-          continue;
-        }
-        const Verdict verdict = outcome == Outcome::kAnswered
-                                    ? verdictOf(lastStatus_, piece.count, again500)
-                                    : Verdict::kRetry;
-        again500 =
-            verdict == Verdict::kRetry && outcome == Outcome::kAnswered && lastStatus_ == 500;
-        if (verdict == Verdict::kDelivered) {
-          pieces.pop_front();
-          tlsFailureSaid_ = false;
-          lastSuccess_ = Clock::now();
-          backoffMs = settings_.retryMs;
-          continue;
-        }
-        if (verdict == Verdict::kContent && piece.count > 1) {
-          pieces.pop_front();
-          const std::size_t half = piece.count / 2;
-          pieces.push_front(Piece{piece.first + half, piece.count - half});
-          pieces.push_front(Piece{piece.first, half});
-          continue;
-        }
-        if (verdict == Verdict::kContent || verdict == Verdict::kRejected) {
-          pieces.pop_front();
-          rejectDocuments(texts, piece, lastStatus_, lock);
-          backoffMs = settings_.retryMs;
-          continue;
-        }
-        // Unreachable, or an outage: wait before trying the same piece
-        // again, at least as long as the service asked (Retry-After on 429
-        // and 503). Once deregister() has been called, the next try comes
-        // at once (a wait that runs then is cut short), and later waits end
-        // at the deadline.
-        if (stopping_.load() && Clock::now() >= deadline_) {
-          gaveUp = true;
-          break;
-        }
-        // What overflows meanwhile goes to the spool.
-        writeOverflow(lock);
-        const long waitMs = std::max(backoffMs, retryAfterMs_);
-        const auto retryAt = Clock::now() + std::chrono::milliseconds(waitMs);
-        if (!stopping_.load()) {
-          wake_.wait_until(lock, retryAt, [this] { return stopping_.load(); });
-          if (stopping_.load()) drainTried = true;
-        } else if (!drainTried && retryAfterMs_ == 0) {
-          drainTried = true;
-          continue;
-        } else {
-          drainTried = true;
-          wake_.wait_until(lock, std::min(retryAt, deadline_));
-        }
-        backoffMs = std::min(backoffMs * 2, settings_.retryMaxMs);
-        if (stopping_.load() && Clock::now() >= deadline_) {
-          gaveUp = true;
-          break;
-        }
-      }
-      // The pieces left are the documents given up at the deadline: kept
-      // in the spool, or counted.
-      std::vector<const std::string*> left;
-      const std::size_t spooled = pieces.empty() ? 0 : giveBackClaim();
-      for (const Piece& p : pieces) {
-        for (std::size_t i = p.first; i < p.first + p.count; ++i) {
-          if (i >= spooled) left.push_back(texts[i]);
-        }
-      }
-      if (!left.empty()) {
-        lock.unlock();
-        keepOrCount(left, "deregistration deadline passed");
-        lock.lock();
-      }
-      dropFront(texts.size());
-      if (gaveUp || (stopping_.load() && Clock::now() >= deadline_)) break;
+      const Next next = waitForBatch(lock);
+      if (next == Next::kStop) break;
+      if (next == Next::kWait) continue;
+      if (!sendBatch(transport, &state, lock)) break;
     }
     // What is left could not be sent in time: kept in the spool, or
     // counted.
@@ -1238,11 +1137,160 @@ class HttpSender {
     dropFront(queue_.size());
     lock.unlock();
     DropReports::instance().sayAll();
+    closeTransport(&transport);
+  }
 
-    if (multi != nullptr) curl_multi_cleanup(multi);
-    if (easy != nullptr) curl_easy_cleanup(easy);
-    for (auto& row : headers) {
-      for (curl_slist* list : row) curl_slist_free_all(list);
+  // What the sender thread does after waitForBatch().
+  enum class Next { kSend, kWait, kStop };
+
+  // Waits (with `lock` held, released meanwhile) for documents and lets the
+  // batch fill, for at most the delay from its first document's post
+  // (deregister() sends at once). kWait: no documents yet, wait again;
+  // kStop: stopping with an empty queue or past the deadline.
+  Next waitForBatch(std::unique_lock<std::mutex>& lock) {
+    writeOverflow(lock);
+    loadSpool(lock);
+    // Idle, the thread still says the drops counted elsewhere (full
+    // queues) once their second has passed, writes what overflows to the
+    // spool, and looks for spool files.
+    while (!wake_.wait_for(lock, std::chrono::seconds(1), [this] {
+      return stopping_.load() || !queue_.empty() || !overflow_.empty();
+    })) {
+      lock.unlock();
+      DropReports::instance().sayDue();
+      lock.lock();
+      loadSpool(lock);
+    }
+    writeOverflow(lock);
+    if (queue_.empty()) return stopping_.load() ? Next::kStop : Next::kWait;
+    if (stopping_.load() && Clock::now() >= deadline_) return Next::kStop;
+    if (!stopping_.load() && !batchFull()) {
+      const Clock::time_point sendAt =
+          queue_.front().queued + std::chrono::milliseconds(settings_.batchDelayMs);
+      wake_.wait_until(lock, sendAt, [this] { return stopping_.load() || batchFull(); });
+    }
+    return Next::kSend;
+  }
+
+  // Sends the batch at the front of the queue (`lock` held, released while
+  // a piece is sent) until every document in it is delivered, rejected or
+  // given up at the deadline, and takes it off the queue. False when the
+  // sender thread is to stop.
+  bool sendBatch(const Transport& transport, SendState* state, std::unique_lock<std::mutex>& lock) {
+    const std::vector<const std::string*> texts = takeBatch();
+    // The batch's pieces still to send, in order; a piece the service
+    // refuses for its content is replaced by its two halves.
+    std::deque<Piece> pieces{Piece{0, texts.size()}};
+    bool gaveUp = false;
+    bool again500 = false;  // the front piece was answered 500 last time
+    while (!pieces.empty()) {
+      const Piece piece = pieces.front();
+      lock.unlock();
+      const Body body = bodyOf(texts, piece);
+      curl_slist* bodyHeaders = transport.headers[body.count > 1 ? 1 : 0][body.compressed ? 1 : 0];
+      const Outcome outcome =
+          (transport.easy != nullptr && transport.multi != nullptr)
+              ? transfer(transport.easy, transport.multi, bodyHeaders, body.bytes)
+              : Outcome::kRetry;
+      lock.lock();
+      if (outcome == Outcome::kAborted) {
+        gaveUp = true;
+        break;
+      }
+      if (outcome == Outcome::kPermanent) {
+        const bool said = !state->permanentSaid;
+        if (!state->permanentSaid) {
+          report(std::to_string(piece.count) + " document(s) dropped: " + shownUrl_ + ": " +
+                 curl_easy_strerror(lastError_) +
+                 " (later documents that fail so are only counted)");
+          state->permanentSaid = true;
+        }
+        pieces.pop_front();
+        lock.unlock();
+        DropReports::instance().add(
+            std::string("transport error: ") + curl_easy_strerror(lastError_), piece.count, said);
+        lock.lock();
+        continue;
+      }
+      const Verdict verdict = outcome == Outcome::kAnswered
+                                  ? verdictOf(lastStatus_, piece.count, again500)
+                                  : Verdict::kRetry;
+      again500 = verdict == Verdict::kRetry && outcome == Outcome::kAnswered && lastStatus_ == 500;
+      if (verdict == Verdict::kDelivered) {
+        pieces.pop_front();
+        tlsFailureSaid_ = false;
+        lastSuccess_ = Clock::now();
+        state->backoffMs = settings_.retryMs;
+        continue;
+      }
+      if (verdict == Verdict::kContent && piece.count > 1) {
+        pieces.pop_front();
+        const std::size_t half = piece.count / 2;
+        pieces.push_front(Piece{piece.first + half, piece.count - half});
+        pieces.push_front(Piece{piece.first, half});
+        continue;
+      }
+      if (verdict == Verdict::kContent || verdict == Verdict::kRejected) {
+        pieces.pop_front();
+        rejectDocuments(texts, piece, lastStatus_, lock);
+        state->backoffMs = settings_.retryMs;
+        continue;
+      }
+      const Retry retry = waitBeforeRetry(state, lock);
+      if (retry == Retry::kGiveUp) {
+        gaveUp = true;
+        break;
+      }
+    }
+    giveUpPieces(texts, pieces, lock);
+    dropFront(texts.size());
+    return !(gaveUp || (stopping_.load() && Clock::now() >= deadline_));
+  }
+
+  // What sendBatch() does after waitBeforeRetry().
+  enum class Retry { kAgain, kGiveUp };
+
+  // Unreachable, or an outage: waits before trying the same piece again,
+  // at least as long as the service asked (Retry-After on 429 and 503).
+  // Once deregister() has been called, the next try comes at once (a wait
+  // that runs then is cut short), and later waits end at the deadline.
+  // kGiveUp once the deadline has passed.
+  Retry waitBeforeRetry(SendState* state, std::unique_lock<std::mutex>& lock) {
+    if (stopping_.load() && Clock::now() >= deadline_) return Retry::kGiveUp;
+    // What overflows meanwhile goes to the spool.
+    writeOverflow(lock);
+    const long waitMs = std::max(state->backoffMs, retryAfterMs_);
+    const auto retryAt = Clock::now() + std::chrono::milliseconds(waitMs);
+    if (!stopping_.load()) {
+      wake_.wait_until(lock, retryAt, [this] { return stopping_.load(); });
+      if (stopping_.load()) state->drainTried = true;
+    } else if (!state->drainTried && retryAfterMs_ == 0) {
+      state->drainTried = true;
+      return Retry::kAgain;
+    } else {
+      state->drainTried = true;
+      wake_.wait_until(lock, std::min(retryAt, deadline_));
+    }
+    state->backoffMs = std::min(state->backoffMs * 2, settings_.retryMaxMs);
+    if (stopping_.load() && Clock::now() >= deadline_) return Retry::kGiveUp;
+    return Retry::kAgain;
+  }
+
+  // The pieces left are the documents given up at the deadline: kept in
+  // the spool, or counted. `lock` held (released meanwhile).
+  void giveUpPieces(const std::vector<const std::string*>& texts, const std::deque<Piece>& pieces,
+                    std::unique_lock<std::mutex>& lock) {
+    std::vector<const std::string*> left;
+    const std::size_t spooled = pieces.empty() ? 0 : giveBackClaim();
+    for (const Piece& p : pieces) {
+      for (std::size_t i = p.first; i < p.first + p.count; ++i) {
+        if (i >= spooled) left.push_back(texts[i]);
+      }
+    }
+    if (!left.empty()) {
+      lock.unlock();
+      keepOrCount(left, "deregistration deadline passed");
+      lock.lock();
     }
   }
 

@@ -44,13 +44,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <functional>
-#include <list>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
-#include <vector>
 
 #include "utils/export.h"
 #include "utils/looper.h"
@@ -144,7 +140,6 @@ ZEL_API void zel_set_log_retention(int days, long long total_bytes);
 namespace zel {
 
 class LevelledBackend;
-class LogFile;
 
 // What happens to a line posted while the queue holds as much text as its
 // bound allows (Logger::SetQueueLimit()).
@@ -293,13 +288,6 @@ class ZEL_API Logger : public LogBackend {
   uint64_t BackendFailures() const;
 
  private:
-  // The writer channel: the Looper whose thread writes, and the handler that
-  // every posted line carries. The handler is destroyed before the Looper.
-  struct Writer {
-    std::unique_ptr<Looper> looper;
-    std::function<void(LogInfo*)> handler;
-  };
-
   Logger();
   ~Logger() override;
   Logger(const Logger&) = delete;
@@ -309,52 +297,37 @@ class ZEL_API Logger : public LogBackend {
   // that cannot be created is tried again by the next line). Returns 0.
   int init();
 
-  // The lines on their way to the writer thread and the writer's work on
-  // them (defined in logger.cpp; not exported).
-  class ZEL_LOCAL LineQueue;
-
   // Queues the line `text` of `size` bytes for the writer thread; the common
   // part of Log() and log_print().
   void postLine(const char* text, std::size_t size, int level, bool forward);
 
-  // Writes one line: the write handler, run on the writer thread.
+  // Writes one line on the writer thread, as a run of its own.
   void writeLog(LogInfo* info);
   // Writes the line `text` of `size` bytes (terminated after them), logged
   // at `level`; what writeLog() does, without a LogInfo.
   void writeLine(const char* text, std::size_t size, int level, bool forward);
 
-  // Log-file operations, carried out by the log file writer (mLogFile); all
-  // run on the writer thread (or in init()).
-  // Returns the effective directory, recomputing it when the day changed.
+  // Log-file operations of the log file writer, kept under the names the
+  // library has always exported; not used by the library itself.
+  // The effective directory, recomputed when the day changed.
   std::string getPrefix();
   // Computes the directory with getPrefix() and creates its missing levels.
   void UpdateLogDir();
-  // Returns the file to write to (an operating-system handle), rotating
-  // first when needed; -1 when no file can be opened.
+  // The file to write to (an operating-system handle), rotating first when
+  // needed; -1 when no file can be opened.
   std::intptr_t getFile();
-  // The file choice of the write handler: getFile() or standard error.
+  // getFile(), or standard error while init() runs.
   std::intptr_t getLogFp();
-  // Same as the directory part of init(); returns 0. Not used by the
-  // library itself.
+  // Same as the directory part of init(); returns 0.
   int logFileInit();
   // Deletes the rotated file that falls out of the kept count once the
   // rotation index has reached `index`.
   void updateLogFile(unsigned char index);
 
-  std::shared_mutex mBackendLock;  // guards mBackends
-  bool mToFile;                    // false only while init() runs
-  FILE* mFp;                       // never set; closed by the destructor
-  // The log file writer: directory, file names, live file, rotation.
-  std::unique_ptr<LogFile> mLogFile;
-  // The queued lines; destroyed after the writer thread has stopped.
-  std::unique_ptr<LineQueue> mQueue;
-  std::unique_ptr<Writer> mWriter;
-  std::list<LogBackend*> mBackends;  // guarded by mBackendLock; not owned
-  // For each of mBackends, in the same order: the backend itself when it is
-  // a LevelledBackend (handed each line's level), else null. Guarded by
-  // mBackendLock.
-  std::vector<LevelledBackend*> mLevelled;
-  std::atomic<uint64_t> mBackendFailures{0};  // exceptions thrown by backends
+  // The Logger's parts (utils/log/internal/): the log file writer, the
+  // registered backends and the line queue with its writer thread.
+  struct Parts;
+  std::unique_ptr<Parts> mParts;
 
   static std::atomic<Logger*> sLogger;
   static std::mutex sMutex;  // serialises creation

@@ -11,8 +11,8 @@
 // The base directory and the current directory are process-wide, because
 // Logger::SetLogPath() and Logger::GetLogPath() work without a Logger; they
 // are guarded and may be used from any thread.
-#ifndef ZEL_UTILS_LOG_FILE_H_
-#define ZEL_UTILS_LOG_FILE_H_
+#ifndef ZEL_UTILS_LOG_INTERNAL_FILE_WRITER_H_
+#define ZEL_UTILS_LOG_INTERNAL_FILE_WRITER_H_
 
 #include <atomic>
 #include <cstddef>
@@ -121,11 +121,20 @@ class LogFile {
   // directory in `*day`; false when either is missing or unsafe, reported
   // through refuse() when `report` is set.
   bool openDayDirectory(const std::string& dayDir, bool report, platform::DirHandle* day);
+  // The steps of getFile() with a live file open. Decides whether it
+  // rotates: larger than the limit, a change of day, or no regular file at
+  // its name any more; also records the run position (runPosition()) and
+  // the file's position.
+  bool rotationDue();
+  // Closes the live file and renames it to the next rotation index in its
+  // day directory, then deletes the file that falls out of the kept count.
+  void rotate();
+  // Chooses the directory again, names the live file and opens it (with its
+  // day directory, both checked); kNoFile when it cannot be opened.
+  platform::FileHandle openNewLiveFile();
   // Opens the live file mFileName in mDayDir and holds it against the
   // retention of other processes. kNoFile when it cannot be opened.
   platform::FileHandle openLiveFile();
-  // The file name part of `path` (after its last '/' or '\\').
-  static const char* fileNameOf(const char* path);
   // Records a refusal of `path` and reports it once.
   void refuse(const std::string& path, platform::DirCheck check);
   // True while mFile still is the file this writer opened: a process may
@@ -174,4 +183,4 @@ class LogFile {
 
 }  // namespace zel
 
-#endif  // ZEL_UTILS_LOG_FILE_H_
+#endif  // ZEL_UTILS_LOG_INTERNAL_FILE_WRITER_H_

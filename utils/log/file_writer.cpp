@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "utils/log_file.h"
+#include "utils/log/internal/file_writer.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -9,8 +9,9 @@
 #include <limits>
 #include <mutex>
 
-#include "utils/log_crash.h"
-#include "utils/log_retention.h"
+#include "utils/log/internal/crash_drain.h"
+#include "utils/log/internal/file_names.h"
+#include "utils/log/internal/retention.h"
 #include "utils/process_path.h"
 
 namespace zel {
@@ -19,7 +20,6 @@ namespace {
 
 constexpr int kPrefixLine = 158;
 constexpr int kRenameErrorLine = 516;
-constexpr int kPathSize = LogFile::kPathSize;
 constexpr int32_t kDefaultMaxFileSize = 0x500000;
 constexpr int32_t kDefaultMaxFileCount = 10;
 constexpr int32_t kMaxFileCount = 256;
@@ -37,19 +37,6 @@ struct DirectoryTexts {
 DirectoryTexts& directoryTexts() {
   static DirectoryTexts* texts = new DirectoryTexts;
   return *texts;
-}
-
-// Writes into `buf` (kPathSize bytes, zero-filled by the caller) the first
-// `dirLen` characters of `dir` followed by the file name "zel.log.<name>.
-// <start>.<suffix>"; everything is cut to fit and the result is terminated.
-void buildLogFilePath(char* buf, const std::string& dir, uint64_t dirLen, const std::string& name,
-                      const std::string& start, const char* suffix) {
-  std::size_t n = static_cast<std::size_t>(dirLen);
-  if (n > dir.size()) n = dir.size();
-  if (n > kPathSize - 1) n = kPathSize - 1;
-  std::memcpy(buf, dir.data(), n);
-  std::snprintf(buf + n, kPathSize - n, "zel.log.%s.%s.%s", name.c_str(), start.c_str(), suffix);
-  buf[kPathSize - 1] = '\0';
 }
 
 }  // namespace
@@ -208,56 +195,64 @@ platform::FileHandle LogFile::getFile() {
     mRunPosition = -1;
   }
   if (mFile != platform::kNoFile) {
-    // One file-status query answers both whether a regular file is still at
-    // the name and how large it is. The live file's position is the size
-    // that counts; it is kept in mFileOffset as the lines are written. When
-    // the file at the name has that same size nobody else has written to it
-    // since, and the kept position holds; otherwise (a write from outside,
-    // a replaced or truncated file) the open file is asked. A missing file
-    // rotates whatever the size. The name is looked up in the day directory
-    // that was checked when the file was opened, through its handle.
-    int64_t pathSize = 0;
-    const bool regular = platform::regularFileSizeAt(mDayDir, mFileName.c_str(), &pathSize);
-    int64_t position = mFileOffset;
-    mRunPosition = regular && position >= 0 && pathSize == position ? position : -1;
-    if (regular && (position < 0 || pathSize != position)) {
-      position = platform::filePosition(mFile);
-      mFileOffset = position;
-    }
-    // Positions are 64-bit: a file grown past 2 GiB from outside still
-    // compares as larger than the limit.
-    const bool rotate =
-        (regular && position > mMaxFileSize.load()) || mCurDate != todayDateDir() || !regular;
-    if (!rotate) {
+    if (!rotationDue()) {
       applyRetentionIfDue();
       return mFile;
     }
-
-    // Rotate: log.txt -> log.<index>; the counter steps on even when the
-    // rename fails, and the file that falls out of the kept set is deleted.
-    // Both happen in the live file's own day directory.
-    crash::setLiveFile(platform::kNoFile);
-    platform::closeFile(mFile);
-    char rotated[kPathSize] = {0};
-    buildLogFilePath(rotated, mLogDir, mDirLen, mProcessName, mStartTime,
-                     std::to_string(static_cast<unsigned>(mFileIndex)).c_str());
-    if (platform::renameAt(mDayDir, mFileName.c_str(), fileNameOf(rotated)) != 0) {
-      logConsole("%s %d,rename error\n", "zel::Logger::getFile", kRenameErrorLine);
-    }
-    mFile = platform::kNoFile;
-    ++mFileIndex;
-    updateLogFile(mFileIndex);
+    rotate();
   }
+  return openNewLiveFile();
+}
 
-  // A day change rotated above before updateLogDir(), so the old file was
+bool LogFile::rotationDue() {
+  // One file-status query answers both whether a regular file is still at
+  // the name and how large it is. The live file's position is the size
+  // that counts; it is kept in mFileOffset as the lines are written. When
+  // the file at the name has that same size nobody else has written to it
+  // since, and the kept position holds; otherwise (a write from outside,
+  // a replaced or truncated file) the open file is asked. A missing file
+  // rotates whatever the size. The name is looked up in the day directory
+  // that was checked when the file was opened, through its handle.
+  int64_t pathSize = 0;
+  const bool regular = platform::regularFileSizeAt(mDayDir, mFileName.c_str(), &pathSize);
+  int64_t position = mFileOffset;
+  mRunPosition = regular && position >= 0 && pathSize == position ? position : -1;
+  if (regular && (position < 0 || pathSize != position)) {
+    position = platform::filePosition(mFile);
+    mFileOffset = position;
+  }
+  // Positions are 64-bit: a file grown past 2 GiB from outside still
+  // compares as larger than the limit.
+  return (regular && position > mMaxFileSize.load()) || mCurDate != todayDateDir() || !regular;
+}
+
+void LogFile::rotate() {
+  // log.txt -> log.<index>; the counter steps on even when the rename
+  // fails, and the file that falls out of the kept set is deleted. Both
+  // happen in the live file's own day directory.
+  crash::setLiveFile(platform::kNoFile);
+  platform::closeFile(mFile);
+  char rotated[kPathSize] = {0};
+  names::buildPath(rotated, kPathSize, mLogDir, mDirLen, mProcessName, mStartTime,
+                   std::to_string(static_cast<unsigned>(mFileIndex)).c_str());
+  if (platform::renameAt(mDayDir, mFileName.c_str(), names::fileNameOf(rotated)) != 0) {
+    logConsole("%s %d,rename error\n", "zel::Logger::getFile", kRenameErrorLine);
+  }
+  mFile = platform::kNoFile;
+  ++mFileIndex;
+  updateLogFile(mFileIndex);
+}
+
+platform::FileHandle LogFile::openNewLiveFile() {
+  // A day change rotated before updateLogDir(), so the old file was
   // renamed in the old day's directory and the new one opens in the new.
   updateLogDir();
   std::memset(mFilePath, 0, sizeof(mFilePath));
-  buildLogFilePath(mFilePath, mLogDir, mDirLen, mProcessName, mStartTime, "txt");
-  mFileName = fileNameOf(mFilePath);
+  names::buildPath(mFilePath, kPathSize, mLogDir, mDirLen, mProcessName, mStartTime, "txt");
+  mFileName = names::fileNameOf(mFilePath);
   platform::closeDirectory(mDayDir);
   mDayDir = platform::kNoFile;
-  std::string dayDir(mFilePath, static_cast<std::size_t>(fileNameOf(mFilePath) - mFilePath));
+  std::string dayDir(mFilePath, static_cast<std::size_t>(names::fileNameOf(mFilePath) - mFilePath));
   while (!dayDir.empty() && (dayDir.back() == '/' || dayDir.back() == '\\')) dayDir.pop_back();
   if (!openDayDirectory(dayDir, true, &mDayDir)) {
     mFileOffset = -1;
@@ -312,14 +307,6 @@ platform::FileHandle LogFile::openLiveFile() {
   return platform::kNoFile;
 }
 
-const char* LogFile::fileNameOf(const char* path) {
-  const char* name = path;
-  for (const char* p = path; *p != '\0'; ++p) {
-    if (*p == '/' || *p == '\\') name = p + 1;
-  }
-  return name;
-}
-
 bool LogFile::openDayDirectory(const std::string& dayDir, bool report, platform::DirHandle* day) {
   // The directory that holds the day directories may be reached through a
   // link the user (or the administrator) made; the day directory itself must
@@ -361,7 +348,7 @@ void LogFile::applyRetentionIfDue() {
   int64_t totalBytes = 0;
   if (!retention::takeDue(&days, &totalBytes)) return;
   if (mCurDate.size() < 8) return;
-  const int64_t today = retention::daysFromCivil(
+  const int64_t today = names::daysFromCivil(
       std::stoi(mCurDate.substr(0, 4)), static_cast<unsigned>(std::stoi(mCurDate.substr(4, 2))),
       static_cast<unsigned>(std::stoi(mCurDate.substr(6, 2))));
   retention::apply(mBase, days, totalBytes, mFilePath, today);
@@ -372,14 +359,14 @@ void LogFile::updateLogFile(unsigned char index) {
       static_cast<unsigned char>(index - static_cast<unsigned char>(mMaxFileCount.load()));
   if (mDirLen > kPathSize) return;
   char path[kPathSize] = {0};
-  buildLogFilePath(path, mLogDir, mDirLen, mProcessName, mStartTime,
+  names::buildPath(path, kPathSize, mLogDir, mDirLen, mProcessName, mStartTime,
                    std::to_string(static_cast<unsigned>(old)).c_str());
   int64_t size = 0;
   // A file that another process holds (the live file of a process of the
   // same name started in the same second) is left.
   if (mDayDir != platform::kNoFile &&
-      platform::regularFileSizeAt(mDayDir, fileNameOf(path), &size) &&
-      platform::removeUnheldFileAt(mDayDir, fileNameOf(path)) == -1) {
+      platform::regularFileSizeAt(mDayDir, names::fileNameOf(path), &size) &&
+      platform::removeUnheldFileAt(mDayDir, names::fileNameOf(path)) == -1) {
     logConsole("delete file: %s failed\n", path);
   }
 }

@@ -18,8 +18,8 @@
 // line. docs/logging-crash-fork.md has the guarantees.
 //
 // Internal: this header is not installed.
-#ifndef ZEL_UTILS_LOG_CRASH_H_
-#define ZEL_UTILS_LOG_CRASH_H_
+#ifndef ZEL_UTILS_LOG_INTERNAL_CRASH_DRAIN_H_
+#define ZEL_UTILS_LOG_INTERNAL_CRASH_DRAIN_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -93,4 +93,4 @@ std::size_t formatFatalLine(char* buf, std::size_t size, int64_t utcMs, int64_t 
 }  // namespace crash
 }  // namespace zel
 
-#endif  // ZEL_UTILS_LOG_CRASH_H_
+#endif  // ZEL_UTILS_LOG_INTERNAL_CRASH_DRAIN_H_

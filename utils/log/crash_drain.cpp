@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "utils/log_crash.h"
+#include "utils/log/internal/crash_drain.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "utils/log_retention.h"
+#include "utils/log/internal/file_names.h"
 
 namespace zel {
 namespace crash {
@@ -218,8 +218,8 @@ void setLiveFile(platform::FileHandle file) {
 
 void noteLocalTime(int64_t utcSecond, const std::tm& local) {
   const int64_t localSecond =
-      retention::daysFromCivil(local.tm_year + 1900, static_cast<unsigned>(local.tm_mon + 1),
-                               static_cast<unsigned>(local.tm_mday)) *
+      names::daysFromCivil(local.tm_year + 1900, static_cast<unsigned>(local.tm_mon + 1),
+                           static_cast<unsigned>(local.tm_mday)) *
           86400 +
       local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
   sOffsetSeconds.store(localSecond - utcSecond, std::memory_order_relaxed);

@@ -2,12 +2,12 @@
 
 // The line front end of the log: the prefix "[M-D hh:mm:ss.mmm][tid:T] " and
 // the formatting of the caller's text into one line on the caller's stack.
-// log_print() (declared in utils/logger.h, defined in log_line.cpp) is built
+// log_print() (declared in utils/logger.h, defined in line_format.cpp) is built
 // on it.
 //
 // Internal: this header is not installed.
-#ifndef ZEL_UTILS_LOG_LINE_H_
-#define ZEL_UTILS_LOG_LINE_H_
+#ifndef ZEL_UTILS_LOG_INTERNAL_LINE_FORMAT_H_
+#define ZEL_UTILS_LOG_INTERNAL_LINE_FORMAT_H_
 
 #include <cstdarg>
 #include <cstddef>
@@ -30,4 +30,4 @@ std::size_t printLogLine(char* line, const char* format, ...) ZEL_PRINTF_FORMAT(
 
 }  // namespace zel
 
-#endif  // ZEL_UTILS_LOG_LINE_H_
+#endif  // ZEL_UTILS_LOG_INTERNAL_LINE_FORMAT_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "utils/log_line.h"
+#include "utils/log/internal/line_format.h"
 
 #include <atomic>
 #include <cerrno>
@@ -14,7 +14,7 @@
 #include <string>
 #include <type_traits>
 
-#include "utils/log_crash.h"
+#include "utils/log/internal/crash_drain.h"
 #include "utils/logger.h"
 #include "utils/platform.h"
 
@@ -373,27 +373,9 @@ class BoundedFormat {
       }
       int width = 0;
       bool hasWidth = false;
-      if (d.widthFromArgument) {
-        width = va_arg(*ap, int);
-        hasWidth = true;
-      } else if (d.width >= 0) {
-        width = d.width;
-        hasWidth = true;
-      }
       int precision = -1;
-      if (d.precisionFromArgument) {
-        precision = va_arg(*ap, int);
-      } else {
-        precision = d.precision;
-      }
       bool left = d.left;
-      if (hasWidth && width < 0) {
-        // A negative width from the arguments is the '-' flag and the
-        // width's magnitude; INT_MIN has none that fits: vsnprintf fails.
-        if (width == std::numeric_limits<int>::min()) return false;
-        left = true;
-        width = -width;
-      }
+      if (!takeWidthAndPrecision(d, ap, &width, &hasWidth, &precision, &left)) return false;
       const auto room = static_cast<std::size_t>(end - pos);
       // A precision past the room and past every digit the value can have
       // gives the same first `room` characters as a larger one: an integer
@@ -616,6 +598,28 @@ class BoundedFormat {
 #endif
     }
   };
+
+  // The width and precision of the directive `d`, taken from the arguments
+  // where it says so: a negative width from the arguments is the '-' flag
+  // (`*left`) and the width's magnitude. False for INT_MIN, which has none
+  // that fits (vsnprintf fails).
+  static bool takeWidthAndPrecision(const Directive& d, va_list* ap, int* width, bool* hasWidth,
+                                    int* precision, bool* left) {
+    if (d.widthFromArgument) {
+      *width = va_arg(*ap, int);
+      *hasWidth = true;
+    } else if (d.width >= 0) {
+      *width = d.width;
+      *hasWidth = true;
+    }
+    *precision = d.precisionFromArgument ? va_arg(*ap, int) : d.precision;
+    if (*hasWidth && *width < 0) {
+      if (*width == std::numeric_limits<int>::min()) return false;
+      *left = true;
+      *width = -*width;
+    }
+    return true;
+  }
 
   // Reads a number of digits at `*p`; false when it passes INT_MAX.
   static bool readNumber(const char** p, int* number) {

@@ -13,8 +13,8 @@
 // removed. Every removal is reported on standard output.
 //
 // Internal: this header is not installed.
-#ifndef ZEL_UTILS_LOG_RETENTION_H_
-#define ZEL_UTILS_LOG_RETENTION_H_
+#ifndef ZEL_UTILS_LOG_INTERNAL_RETENTION_H_
+#define ZEL_UTILS_LOG_INTERNAL_RETENTION_H_
 
 #include <cstdint>
 #include <string>
@@ -34,21 +34,9 @@ bool takeDue(int* days, int64_t* totalBytes);
 // Asks for retention at the next line (a change of day). Writer thread.
 void markDue();
 
-// The number of days since 1970-01-01 of the calendar date y-m-d.
-int64_t daysFromCivil(int64_t y, unsigned m, unsigned d);
-
-// True when `name` is `prefix` followed by a date "YYYYMMDD" of the
-// calendar; `*day` gets its daysFromCivil().
-bool parseDayDirName(const std::string& name, const std::string& prefix, int64_t* day);
-
-// True when `name` is one of the library's log file names; `*startTime` gets
-// its six-digit start time and `*index` its rotation index (256 for the
-// live ".txt" file, the newest of its run).
-bool parseLogFileName(const std::string& name, std::string* startTime, int* index);
-
 // Applies retention below `base` (used as given: day directories are named
 // base + "YYYYMMDD"): first removes the day directories dated more than
-// `days` days before `today` (a day number, daysFromCivil) with the log
+// `days` days before `today` (a day number, names::daysFromCivil) with the log
 // files in them, then the oldest log files (by date, start time, rotation
 // index) until the log files total at most `totalBytes` bytes. `livePath`
 // is never removed. A directory keeping foreign entries stays. Returns the
@@ -64,4 +52,4 @@ void unlockAfterFork();
 }  // namespace retention
 }  // namespace zel
 
-#endif  // ZEL_UTILS_LOG_RETENTION_H_
+#endif  // ZEL_UTILS_LOG_INTERNAL_RETENTION_H_
