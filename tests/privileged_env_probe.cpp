@@ -7,7 +7,8 @@
 //
 // Usage: privileged_env_probe <log base>
 // Prints "secure=<AT_SECURE>", "appdata=[<GetAppDataPath()>]" and, just
-// before the fault, "faulting", each on a line of its own.
+// before the fault, "faulting <steady clock in ns>", each on a line of its
+// own.
 #include <sys/auxv.h>
 #include <unistd.h>
 
@@ -68,7 +69,13 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   log_print(0, 1, "second line\n");
-  std::printf("faulting\n");
+  // The monotonic clock (one for every process of the machine) just
+  // before the fault: the test measures the drain's wait from here, not
+  // from when it got to read this line.
+  const long long at = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                           std::chrono::steady_clock::now().time_since_epoch())
+                           .count();
+  std::printf("faulting %lld\n", at);
   std::fflush(stdout);
   volatile std::uintptr_t address = 16;
   *reinterpret_cast<volatile int*>(address) = 1;

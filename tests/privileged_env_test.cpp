@@ -39,7 +39,7 @@ struct ProbeRun {
   std::string output;           // everything it printed on standard output
   bool ended = false;           // it ended within the deadline (killed otherwise)
   int status = 0;               // waitpid's status
-  long long msAfterFault = -1;  // from its "faulting" line to its end
+  long long msAfterFault = -1;  // from the time on its "faulting" line to its end
 };
 
 // Runs `program` with `base` as its argument and only `environment`, as
@@ -73,7 +73,7 @@ ProbeRun RunProbe(const std::string& program, const std::string& base,
   }
   close(out[1]);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  std::chrono::steady_clock::time_point faultAt{};
+  long long faultAtNs = 0;  // the probe's steady clock just before its fault
   bool faulting = false;
   bool open = true;
   while (open && std::chrono::steady_clock::now() < deadline) {
@@ -86,9 +86,11 @@ ProbeRun RunProbe(const std::string& program, const std::string& base,
     } else {
       run.output.append(buf, static_cast<std::size_t>(n));
     }
-    if (!faulting && run.output.find("faulting\n") != std::string::npos) {
+    const std::size_t line = run.output.find("faulting ");
+    if (!faulting && line != std::string::npos &&
+        run.output.find('\n', line) != std::string::npos) {
       faulting = true;
-      faultAt = std::chrono::steady_clock::now();
+      faultAtNs = std::atoll(run.output.c_str() + line + 9);
     }
   }
   run.ended = zel_test::WaitFor(
@@ -99,9 +101,10 @@ ProbeRun RunProbe(const std::string& program, const std::string& base,
     kill(child, SIGKILL);
     waitpid(child, &run.status, 0);
   } else if (faulting) {
-    run.msAfterFault = std::chrono::duration_cast<std::chrono::milliseconds>(
-                           std::chrono::steady_clock::now() - faultAt)
-                           .count();
+    const long long nowNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                std::chrono::steady_clock::now().time_since_epoch())
+                                .count();
+    run.msAfterFault = (nowNs - faultAtNs) / 1000000;
   }
   close(out[0]);
   return run;
@@ -142,7 +145,7 @@ TEST_F(PrivilegedEnvTest, SetUserIdProgramIgnoresAppDataAndTheCrashWaitOfItsCall
   ASSERT_NE(run.output.find("secure=1\n"), std::string::npos)
       << "the copy did not run set-user-ID (a file system mounted nosuid?): " << run.output;
   EXPECT_NE(run.output.find("appdata=[]\n"), std::string::npos) << run.output;
-  ASSERT_NE(run.output.find("faulting\n"), std::string::npos) << run.output;
+  ASSERT_NE(run.output.find("faulting "), std::string::npos) << run.output;
   ASSERT_TRUE(run.ended) << "still waiting 60 s after the fault: the caller's wait was used";
   ASSERT_TRUE(WIFSIGNALED(run.status)) << run.status;
   EXPECT_EQ(WTERMSIG(run.status), SIGSEGV);
