@@ -276,6 +276,20 @@ __attribute__((visibility("default"), noinline)) void operator delete(void* memo
 
 namespace {
 
+// Expects the child of `result` to have died of SIGSEGV within two seconds
+// of the fault, its log holding "line 0" to "line <lines - 1>" and the
+// fatal line: the drain did not wait for `waitedFor`.
+void ExpectDrainedWithinTwoSeconds(const ChildResult& result, int lines,
+                                   const std::string& waitedFor) {
+  EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
+  EXPECT_GE(result.took.count(), 0);
+  EXPECT_LT(result.took.count(), 2000) << "the drain waited for " << waitedFor;
+  std::string expected;
+  for (int i = 0; i < lines; ++i) expected += "line " + std::to_string(i) + "\n";
+  expected += FatalLine(SIGSEGV, "SIGSEGV");
+  EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
+}
+
 // The drain must not wait for the queue's lock, which the faulting thread
 // holds for good. The wait is set far longer than the bound, so that a
 // drain that waits it out cannot pass.
@@ -298,13 +312,7 @@ TEST(CrashRecoveryTest, SignalToAThreadHoldingTheQueueLockEndsWithinMilliseconds
     _exit(98);
   });
   ASSERT_EQ(sShared->installResult.load(), 0);
-  EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
-  EXPECT_GE(result.took.count(), 0);
-  EXPECT_LT(result.took.count(), 2000) << "the drain waited for the lock";
-  std::string expected;
-  for (int i = 0; i < 100; ++i) expected += "line " + std::to_string(i) + "\n";
-  expected += FatalLine(SIGSEGV, "SIGSEGV");
-  EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
+  ExpectDrainedWithinTwoSeconds(result, 100, "the lock");
   EXPECT_NE(result.log.find("[tid:" + std::to_string(sShared->faultingTid.load()) + "] zel log"),
             std::string::npos)
       << result.log;
@@ -345,13 +353,7 @@ TEST(CrashRecoveryTest, SignalToAThreadInsideLocaltimeEndsWithinMilliseconds) {
       _exit(98);
     });
     ASSERT_EQ(sShared->installResult.load(), 0);
-    EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
-    EXPECT_GE(result.took.count(), 0);
-    EXPECT_LT(result.took.count(), 2000) << "the drain waited for the time zone";
-    std::string expected;
-    for (int i = 0; i < 50; ++i) expected += "line " + std::to_string(i) + "\n";
-    expected += FatalLine(SIGSEGV, "SIGSEGV");
-    EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
+    ExpectDrainedWithinTwoSeconds(result, 50, "the time zone");
   }
 }
 
@@ -363,26 +365,17 @@ TEST(CrashRecoveryTest, SignalToAThreadInsideLocaltimeEndsWithinMilliseconds) {
 class FaultingBackend : public zel::LogBackend {
  public:
   void Log(const std::string& line) override {
-    if (line.find("] gate\n") != std::string::npos) {
-      std::unique_lock<std::mutex> lock(mutex_);
-      cond_.wait(lock, [this] { return released_; });
-    }
+    if (line.find("] gate\n") != std::string::npos) released_.Wait();
     if (line.find("] boom\n") != std::string::npos) {
       sShared->faultingTid.store(Tid());
       volatile std::uintptr_t address = 16;
       *reinterpret_cast<volatile int*>(address) = 1;
     }
   }
-  void Release() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    released_ = true;
-    cond_.notify_all();
-  }
+  void Release() { released_.Open(); }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  bool released_ = false;
+  zel_test::Latch released_;
 };
 
 TEST(CrashRecoveryTest, FaultOfTheWriterThreadWritesTheLinesItGathered) {
@@ -445,22 +438,13 @@ TEST(CrashRecoveryTest, WaitAboveTheMaximumIsCappedAtTheMaximumNotTheDefault) {
 class SlowBackend : public zel::LogBackend {
  public:
   void Log(const std::string&) override {
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      cond_.wait(lock, [this] { return released_; });
-    }
+    released_.Wait();
     std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
-  void Release() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    released_ = true;
-    cond_.notify_all();
-  }
+  void Release() { released_.Open(); }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  bool released_ = false;
+  zel_test::Latch released_;
 };
 
 TEST(CrashRecoveryTest, TwoThreadsFaultingAtOnceGiveTheDrainAndOneFatalLine) {

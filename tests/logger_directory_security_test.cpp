@@ -26,56 +26,18 @@
 
 namespace {
 
+using zel_test::AllText;
+using zel_test::CountFiles;
 using zel_test::CountOccurrences;
+using zel_test::DayName;
 using zel_test::ListDir;
 using zel_test::ReadFile;
 using zel_test::StdoutCapture;
 using zel_test::TempDir;
 
-std::string Today() {
-  std::time_t t = std::time(nullptr);
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char buf[48];
-  std::snprintf(buf, sizeof(buf), "%04d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
-  return buf;
-}
-
 void LogLine(const char* text) {
   log_print(3, 0, "%s\n", text);
   zel_log_flush();
-}
-
-// Every file below `dir` (links not followed, so a link counts as a file).
-int CountFiles(const std::string& dir) {
-  int n = 0;
-  for (const std::string& name : ListDir(dir)) {
-    struct stat st;
-    const std::string path = dir + "/" + name;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      n += CountFiles(path);
-    } else {
-      ++n;
-    }
-  }
-  return n;
-}
-
-// The text of every regular file below `dir`, joined.
-std::string AllText(const std::string& dir) {
-  std::string text;
-  for (const std::string& name : ListDir(dir)) {
-    struct stat st;
-    const std::string path = dir + "/" + name;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      text += AllText(path);
-    } else if (S_ISREG(st.st_mode)) {
-      text += ReadFile(path);
-    }
-  }
-  return text;
 }
 
 // Runs `action` in a child process as the user nobody (the attacker) and
@@ -146,7 +108,7 @@ TEST(LogDirectorySecurityTest, DaySwappedForALinkWhileLinesAreWrittenRedirectsNo
   zel::Logger::GetInstance()->SetLogFileInfo(256, 0);
   StdoutCapture out;
   LogLine("before the swaps");
-  const std::string day = base + Today();
+  const std::string day = base + DayName();
   ASSERT_TRUE(zel_test::IsDirectory(day));
 
   std::atomic<bool> done{false};
