@@ -230,10 +230,7 @@ TEST(ConfigFileTest, WriterReturnsMinusOneWhenTheTemporaryFileIsADirectory) {
 }
 
 TEST(ConfigFileTest, WriterReturnsMinusOneInReadOnlyDirectory) {
-#if defined(ZEL_TEST_ON_WINDOWS)
-  GTEST_SKIP() << kNoPermissionBits;
-#endif
-  if (RunningAsRoot()) GTEST_SKIP() << "root creates files in a read-only directory";
+  ZEL_SKIP_UNLESS_PERMISSIONS_REFUSE("root creates files in a read-only directory");
   TempDir dir;
   const std::string sub = dir.path() + "ro/";
   ASSERT_EQ(mkdir(sub.c_str(), 0755), 0);
@@ -323,6 +320,17 @@ struct SyncWatch {
   std::vector<std::string> models;  // the content of `model` at that moment
   std::string model;                // the file whose content is recorded
   int failWith = 0;                 // errno to fail with; 0: sync
+
+  // Forgets the calls recorded so far and records `modelPath` from now on;
+  // the calls fail with `error` (0: they sync).
+  void Watch(const std::string& modelPath, int error) {
+    std::lock_guard<std::mutex> lock(mutex);
+    paths.clear();
+    texts.clear();
+    models.clear();
+    model = modelPath;
+    failWith = error;
+  }
 };
 SyncWatch gSyncWatch;
 
@@ -450,13 +458,7 @@ TEST(ConfigFileTest, WriterSyncsTheWholeCopyBeforeItReplacesTheFile) {
   TempDir dir;
   const std::string path = dir.path() + "client.ini";
   WriteFile(path, "[net]\nport=80\nhost=h\n");
-  {
-    std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
-    gSyncWatch.paths.clear();
-    gSyncWatch.texts.clear();
-    gSyncWatch.models.clear();
-    gSyncWatch.model = path;
-  }
+  gSyncWatch.Watch(path, 0);
   EXPECT_EQ(PutKeyIntToFile(path.c_str(), "net", "port", 8080), 0);
   std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
   ASSERT_EQ(gSyncWatch.paths.size(), 1u);
@@ -470,14 +472,7 @@ TEST(ConfigFileTest, WriterLeavesTheFileUntouchedWhenTheSyncFails) {
   TempDir dir;
   const std::string path = dir.path() + "client.ini";
   WriteFile(path, "[net]\nport=80\n");
-  {
-    std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
-    gSyncWatch.paths.clear();
-    gSyncWatch.texts.clear();
-    gSyncWatch.models.clear();
-    gSyncWatch.model = path;
-    gSyncWatch.failWith = EIO;
-  }
+  gSyncWatch.Watch(path, EIO);
   const int result = PutKeyIntToFile(path.c_str(), "net", "port", 8080);
   {
     std::lock_guard<std::mutex> lock(gSyncWatch.mutex);

@@ -442,6 +442,21 @@ TEST(ConfigParserTest, LevelZeroStillLogsErrors) {
 // ---------------------------------------------------------------------------
 // Threads
 
+// How many of the keys "<prefix><t>_<n>" of `group`, for each thread t
+// below `threads` and each n below `perThread`, do not hold n: the writes
+// lost.
+int LostKeys(ConfigParser& parser, const std::string& group, const std::string& prefix, int threads,
+             int perThread) {
+  int lost = 0;
+  for (int t = 0; t < threads; ++t) {
+    for (int n = 0; n < perThread; ++n) {
+      const std::string key = prefix + std::to_string(t) + "_" + std::to_string(n);
+      if (parser.GetStringVal(group, key) != std::to_string(n)) ++lost;
+    }
+  }
+  return lost;
+}
+
 TEST(ConfigParserTest, EightThreadsShareOneParser) {
   TempDir dir;
   zel_set_log_path(dir.path().c_str());
@@ -450,46 +465,32 @@ TEST(ConfigParserTest, EightThreadsShareOneParser) {
   constexpr int kThreads = 8;
   constexpr int kRounds = 200;
   std::atomic<int> failures{0};
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      // Start together, so that the calls overlap.
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) std::this_thread::yield();
-      for (int r = 0; r < kRounds; ++r) {
-        int id = 0;
-        double ratio = 0.0;
-        double bad = 1.0;
-        if (parser.GetIntegerVal("device", "id", &id) != 0 || id != 42) ++failures;
-        if (parser.GetDoubleVal("device", "ratio", &ratio) != 0 || ratio != 0.75) ++failures;
-        if (parser.GetDoubleVal("bad", "number", &bad) != 0 || bad != 0.0) ++failures;
-        if (parser.GetStringVal("device", "name") != "usb disk") ++failures;
-        if (!parser.GetBooleanVal("device", "enabled")) ++failures;
-        if (parser.GetStringVals("device", "aliases").size() != 3) ++failures;
-        if (parser.GetIntegerVals("device", "ports") != std::vector<int>{1, 2, 3}) ++failures;
-        if (parser.GetDoubleVals("device", "limits").size() != 3) ++failures;
-        if (parser.GetBooleanVals("device", "flags").size() != 3) ++failures;
-        // A new key each round: GLib's tables for the group grow while the
-        // other threads read and write them, which only the parser's lock
-        // keeps apart.
-        const std::string own = "thread" + std::to_string(t) + "_" + std::to_string(r);
-        if (parser.SetValuesByString("own", own, std::to_string(r)) != 0) ++failures;
-        if (parser.GetStringVal("own", own) != std::to_string(r)) ++failures;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  // Started together, so that the calls overlap.
+  zel_test::RunTogether(kThreads, [&](int t) {
+    for (int r = 0; r < kRounds; ++r) {
+      int id = 0;
+      double ratio = 0.0;
+      double bad = 1.0;
+      if (parser.GetIntegerVal("device", "id", &id) != 0 || id != 42) ++failures;
+      if (parser.GetDoubleVal("device", "ratio", &ratio) != 0 || ratio != 0.75) ++failures;
+      if (parser.GetDoubleVal("bad", "number", &bad) != 0 || bad != 0.0) ++failures;
+      if (parser.GetStringVal("device", "name") != "usb disk") ++failures;
+      if (!parser.GetBooleanVal("device", "enabled")) ++failures;
+      if (parser.GetStringVals("device", "aliases").size() != 3) ++failures;
+      if (parser.GetIntegerVals("device", "ports") != std::vector<int>{1, 2, 3}) ++failures;
+      if (parser.GetDoubleVals("device", "limits").size() != 3) ++failures;
+      if (parser.GetBooleanVals("device", "flags").size() != 3) ++failures;
+      // A new key each round: GLib's tables for the group grow while the
+      // other threads read and write them, which only the parser's lock
+      // keeps apart.
+      const std::string own = "thread" + std::to_string(t) + "_" + std::to_string(r);
+      if (parser.SetValuesByString("own", own, std::to_string(r)) != 0) ++failures;
+      if (parser.GetStringVal("own", own) != std::to_string(r)) ++failures;
+    }
+  });
   EXPECT_EQ(failures.load(), 0);
   // No write was lost: every key of every thread holds its value.
-  int lost = 0;
-  for (int t = 0; t < kThreads; ++t) {
-    for (int r = 0; r < kRounds; ++r) {
-      const std::string own = "thread" + std::to_string(t) + "_" + std::to_string(r);
-      if (parser.GetStringVal("own", own) != std::to_string(r)) ++lost;
-    }
-  }
-  EXPECT_EQ(lost, 0);
+  EXPECT_EQ(LostKeys(parser, "own", "thread", kThreads, kRounds), 0);
   // Every error line was written whole.
   const std::string text = LoggedText();
   EXPECT_EQ(zel_test::CountOccurrences(text, "zel::ConfigParser::GetDoubleVal 105] Error:"),
@@ -507,29 +508,15 @@ TEST(ConfigParserTest, EightThreadsSettingNewKeysLoseNone) {
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   constexpr int kThreads = 8;
   constexpr int kKeys = 5000;
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) std::this_thread::yield();
-      for (int k = 0; k < kKeys; ++k) {
-        const std::string key = "k" + std::to_string(t) + "_" + std::to_string(k);
-        parser.SetValuesByString("shared", key, std::to_string(k));
-        // A reader in the same group while the others insert.
-        parser.GetStringVal("shared", "k0_0");
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  int lost = 0;
-  for (int t = 0; t < kThreads; ++t) {
+  zel_test::RunTogether(kThreads, [&](int t) {
     for (int k = 0; k < kKeys; ++k) {
       const std::string key = "k" + std::to_string(t) + "_" + std::to_string(k);
-      if (parser.GetStringVal("shared", key) != std::to_string(k)) ++lost;
+      parser.SetValuesByString("shared", key, std::to_string(k));
+      // A reader in the same group while the others insert.
+      parser.GetStringVal("shared", "k0_0");
     }
-  }
-  EXPECT_EQ(lost, 0);
+  });
+  EXPECT_EQ(LostKeys(parser, "shared", "k", kThreads, kKeys), 0);
 }
 
 }  // namespace
@@ -588,6 +575,22 @@ Function Real(const char* name) {
 // (the test program is built with hidden visibility).
 #define ZEL_TEST_INTERPOSE __attribute__((visibility("default")))
 
+// A list getter of GLib's key files that records the list it hands out.
+#define ZEL_TEST_LIST_GETTER(type, name)                                              \
+  ZEL_TEST_INTERPOSE type* name(GKeyFile* file, const gchar* group, const gchar* key, \
+                                gsize* length, GError** error) {                      \
+    static const auto real = Real<decltype(&name)>(#name);                            \
+    return HandedOut(real(file, group, key, length, error));                          \
+  }
+
+// A function of GLib's that frees what it is given and records the release.
+#define ZEL_TEST_RELEASER(name, type)                      \
+  ZEL_TEST_INTERPOSE void name(type memory) {              \
+    static const auto real = Real<decltype(&name)>(#name); \
+    Released(memory);                                      \
+    real(memory);                                          \
+  }
+
 extern "C" {
 
 ZEL_TEST_INTERPOSE gchar* g_key_file_get_string(GKeyFile* file, const gchar* group,
@@ -596,49 +599,12 @@ ZEL_TEST_INTERPOSE gchar* g_key_file_get_string(GKeyFile* file, const gchar* gro
   return HandedOut(real(file, group, key, error));
 }
 
-ZEL_TEST_INTERPOSE gchar** g_key_file_get_string_list(GKeyFile* file, const gchar* group,
-                                                      const gchar* key, gsize* length,
-                                                      GError** error) {
-  static const auto real =
-      Real<decltype(&g_key_file_get_string_list)>("g_key_file_get_string_list");
-  return HandedOut(real(file, group, key, length, error));
-}
-
-ZEL_TEST_INTERPOSE gint* g_key_file_get_integer_list(GKeyFile* file, const gchar* group,
-                                                     const gchar* key, gsize* length,
-                                                     GError** error) {
-  static const auto real =
-      Real<decltype(&g_key_file_get_integer_list)>("g_key_file_get_integer_list");
-  return HandedOut(real(file, group, key, length, error));
-}
-
-ZEL_TEST_INTERPOSE gdouble* g_key_file_get_double_list(GKeyFile* file, const gchar* group,
-                                                       const gchar* key, gsize* length,
-                                                       GError** error) {
-  static const auto real =
-      Real<decltype(&g_key_file_get_double_list)>("g_key_file_get_double_list");
-  return HandedOut(real(file, group, key, length, error));
-}
-
-ZEL_TEST_INTERPOSE gboolean* g_key_file_get_boolean_list(GKeyFile* file, const gchar* group,
-                                                         const gchar* key, gsize* length,
-                                                         GError** error) {
-  static const auto real =
-      Real<decltype(&g_key_file_get_boolean_list)>("g_key_file_get_boolean_list");
-  return HandedOut(real(file, group, key, length, error));
-}
-
-ZEL_TEST_INTERPOSE void g_free(gpointer memory) {
-  static const auto real = Real<decltype(&g_free)>("g_free");
-  Released(memory);
-  real(memory);
-}
-
-ZEL_TEST_INTERPOSE void g_strfreev(gchar** list) {
-  static const auto real = Real<decltype(&g_strfreev)>("g_strfreev");
-  Released(list);
-  real(list);
-}
+ZEL_TEST_LIST_GETTER(gchar*, g_key_file_get_string_list)
+ZEL_TEST_LIST_GETTER(gint, g_key_file_get_integer_list)
+ZEL_TEST_LIST_GETTER(gdouble, g_key_file_get_double_list)
+ZEL_TEST_LIST_GETTER(gboolean, g_key_file_get_boolean_list)
+ZEL_TEST_RELEASER(g_free, gpointer)
+ZEL_TEST_RELEASER(g_strfreev, gchar**)
 
 }  // extern "C"
 
