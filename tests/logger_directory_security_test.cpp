@@ -40,6 +40,14 @@ void LogLine(const char* text) {
   zel_log_flush();
 }
 
+// Logs the lines `first` and `second` and returns what the log printed.
+std::string PrintedForTwoLines(const char* first, const char* second) {
+  StdoutCapture out;
+  LogLine(first);
+  LogLine(second);
+  return out.Stop();
+}
+
 // Runs `action` in a child process as the user nobody (the attacker) and
 // returns whether it succeeded there. Needs root.
 bool AsNobody(const std::function<bool()>& action) {
@@ -74,10 +82,7 @@ TEST(LogDirectorySecurityTest, GroupWritableBaseIsRefusedUnlessSticky) {
   zel_set_log_level(-1);
   zel_set_log_path(base.c_str());
   const uint64_t droppedBefore = zel_log_dropped();
-  StdoutCapture out;
-  LogLine("first");
-  LogLine("second");
-  std::string printed = out.Stop();
+  std::string printed = PrintedForTwoLines("first", "second");
   EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
   EXPECT_NE(printed.find(tmp.path() + "group: other users may write into it"), std::string::npos)
       << printed;
@@ -167,10 +172,7 @@ TEST(LogDirectorySecurityTest, LinkPlantedAtTheDefaultBaseByAnotherUserIsNotFoll
   DefaultBaseHook hook(link + "/");
   zel_set_log_level(-1);
   const uint64_t droppedBefore = zel_log_dropped();
-  StdoutCapture out;
-  LogLine("first secret");
-  LogLine("second secret");
-  std::string printed = out.Stop();
+  std::string printed = PrintedForTwoLines("first secret", "second secret");
   EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
   EXPECT_NE(printed.find(link + ": it is a link owned by another user"), std::string::npos)
       << printed;
