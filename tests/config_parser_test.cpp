@@ -55,18 +55,62 @@ std::string GLibMessage(const std::string& path,
   return message;
 }
 
+// GLib's message for reading the string list `key` of `group` in `path`.
+std::string StringListMessage(const std::string& path, const char* group, const char* key) {
+  return GLibMessage(path, [&](GKeyFile* keyFile, GError** error) {
+    gsize length = 0;
+    g_strfreev(g_key_file_get_string_list(keyFile, group, key, &length, error));
+  });
+}
+
+// GLib's message for reading the number `key` of `group` in `path`.
+std::string DoubleMessage(const std::string& path, const char* group, const char* key) {
+  return GLibMessage(path, [&](GKeyFile* keyFile, GError** error) {
+    g_key_file_get_double(keyFile, group, key, error);
+  });
+}
+
 // The error line of a getter, prefix removed.
 std::string GetterLine(const std::string& function, int line, const std::string& message) {
   return "[][/config_parser.cpp zel::ConfigParser::" + function + " " + std::to_string(line) +
          "] Error:" + message + " \n\n";
 }
 
+// Each test logs below a temporary directory of its own, where it also
+// writes the files it reads.
+class ConfigParserTest : public ::testing::Test {
+ protected:
+  void SetUp() override { zel_set_log_path(dir.path().c_str()); }
+
+  // Writes `text` into the file `name` in the test's directory; its path.
+  std::string FileWith(const std::string& name, const std::string& text) const {
+    const std::string path = dir.path() + name;
+    WriteFile(path, text);
+    return path;
+  }
+
+  TempDir dir;
+};
+
+// Checks that GLib has a message (`message`) and that the getter `function`
+// logged its error line with it at `line`, and nothing else.
+void ExpectGetterErrorLogged(const std::string& function, int line, const std::string& message) {
+  ASSERT_FALSE(message.empty());
+  EXPECT_EQ(LoggedText(), GetterLine(function, line, message) + "marker\n");
+}
+
+// Reads the integer `key` of `group` into a variable that holds `before`:
+// the getter returns 0 and stores 0.
+void ExpectIntegerReadAsZero(ConfigParser& parser, const char* group, const char* key, int before) {
+  int value = before;
+  EXPECT_EQ(parser.GetIntegerVal(group, key, &value), 0);
+  EXPECT_EQ(value, 0);
+}
+
 // ---------------------------------------------------------------------------
 // Init
 
-TEST(ConfigParserTest, InitWithEmptyPathFailsWithLineThirteen) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, InitWithEmptyPathFailsWithLineThirteen) {
   RecordingBackend backend;
   zel::Logger::GetInstance()->RegisterBackend(&backend);
   ConfigParser parser;
@@ -79,14 +123,10 @@ TEST(ConfigParserTest, InitWithEmptyPathFailsWithLineThirteen) {
   ASSERT_EQ(forwarded.size(), 1u);
   EXPECT_EQ(StripLogPrefixes(forwarded[0]), expected);
   // No key file: the getters give their defaults.
-  int value = 5;
-  EXPECT_EQ(parser.GetIntegerVal("device", "id", &value), 0);
-  EXPECT_EQ(value, 0);
+  ExpectIntegerReadAsZero(parser, "device", "id", 5);
 }
 
-TEST(ConfigParserTest, InitWithMissingFileFailsWithLineTwentyNine) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, InitWithMissingFileFailsWithLineTwentyNine) {
   RecordingBackend backend;
   zel::Logger::GetInstance()->RegisterBackend(&backend);
   const std::string path = dir.path() + "missing.conf";
@@ -100,16 +140,14 @@ TEST(ConfigParserTest, InitWithMissingFileFailsWithLineTwentyNine) {
   EXPECT_EQ(StripLogPrefixes(forwarded[0]), expected);
 }
 
-TEST(ConfigParserTest, InitLoadsFileWithoutLogging) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, InitLoadsFileWithoutLogging) {
   ConfigParser parser;
   EXPECT_EQ(parser.Init(kSample, ""), 0);
   EXPECT_EQ(parser.GetStringVal("device", "name"), "usb disk");
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, OnlyASeparatorOfOneCharacterChangesTheListSeparator) {
+TEST_F(ConfigParserTest, OnlyASeparatorOfOneCharacterChangesTheListSeparator) {
   zel_set_log_level(-1);
   const std::string path = kDataDir + "separators.conf";
   const struct {
@@ -131,9 +169,8 @@ TEST(ConfigParserTest, OnlyASeparatorOfOneCharacterChangesTheListSeparator) {
   }
 }
 
-TEST(ConfigParserTest, SecondInitReplacesTheKeyFile) {
+TEST_F(ConfigParserTest, SecondInitReplacesTheKeyFile) {
   zel_set_log_level(-1);
-  TempDir dir;
   WriteFile(dir.path() + "first.conf", "[g]\nk=first\nonly=1\n");
   WriteFile(dir.path() + "second.conf", "[g]\nk=second\n");
   ConfigParser parser;
@@ -143,9 +180,8 @@ TEST(ConfigParserTest, SecondInitReplacesTheKeyFile) {
   EXPECT_EQ(parser.GetStringVal("g", "only"), "");
 }
 
-TEST(ConfigParserTest, FailedInitAfterALoadLeavesNoKeyFile) {
+TEST_F(ConfigParserTest, FailedInitAfterALoadLeavesNoKeyFile) {
   zel_set_log_level(-1);
-  TempDir dir;
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   ASSERT_EQ(parser.GetStringVal("device", "name"), "usb disk");
@@ -158,26 +194,19 @@ TEST(ConfigParserTest, FailedInitAfterALoadLeavesNoKeyFile) {
   EXPECT_EQ(ratio, 0.0);
 }
 
-TEST(ConfigParserTest, GettersBeforeInitGiveDefaultsSilently) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, GettersBeforeInitGiveDefaultsSilently) {
   ConfigParser parser;
   StderrCapture capture;
+  ExpectIntegerReadAsZero(parser, "device", "id", 5);
   EXPECT_EQ(parser.GetStringVal("device", "name"), "");
   EXPECT_TRUE(parser.GetIntegerVals("device", "ports").empty());
   EXPECT_FALSE(parser.GetBooleanVal("device", "enabled"));
-  int id = 5;
-  EXPECT_EQ(parser.GetIntegerVal("device", "id", &id), 0);
-  EXPECT_EQ(id, 0);
   EXPECT_EQ(capture.Stop(), "");
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, InitFailsOnFileWithByteOrderMark) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  const std::string path = dir.path() + "bom.conf";
-  WriteFile(path, "\xEF\xBB\xBF[g]\nk=v\n");
+TEST_F(ConfigParserTest, InitFailsOnFileWithByteOrderMark) {
+  const std::string path = FileWith("bom.conf", "\xEF\xBB\xBF[g]\nk=v\n");
   ConfigParser parser;
   EXPECT_EQ(parser.Init(path, ""), -1);
   EXPECT_EQ(parser.GetStringVal("g", "k"), "");
@@ -185,69 +214,43 @@ TEST(ConfigParserTest, InitFailsOnFileWithByteOrderMark) {
                               "] err\n" + "marker\n");
 }
 
-TEST(ConfigParserTest, EmptyFileLoadsAndReportsMissingGroup) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  const std::string path = dir.path() + "empty.conf";
-  WriteFile(path, "");
+TEST_F(ConfigParserTest, EmptyFileLoadsAndReportsMissingGroup) {
+  const std::string path = FileWith("empty.conf", "");
   ConfigParser parser;
   ASSERT_EQ(parser.Init(path, ""), 0);
   EXPECT_EQ(parser.GetStringVal("g", "k"), "");
   const std::vector<std::string> items = parser.GetStringVals("g", "k");
   EXPECT_TRUE(items.empty());
-  const std::string message = GLibMessage(path, [](GKeyFile* keyFile, GError** error) {
-    gsize length = 0;
-    g_strfreev(g_key_file_get_string_list(keyFile, "g", "k", &length, error));
-  });
-  ASSERT_FALSE(message.empty());
-  EXPECT_EQ(LoggedText(), GetterLine("GetStringVals", 151, message) + "marker\n");
+  ExpectGetterErrorLogged("GetStringVals", 151, StringListMessage(path, "g", "k"));
 }
 
-TEST(ConfigParserTest, InvalidUtf8ValueReadsAsEmpty) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  const std::string path = dir.path() + "latin1.conf";
-  WriteFile(path, "[g]\nk=caf\xE9\nlist=a;caf\xE9\nok=fine\n");
+TEST_F(ConfigParserTest, InvalidUtf8ValueReadsAsEmpty) {
+  const std::string path = FileWith("latin1.conf", "[g]\nk=caf\xE9\nlist=a;caf\xE9\nok=fine\n");
   ConfigParser parser;
   ASSERT_EQ(parser.Init(path, ""), 0);
   EXPECT_EQ(parser.GetStringVal("g", "k"), "");
   EXPECT_EQ(parser.GetStringVal("g", "ok"), "fine");
   EXPECT_TRUE(parser.GetStringVals("g", "list").empty());
-  const std::string message = GLibMessage(path, [](GKeyFile* keyFile, GError** error) {
-    gsize length = 0;
-    g_strfreev(g_key_file_get_string_list(keyFile, "g", "list", &length, error));
-  });
-  ASSERT_FALSE(message.empty());
   // GetStringVal clears its error silently; the list getter logs it.
-  EXPECT_EQ(LoggedText(), GetterLine("GetStringVals", 151, message) + "marker\n");
+  ExpectGetterErrorLogged("GetStringVals", 151, StringListMessage(path, "g", "list"));
 }
 
-TEST(ConfigParserTest, MissingGroupGivesDefaults) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, MissingGroupGivesDefaults) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
-  int id = 5;
-  EXPECT_EQ(parser.GetIntegerVal("nogroup", "id", &id), 0);
-  EXPECT_EQ(id, 0);
+  ExpectIntegerReadAsZero(parser, "nogroup", "id", 5);
   EXPECT_FALSE(parser.GetBooleanVal("nogroup", "enabled"));
   EXPECT_EQ(parser.GetStringVal("nogroup", "name"), "");
   double ratio = 1.0;
   EXPECT_EQ(parser.GetDoubleVal("nogroup", "ratio", &ratio), 0);
   EXPECT_EQ(ratio, 0.0);
-  const std::string message = GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
-    g_key_file_get_double(keyFile, "nogroup", "ratio", error);
-  });
-  ASSERT_FALSE(message.empty());
-  EXPECT_EQ(LoggedText(), GetterLine("GetDoubleVal", 105, message) + "marker\n");
+  ExpectGetterErrorLogged("GetDoubleVal", 105, DoubleMessage(kSample, "nogroup", "ratio"));
 }
 
 // ---------------------------------------------------------------------------
 // Typed getters
 
-TEST(ConfigParserTest, GettersReadTypedValuesOfGoldenFile) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, GettersReadTypedValuesOfGoldenFile) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   EXPECT_EQ(parser.GetStringVal("device", "name"), "usb disk");
@@ -266,9 +269,7 @@ TEST(ConfigParserTest, GettersReadTypedValuesOfGoldenFile) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, EmptyGroupOrKeyGivesDefaultsWithoutTouchingOutput) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, EmptyGroupOrKeyGivesDefaultsWithoutTouchingOutput) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   const struct {
@@ -293,23 +294,15 @@ TEST(ConfigParserTest, EmptyGroupOrKeyGivesDefaultsWithoutTouchingOutput) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, IntegerMissingKeyStoresZeroWithoutLine) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, IntegerMissingKeyStoresZeroWithoutLine) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
-  int value = 42;
-  EXPECT_EQ(parser.GetIntegerVal("device", "missing", &value), 0);
-  EXPECT_EQ(value, 0);
-  value = 42;
-  EXPECT_EQ(parser.GetIntegerVal("bad", "number", &value), 0);
-  EXPECT_EQ(value, 0);
+  ExpectIntegerReadAsZero(parser, "device", "missing", 42);
+  ExpectIntegerReadAsZero(parser, "bad", "number", 42);
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, DoubleThatIsNotANumberLogsLine105) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, DoubleThatIsNotANumberLogsLine105) {
   RecordingBackend backend;
   zel::Logger::GetInstance()->RegisterBackend(&backend);
   ConfigParser parser;
@@ -317,18 +310,12 @@ TEST(ConfigParserTest, DoubleThatIsNotANumberLogsLine105) {
   double value = 9.5;
   EXPECT_EQ(parser.GetDoubleVal("bad", "number", &value), 0);
   EXPECT_EQ(value, 0.0);
-  const std::string message = GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
-    g_key_file_get_double(keyFile, "bad", "number", error);
-  });
-  ASSERT_FALSE(message.empty());
-  EXPECT_EQ(LoggedText(), GetterLine("GetDoubleVal", 105, message) + "marker\n");
+  ExpectGetterErrorLogged("GetDoubleVal", 105, DoubleMessage(kSample, "bad", "number"));
   // Flag 0: not forwarded.
   EXPECT_TRUE(backend.lines().empty());
 }
 
-TEST(ConfigParserTest, BooleanAndStringMissingKeyGiveDefaultsWithoutLine) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, BooleanAndStringMissingKeyGiveDefaultsWithoutLine) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   EXPECT_FALSE(parser.GetBooleanVal("device", "missing"));
@@ -337,9 +324,7 @@ TEST(ConfigParserTest, BooleanAndStringMissingKeyGiveDefaultsWithoutLine) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, ListGetterErrorsLogTheirLines) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, ListGetterErrorsLogTheirLines) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   std::string expected;
@@ -363,22 +348,15 @@ TEST(ConfigParserTest, ListGetterErrorsLogTheirLines) {
         g_free(g_key_file_get_boolean_list(keyFile, "device", "aliases", &length, error));
       }));
   EXPECT_TRUE(parser.GetStringVals("device", "missing").empty());
-  expected += GetterLine(
-      "GetStringVals", 151, GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
-        gsize length = 0;
-        g_strfreev(g_key_file_get_string_list(keyFile, "device", "missing", &length, error));
-      }));
+  expected += GetterLine("GetStringVals", 151, StringListMessage(kSample, "device", "missing"));
   EXPECT_EQ(LoggedText(), expected + "marker\n");
 }
 
 // ---------------------------------------------------------------------------
 // SetValuesByString and GetRoot
 
-TEST(ConfigParserTest, SetValuesByStringChangesTheCopyAndLogsNotImplement) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  const std::string path = dir.path() + "client.conf";
-  WriteFile(path, ReadFile(kSample));
+TEST_F(ConfigParserTest, SetValuesByStringChangesTheCopyAndLogsNotImplement) {
+  const std::string path = FileWith("client.conf", ReadFile(kSample));
   ConfigParser parser;
   ASSERT_EQ(parser.Init(path, ""), 0);
   EXPECT_EQ(parser.SetValuesByString("g", "k", "v"), 0);
@@ -391,9 +369,7 @@ TEST(ConfigParserTest, SetValuesByStringChangesTheCopyAndLogsNotImplement) {
   EXPECT_EQ(LoggedText(), line + line + "marker\n");
 }
 
-TEST(ConfigParserTest, SetValuesByStringRefusesEmptyArguments) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, SetValuesByStringRefusesEmptyArguments) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   EXPECT_EQ(parser.SetValuesByString("device", "name", ""), -1);
@@ -403,7 +379,7 @@ TEST(ConfigParserTest, SetValuesByStringRefusesEmptyArguments) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, GetRootIsAlwaysEmpty) {
+TEST_F(ConfigParserTest, GetRootIsAlwaysEmpty) {
   zel_set_log_level(-1);
   ConfigParser parser;
   EXPECT_EQ(parser.GetRoot(), "");
@@ -411,9 +387,7 @@ TEST(ConfigParserTest, GetRootIsAlwaysEmpty) {
   EXPECT_EQ(parser.GetRoot(), "");
 }
 
-TEST(ConfigParserTest, LevelMinusOneSilencesEveryLine) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, LevelMinusOneSilencesEveryLine) {
   zel_set_log_level(-1);
   ConfigParser parser;
   EXPECT_EQ(parser.Init("", ""), -1);
@@ -429,9 +403,7 @@ TEST(ConfigParserTest, LevelMinusOneSilencesEveryLine) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, LevelZeroStillLogsErrors) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, LevelZeroStillLogsErrors) {
   zel_set_log_level(0);
   ConfigParser parser;
   EXPECT_EQ(parser.Init("", ""), -1);
@@ -457,9 +429,7 @@ int LostKeys(ConfigParser& parser, const std::string& group, const std::string& 
   return lost;
 }
 
-TEST(ConfigParserTest, EightThreadsShareOneParser) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, EightThreadsShareOneParser) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   constexpr int kThreads = 8;
@@ -499,9 +469,7 @@ TEST(ConfigParserTest, EightThreadsShareOneParser) {
             kThreads * kRounds);
 }
 
-TEST(ConfigParserTest, EightThreadsSettingNewKeysLoseNone) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, EightThreadsSettingNewKeysLoseNone) {
   // Silent, so that the threads spend their time in the key file.
   zel_set_log_level(-1);
   ConfigParser parser;
@@ -610,10 +578,9 @@ ZEL_TEST_RELEASER(g_strfreev, gchar**)
 
 namespace {
 
-TEST(ConfigParserTest, EveryStringAndListFromGLibIsReleasedThroughGLib) {
-  TempDir dir;
-  const std::string path = dir.path() + "glib.conf";
-  WriteFile(path, "[g]\ns=text\nsl=a;b;c\nil=1;2;3\ndl=1.5;2.5\nbl=true;false\n");
+TEST_F(ConfigParserTest, EveryStringAndListFromGLibIsReleasedThroughGLib) {
+  const std::string path =
+      FileWith("glib.conf", "[g]\ns=text\nsl=a;b;c\nil=1;2;3\ndl=1.5;2.5\nbl=true;false\n");
   ConfigParser parser;
   ASSERT_EQ(parser.Init(path, ";"), 0);
   {
