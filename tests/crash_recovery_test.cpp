@@ -132,6 +132,15 @@ std::string FatalLine(int sig, const char* name) {
   return "zel log: fatal signal " + std::to_string(sig) + " (" + name + ")\n";
 }
 
+// In the child: notes the time and sends SIGSEGV to `victim`, which ends
+// the process; exits with 98 if it does not.
+[[noreturn]] void FaultThread(std::thread& victim) {
+  sShared->faultAtNs.store(NowNs());
+  pthread_kill(victim.native_handle(), SIGSEGV);
+  victim.join();
+  _exit(98);
+}
+
 bool DiedOf(const ChildResult& result, int sig) {
   return result.status != -1 && WIFSIGNALED(result.status) && WTERMSIG(result.status) == sig;
 }
@@ -306,10 +315,7 @@ TEST(CrashRecoveryTest, SignalToAThreadHoldingTheQueueLockEndsWithinMilliseconds
       zel::Logger::GetInstance()->Log(longLine);
     });
     if (!WaitFor([] { return sTrapped.load(); }, std::chrono::milliseconds(30000))) _exit(4);
-    sShared->faultAtNs.store(NowNs());
-    pthread_kill(victim.native_handle(), SIGSEGV);
-    victim.join();
-    _exit(98);
+    FaultThread(victim);
   });
   ASSERT_EQ(sShared->installResult.load(), 0);
   ExpectDrainedWithinTwoSeconds(result, 100, "the lock");
@@ -347,10 +353,7 @@ TEST(CrashRecoveryTest, SignalToAThreadInsideLocaltimeEndsWithinMilliseconds) {
         _exit(4);
       }
       for (int i = 1; i < 50; ++i) log_print(0, 0, "line %d\n", i);
-      sShared->faultAtNs.store(NowNs());
-      pthread_kill(victim.native_handle(), SIGSEGV);
-      victim.join();
-      _exit(98);
+      FaultThread(victim);
     });
     ASSERT_EQ(sShared->installResult.load(), 0);
     ExpectDrainedWithinTwoSeconds(result, 50, "the time zone");
@@ -378,12 +381,19 @@ class FaultingBackend : public zel::LogBackend {
   zel_test::Latch released_;
 };
 
+// In the child: installs the crash handler, keeping its result for the test
+// to check, and a FaultingBackend.
+FaultingBackend& InstallHandlerAndFaultingBackend() {
+  sShared->installResult.store(zel_log_install_crash_handler());
+  static FaultingBackend backend;
+  zel::Logger::GetInstance()->RegisterBackend(&backend);
+  return backend;
+}
+
 TEST(CrashRecoveryTest, FaultOfTheWriterThreadWritesTheLinesItGathered) {
   TempDir dir;
   const ChildResult result = RunChild(dir.path(), 30000, [] {
-    sShared->installResult.store(zel_log_install_crash_handler());
-    static FaultingBackend backend;
-    zel::Logger::GetInstance()->RegisterBackend(&backend);
+    FaultingBackend& backend = InstallHandlerAndFaultingBackend();
     // The writer stops on "gate"; the lines behind it are then taken
     // together and gathered into one run, in which "boom" faults.
     log_print(0, 1, "gate\n");
@@ -410,12 +420,10 @@ TEST(CrashRecoveryTest, WaitAboveTheMaximumIsCappedAtTheMaximumNotTheDefault) {
   // given up at 2 s and written the fatal line alone).
   TempDir dir;
   const ChildResult result = RunChild(dir.path(), 10000000, [] {
-    sShared->installResult.store(zel_log_install_crash_handler());
-    static FaultingBackend backend;
-    zel::Logger::GetInstance()->RegisterBackend(&backend);
+    FaultingBackend& backend = InstallHandlerAndFaultingBackend();
     log_print(0, 1, "gate\n");
     log_print(0, 1, "queued\n");
-    std::thread releaser([] {
+    std::thread releaser([&backend] {
       while (sShared->faultAtNs.load() == 0) std::this_thread::yield();
       const int64_t at = sShared->faultAtNs.load() + 2500 * int64_t{1000000};
       while (NowNs() < at) std::this_thread::sleep_for(std::chrono::milliseconds(10));

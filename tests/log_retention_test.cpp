@@ -48,10 +48,7 @@ std::string MakeDayWithLogFile(const std::string& base, int daysAgo) {
 
 // Starts the Logger on `base`, writes one line and waits for it.
 void LogOneLine(const std::string& base) {
-  zel_set_log_level(-1);
-  zel_set_log_path(base.c_str());
-  log_print(3, 0, "retention test line\n");
-  zel_log_flush();
+  zel_test::StartLogBelow(base, 3, "retention test line\n");
 }
 
 // The live file of today's directory below `base`.

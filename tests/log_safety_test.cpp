@@ -158,7 +158,7 @@ TEST(LogSafetyTest, WorldWritableBaseWithStickyBitIsUsed) {
 #else
   TempDir tmp;
   const std::string base = tmp.path() + "sticky/";
-  ASSERT_TRUE(MakeDirectoryWithMode(base, 01777));
+  ASSERT_TRUE(MakeDirectoryWithMode(base, 01777));  // as /tmp is
   ExpectLoggedWithoutRefusal(base, base, "kept");
 #endif
 }
@@ -175,8 +175,7 @@ TEST(LogSafetyTest, LinkedDayDirectoryIsRefused) {
   TempDir tmp;
   const std::string base = tmp.path() + "base/";
   const std::string elsewhere = tmp.path() + "elsewhere/";
-  ASSERT_EQ(mkdir(base.c_str(), 0700), 0);
-  ASSERT_EQ(mkdir(elsewhere.c_str(), 0700), 0);
+  for (const std::string& made : {base, elsewhere}) ASSERT_EQ(mkdir(made.c_str(), 0700), 0);
   ZEL_MAKE_LINK_OR_SKIP(elsewhere, base + DayName(), true);
   const std::string printed = PrintedForTwoLines(base);
   ExpectRefusedOnce(printed, base + DayName() + ": it is a link");

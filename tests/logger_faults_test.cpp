@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "tests/support/malloc_operators.h"
+#include "tests/support/sanitizers.h"
 #include "tests/support/test_util.h"
 #include "utils/logger.h"
 
@@ -91,17 +92,7 @@ constexpr auto kDeadline = std::chrono::seconds(20);
 
 // The resident memory says nothing about the queue's under ThreadSanitizer,
 // whose shadow memory takes several times each byte the program touches.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kResidentMemoryMeasuresTheQueue = false;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr bool kResidentMemoryMeasuresTheQueue = false;
-#else
-constexpr bool kResidentMemoryMeasuresTheQueue = true;
-#endif
-#else
-constexpr bool kResidentMemoryMeasuresTheQueue = true;
-#endif
+constexpr bool kResidentMemoryMeasuresTheQueue = !zel_test::kUnderThreadSanitizer;
 
 // Makes the next `count` allocations on the calling thread fail, after
 // `after` more have been served.
@@ -229,12 +220,13 @@ class HoldingBackend : public zel::LogBackend {
 
  private:
   std::mutex mutex_;
+  // Signalled when a line comes to the writer or the writer is released.
   std::condition_variable changed_;
-  bool holding_ = false;
-  int calls_ = 0;
-  long failNextOnWriter_ = 0;
-  long failAfter_ = 0;
-  long long writerTid_ = 0;
+  bool holding_ = false;       // guarded by mutex_
+  int calls_ = 0;              // guarded by mutex_
+  long failNextOnWriter_ = 0;  // guarded by mutex_
+  long failAfter_ = 0;         // guarded by mutex_
+  long long writerTid_ = 0;    // guarded by mutex_
 };
 
 HoldingBackend* Backend() {

@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "tests/support/http_server.h"
+#include "tests/support/sanitizers.h"
 #include "tests/support/test_util.h"
 #include "tests/support/tracer_test_util.h"
 #include "tracer/tracer_client.h"
@@ -52,6 +53,13 @@ bool NobodyIds(uid_t& uid, gid_t& gid) {
 // ---------------------------------------------------------------------------
 // The file:// target.
 
+// Writes `text` into the file `name` in `dir`; its path.
+std::string WrittenFile(const TempDir& dir, const std::string& name, const std::string& text) {
+  const std::string path = dir.path() + name;
+  WriteFile(path, text);
+  return path;
+}
+
 // Posts each of `documents` to the file target `path`, expects each to be
 // refused, and returns what the client said on standard error.
 std::string SaidWhenFilePostsAreRefused(const std::string& path,
@@ -85,9 +93,8 @@ TEST(TracerSecurityTest, FileTargetIsCreatedReadableByItsOwnerOnly) {
 
 TEST(TracerSecurityTest, SymbolicLinkAtTheTraceFileIsNotFollowedAndSaidOnce) {
   TempDir dir;
-  const std::string victim = dir.path() + "script.sh";
+  const std::string victim = WrittenFile(dir, "script.sh", "#!/bin/sh\necho fine\n");
   const std::string path = dir.path() + "trace.jsonl";
-  WriteFile(victim, "#!/bin/sh\necho fine\n");
   ASSERT_EQ(symlink(victim.c_str(), path.c_str()), 0);
   const std::string said =
       SaidWhenFilePostsAreRefused(path, {"{\"cmd\":\"\\nrm -rf ~\\n\"}", "{\"cmd\":\"again\"}"});
@@ -99,9 +106,8 @@ TEST(TracerSecurityTest, SymbolicLinkAtTheTraceFileIsNotFollowedAndSaidOnce) {
 
 TEST(TracerSecurityTest, TraceFileWithASecondHardLinkIsRefused) {
   TempDir dir;
-  const std::string victim = dir.path() + "elsewhere";
+  const std::string victim = WrittenFile(dir, "elsewhere", "kept\n");
   const std::string path = dir.path() + "trace.jsonl";
-  WriteFile(victim, "kept\n");
   ASSERT_EQ(link(victim.c_str(), path.c_str()), 0);
   const std::string said = SaidWhenFilePostsAreRefused(path, {"{}"});
   EXPECT_EQ(ReadFile(victim), "kept\n");
@@ -285,17 +291,7 @@ TEST(TracerSecurityTest, ConfigureAfterTheFirstRegistrationIsRefused) {
 // ---------------------------------------------------------------------------
 // A set-user-ID program started by another user.
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
+constexpr bool kSanitized = zel_test::kUnderAddressSanitizer || zel_test::kUnderThreadSanitizer;
 
 // A set-user-ID-root copy of the probe program in a directory that nobody
 // may enter; removed with the directory.

@@ -489,6 +489,15 @@ class LineRecorder : public zel::LogBackend {
   std::vector<std::string> lines_;
 };
 
+// Starts the Logger below `base` with every level written, logs `text` at
+// `level` and waits until it is written.
+inline void StartLogBelow(const std::string& base, int level, const char* text) {
+  zel_set_log_level(-1);
+  zel_set_log_path(base.c_str());
+  log_print(level, 0, "%s", text);
+  zel_log_flush();
+}
+
 // Logs a marker line, waits until everything is written and returns the
 // text of the live log file, prefixes removed. The marker proves that the
 // log works, so a text of the marker alone means that nothing else was
