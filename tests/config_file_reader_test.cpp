@@ -32,19 +32,8 @@
 
 namespace {
 
-using zel_test::FopenError;
-using zel_test::kConfigDataDir;
-using zel_test::ReadValue;
-using zel_test::RunningAsRoot;
-using zel_test::StderrCapture;
-using zel_test::TempDir;
-using zel_test::WriteFile;
-#if defined(ZEL_TEST_ON_WINDOWS)
-using zel_test::kNoPermissionBits;
-#else
-using zel_test::CloseOnExec;
-using zel_test::DescriptorsOf;
-#endif
+// The helpers of tests/support/config_file_test_util.h and test_util.h.
+using namespace zel_test;  // NOLINT(build/namespaces)
 
 // Reads "net"/"port" of `path`, which cannot be opened: the reader gives
 // the empty text (not null). Returns what it printed on standard error.
@@ -204,10 +193,7 @@ TEST(ConfigFileTest, ReaderPrintsFopenErrorWhenAPathComponentIsAFile) {
 }
 
 TEST(ConfigFileTest, ReaderPrintsFopenErrorForUnreadableFile) {
-#if defined(ZEL_TEST_ON_WINDOWS)
-  GTEST_SKIP() << kNoPermissionBits;
-#endif
-  if (RunningAsRoot()) GTEST_SKIP() << "root reads a file without read permission";
+  ZEL_SKIP_UNLESS_PERMISSIONS_REFUSE("root reads a file without read permission");
   TempDir dir;
   const std::string path = dir.path() + "client.ini";
   WriteFile(path, "[net]\nport=80\n");

@@ -50,6 +50,13 @@ using zel_test::DescriptorsOf;
 using zel_test::PathOfDescriptor;
 #endif
 
+// Writes `text` into "client.ini" in `dir`; the file's path.
+std::string ClientIniWith(const TempDir& dir, const std::string& text) {
+  const std::string path = dir.path() + "client.ini";
+  WriteFile(path, text);
+  return path;
+}
+
 // Creates directories below `base` until a file name directly below them
 // gives a path of exactly `length` characters; returns that path.
 std::string PathOfLength(const std::string& base, std::size_t length) {
@@ -135,8 +142,7 @@ TEST(ConfigFileTest, WriterProducesGoldenFiles) {
 
 TEST(ConfigFileTest, PutKeyIntWritesDecimalText) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
-  WriteFile(path, ReadFile(kConfigDataDir + "net.ini"));
+  const std::string path = ClientIniWith(dir, ReadFile(kConfigDataDir + "net.ini"));
   EXPECT_EQ(PutKeyIntToFile(path.c_str(), "net", "port", -7), 0);
   EXPECT_EQ(ReadFile(path), ReadFile(kConfigDataDir + "net_port_minus_7.ini"));
   EXPECT_EQ(GetKeyIntFromFile(path.c_str(), "net", "port"), -7);
@@ -144,9 +150,8 @@ TEST(ConfigFileTest, PutKeyIntWritesDecimalText) {
 
 TEST(ConfigFileTest, WriterWritesLongValuesThatTheReaderCuts) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
   const std::string value(200, 'v');
-  WriteFile(path, "[s]\nk=1\n");
+  const std::string path = ClientIniWith(dir, "[s]\nk=1\n");
   EXPECT_EQ(PutKeyStringToFile(path.c_str(), "s", "k", value.c_str()), 0);
   EXPECT_EQ(ReadFile(path), "[s]\nk=" + value + "\n");
   EXPECT_EQ(ReadValue(path, "s", "k"), value.substr(0, 31));
@@ -154,9 +159,8 @@ TEST(ConfigFileTest, WriterWritesLongValuesThatTheReaderCuts) {
 
 TEST(ConfigFileTest, WriterCutsAValuePastTheLineBuffer) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
   const std::string value(2000, 'v');
-  WriteFile(path, "[s]\nk=1\nnext=2\n");
+  const std::string path = ClientIniWith(dir, "[s]\nk=1\nnext=2\n");
   EXPECT_EQ(PutKeyStringToFile(path.c_str(), "s", "k", value.c_str()), 0);
   // "k=" and 1021 characters fill the 1023 characters of the line; the
   // newline is cut with the rest.
@@ -165,17 +169,15 @@ TEST(ConfigFileTest, WriterCutsAValuePastTheLineBuffer) {
 
 TEST(ConfigFileTest, WriterHandlesALongPhysicalLineAsSeveralLines) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
   const std::string filler(1023, 'a');
-  WriteFile(path, "[s]\n" + filler + "k=1\n");
+  const std::string path = ClientIniWith(dir, "[s]\n" + filler + "k=1\n");
   EXPECT_EQ(PutKeyStringToFile(path.c_str(), "s", "k", "9"), 0);
   EXPECT_EQ(ReadFile(path), "[s]\n" + filler + "k=9\n");
 }
 
 TEST(ConfigFileTest, WriterCopiesEachLineUpToItsFirstNulByte) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
-  WriteFile(path, std::string("[net]\nport\0=1\nport=80\n", 22));
+  const std::string path = ClientIniWith(dir, std::string("[net]\nport\0=1\nport=80\n", 22));
   EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), 0);
   // The bytes from the NUL to the end of that line, newline included, are
   // not copied.
@@ -185,27 +187,23 @@ TEST(ConfigFileTest, WriterCopiesEachLineUpToItsFirstNulByte) {
 TEST(ConfigFileTest, WriterKeepsCrlfLines) {
   TempDir dir;
   const std::string path = dir.path() + "client.ini";
+  // Writes `text` into the file, sets port=8080 in it and gives the bytes
+  // then in the file.
+  const auto rewritten = [&](const std::string& text) {
+    WriteFile(path, text);
+    EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), 0);
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  };
 #if defined(ZEL_TEST_ON_WINDOWS)
   // Text mode on Windows: CRLF lines are read as plain lines (so the key is
   // found) and every line is written back with "\r\n".
-  const auto bytes = [](const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  };
-  WriteFile(path, "[net]\r\nport=80\r\n");
-  EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), 0);
-  EXPECT_EQ(bytes(path), "[net]\r\nport=8080\r\n");
-  WriteFile(path, "[net]\nport=80\r\nhost=h\r\n");
-  EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), 0);
-  EXPECT_EQ(bytes(path), "[net]\r\nport=8080\r\nhost=h\r\n");
-  return;
+  EXPECT_EQ(rewritten("[net]\r\nport=80\r\n"), "[net]\r\nport=8080\r\n");
+  EXPECT_EQ(rewritten("[net]\nport=80\r\nhost=h\r\n"), "[net]\r\nport=8080\r\nhost=h\r\n");
+#else
+  EXPECT_EQ(rewritten("[net]\r\nport=80\r\n"), "[net]\r\nport=80\r\n");
+  EXPECT_EQ(rewritten("[net]\nport=80\r\nhost=h\r\n"), "[net]\nport=8080\nhost=h\r\n");
 #endif
-  WriteFile(path, "[net]\r\nport=80\r\n");
-  EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), 0);
-  EXPECT_EQ(ReadFile(path), "[net]\r\nport=80\r\n");
-  WriteFile(path, "[net]\nport=80\r\nhost=h\r\n");
-  EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), 0);
-  EXPECT_EQ(ReadFile(path), "[net]\nport=8080\nhost=h\r\n");
 }
 
 TEST(ConfigFileTest, WriterReturnsMinusTwoForMissingFileAndPrintsNothing) {
@@ -221,8 +219,7 @@ TEST(ConfigFileTest, WriterReturnsMinusTwoForMissingFileAndPrintsNothing) {
 
 TEST(ConfigFileTest, WriterReturnsMinusOneWhenTheTemporaryFileIsADirectory) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
-  WriteFile(path, "[net]\nport=80\n");
+  const std::string path = ClientIniWith(dir, "[net]\nport=80\n");
   ASSERT_EQ(mkdir((path + ".tmp").c_str(), 0755), 0);
   EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), -1);
   EXPECT_EQ(ReadFile(path), "[net]\nport=80\n");
@@ -230,10 +227,7 @@ TEST(ConfigFileTest, WriterReturnsMinusOneWhenTheTemporaryFileIsADirectory) {
 }
 
 TEST(ConfigFileTest, WriterReturnsMinusOneInReadOnlyDirectory) {
-#if defined(ZEL_TEST_ON_WINDOWS)
-  GTEST_SKIP() << kNoPermissionBits;
-#endif
-  if (RunningAsRoot()) GTEST_SKIP() << "root creates files in a read-only directory";
+  ZEL_SKIP_UNLESS_PERMISSIONS_REFUSE("root creates files in a read-only directory");
   TempDir dir;
   const std::string sub = dir.path() + "ro/";
   ASSERT_EQ(mkdir(sub.c_str(), 0755), 0);
@@ -276,8 +270,7 @@ TEST(ConfigFileTest, WriterReturnsMinusOneAndLeavesTmpWhenRenameFails) {
 
 TEST(ConfigFileTest, WriterTruncatesAStaleTemporaryFile) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
-  WriteFile(path, "[net]\nport=80\n");
+  const std::string path = ClientIniWith(dir, "[net]\nport=80\n");
   WriteFile(path + ".tmp", "stale text that is longer than the new file\n");
   EXPECT_EQ(PutKeyStringToFile(path.c_str(), "net", "port", "8080"), 0);
   EXPECT_EQ(ReadFile(path), "[net]\nport=8080\n");
@@ -323,6 +316,17 @@ struct SyncWatch {
   std::vector<std::string> models;  // the content of `model` at that moment
   std::string model;                // the file whose content is recorded
   int failWith = 0;                 // errno to fail with; 0: sync
+
+  // Forgets the calls recorded so far and records `modelPath` from now on;
+  // the calls fail with `error` (0: they sync).
+  void Watch(const std::string& modelPath, int error) {
+    std::lock_guard<std::mutex> lock(mutex);
+    paths.clear();
+    texts.clear();
+    models.clear();
+    model = modelPath;
+    failWith = error;
+  }
 };
 SyncWatch gSyncWatch;
 
@@ -360,8 +364,7 @@ extern "C" __attribute__((visibility("default"))) int rename(const char* from,
 
 TEST(ConfigFileTest, WriterReturnsMinusOneAndLeavesTmpWhenRenameFails) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
-  WriteFile(path, "[net]\nport=80\n");
+  const std::string path = ClientIniWith(dir, "[net]\nport=80\n");
   gRenameFailsWith = EXDEV;
   const int result = PutKeyStringToFile(path.c_str(), "net", "port", "8080");
   gRenameFailsWith = 0;
@@ -448,15 +451,8 @@ TEST(ConfigFileTest, WriterKeepsThePermissionBitsOfTheFile) {
 
 TEST(ConfigFileTest, WriterSyncsTheWholeCopyBeforeItReplacesTheFile) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
-  WriteFile(path, "[net]\nport=80\nhost=h\n");
-  {
-    std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
-    gSyncWatch.paths.clear();
-    gSyncWatch.texts.clear();
-    gSyncWatch.models.clear();
-    gSyncWatch.model = path;
-  }
+  const std::string path = ClientIniWith(dir, "[net]\nport=80\nhost=h\n");
+  gSyncWatch.Watch(path, 0);
   EXPECT_EQ(PutKeyIntToFile(path.c_str(), "net", "port", 8080), 0);
   std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
   ASSERT_EQ(gSyncWatch.paths.size(), 1u);
@@ -468,16 +464,8 @@ TEST(ConfigFileTest, WriterSyncsTheWholeCopyBeforeItReplacesTheFile) {
 
 TEST(ConfigFileTest, WriterLeavesTheFileUntouchedWhenTheSyncFails) {
   TempDir dir;
-  const std::string path = dir.path() + "client.ini";
-  WriteFile(path, "[net]\nport=80\n");
-  {
-    std::lock_guard<std::mutex> lock(gSyncWatch.mutex);
-    gSyncWatch.paths.clear();
-    gSyncWatch.texts.clear();
-    gSyncWatch.models.clear();
-    gSyncWatch.model = path;
-    gSyncWatch.failWith = EIO;
-  }
+  const std::string path = ClientIniWith(dir, "[net]\nport=80\n");
+  gSyncWatch.Watch(path, EIO);
   const int result = PutKeyIntToFile(path.c_str(), "net", "port", 8080);
   {
     std::lock_guard<std::mutex> lock(gSyncWatch.mutex);

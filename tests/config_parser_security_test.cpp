@@ -64,14 +64,20 @@ TEST(ConfigParserSecurityTest, FileOfExactlyTheBoundIsLoaded) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
+// Init of `path` fails and logs that the file could not be loaded, and
+// nothing else.
+void ExpectUnreadable(const std::string& path) {
+  ConfigParser parser;
+  EXPECT_EQ(parser.Init(path, ","), -1);
+  EXPECT_EQ(LoggedText(), LoadFailedLine(path) + "marker\n");
+}
+
 TEST(ConfigParserSecurityTest, DirectoryFailsAsAnUnreadableFile) {
   TempDir dir;
   zel_set_log_path(dir.path().c_str());
   const std::string path = dir.path() + "sub";
   ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
-  ConfigParser parser;
-  EXPECT_EQ(parser.Init(path, ","), -1);
-  EXPECT_EQ(LoggedText(), LoadFailedLine(path) + "marker\n");
+  ExpectUnreadable(path);
 }
 
 TEST(ConfigParserSecurityTest, EveryResultOfAnOrdinaryFileIsKept) {

@@ -55,18 +55,62 @@ std::string GLibMessage(const std::string& path,
   return message;
 }
 
+// GLib's message for reading the string list `key` of `group` in `path`.
+std::string StringListMessage(const std::string& path, const char* group, const char* key) {
+  return GLibMessage(path, [&](GKeyFile* keyFile, GError** error) {
+    gsize length = 0;
+    g_strfreev(g_key_file_get_string_list(keyFile, group, key, &length, error));
+  });
+}
+
+// GLib's message for reading the number `key` of `group` in `path`.
+std::string DoubleMessage(const std::string& path, const char* group, const char* key) {
+  return GLibMessage(path, [&](GKeyFile* keyFile, GError** error) {
+    g_key_file_get_double(keyFile, group, key, error);
+  });
+}
+
 // The error line of a getter, prefix removed.
 std::string GetterLine(const std::string& function, int line, const std::string& message) {
   return "[][/config_parser.cpp zel::ConfigParser::" + function + " " + std::to_string(line) +
          "] Error:" + message + " \n\n";
 }
 
+// Each test logs below a temporary directory of its own, where it also
+// writes the files it reads.
+class ConfigParserTest : public ::testing::Test {
+ protected:
+  void SetUp() override { zel_set_log_path(dir.path().c_str()); }
+
+  // Writes `text` into the file `name` in the test's directory; its path.
+  std::string FileWith(const std::string& name, const std::string& text) const {
+    const std::string path = dir.path() + name;
+    WriteFile(path, text);
+    return path;
+  }
+
+  TempDir dir;
+};
+
+// Checks that GLib has a message (`message`) and that the getter `function`
+// logged its error line with it at `line`, and nothing else.
+void ExpectGetterErrorLogged(const std::string& function, int line, const std::string& message) {
+  ASSERT_FALSE(message.empty());
+  EXPECT_EQ(LoggedText(), GetterLine(function, line, message) + "marker\n");
+}
+
+// Reads the integer `key` of `group` into a variable that holds `before`:
+// the getter returns 0 and stores 0.
+void ExpectIntegerReadAsZero(ConfigParser& parser, const char* group, const char* key, int before) {
+  int value = before;
+  EXPECT_EQ(parser.GetIntegerVal(group, key, &value), 0);
+  EXPECT_EQ(value, 0);
+}
+
 // ---------------------------------------------------------------------------
 // Init
 
-TEST(ConfigParserTest, InitWithEmptyPathFailsWithLineThirteen) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, InitWithEmptyPathFailsWithLineThirteen) {
   RecordingBackend backend;
   zel::Logger::GetInstance()->RegisterBackend(&backend);
   ConfigParser parser;
@@ -79,14 +123,10 @@ TEST(ConfigParserTest, InitWithEmptyPathFailsWithLineThirteen) {
   ASSERT_EQ(forwarded.size(), 1u);
   EXPECT_EQ(StripLogPrefixes(forwarded[0]), expected);
   // No key file: the getters give their defaults.
-  int value = 5;
-  EXPECT_EQ(parser.GetIntegerVal("device", "id", &value), 0);
-  EXPECT_EQ(value, 0);
+  ExpectIntegerReadAsZero(parser, "device", "id", 5);
 }
 
-TEST(ConfigParserTest, InitWithMissingFileFailsWithLineTwentyNine) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, InitWithMissingFileFailsWithLineTwentyNine) {
   RecordingBackend backend;
   zel::Logger::GetInstance()->RegisterBackend(&backend);
   const std::string path = dir.path() + "missing.conf";
@@ -100,16 +140,14 @@ TEST(ConfigParserTest, InitWithMissingFileFailsWithLineTwentyNine) {
   EXPECT_EQ(StripLogPrefixes(forwarded[0]), expected);
 }
 
-TEST(ConfigParserTest, InitLoadsFileWithoutLogging) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, InitLoadsFileWithoutLogging) {
   ConfigParser parser;
   EXPECT_EQ(parser.Init(kSample, ""), 0);
   EXPECT_EQ(parser.GetStringVal("device", "name"), "usb disk");
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, OnlyASeparatorOfOneCharacterChangesTheListSeparator) {
+TEST_F(ConfigParserTest, OnlyASeparatorOfOneCharacterChangesTheListSeparator) {
   zel_set_log_level(-1);
   const std::string path = kDataDir + "separators.conf";
   const struct {
@@ -131,9 +169,8 @@ TEST(ConfigParserTest, OnlyASeparatorOfOneCharacterChangesTheListSeparator) {
   }
 }
 
-TEST(ConfigParserTest, SecondInitReplacesTheKeyFile) {
+TEST_F(ConfigParserTest, SecondInitReplacesTheKeyFile) {
   zel_set_log_level(-1);
-  TempDir dir;
   WriteFile(dir.path() + "first.conf", "[g]\nk=first\nonly=1\n");
   WriteFile(dir.path() + "second.conf", "[g]\nk=second\n");
   ConfigParser parser;
@@ -143,9 +180,8 @@ TEST(ConfigParserTest, SecondInitReplacesTheKeyFile) {
   EXPECT_EQ(parser.GetStringVal("g", "only"), "");
 }
 
-TEST(ConfigParserTest, FailedInitAfterALoadLeavesNoKeyFile) {
+TEST_F(ConfigParserTest, FailedInitAfterALoadLeavesNoKeyFile) {
   zel_set_log_level(-1);
-  TempDir dir;
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   ASSERT_EQ(parser.GetStringVal("device", "name"), "usb disk");
@@ -158,26 +194,19 @@ TEST(ConfigParserTest, FailedInitAfterALoadLeavesNoKeyFile) {
   EXPECT_EQ(ratio, 0.0);
 }
 
-TEST(ConfigParserTest, GettersBeforeInitGiveDefaultsSilently) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, GettersBeforeInitGiveDefaultsSilently) {
   ConfigParser parser;
   StderrCapture capture;
+  ExpectIntegerReadAsZero(parser, "device", "id", 5);
   EXPECT_EQ(parser.GetStringVal("device", "name"), "");
   EXPECT_TRUE(parser.GetIntegerVals("device", "ports").empty());
   EXPECT_FALSE(parser.GetBooleanVal("device", "enabled"));
-  int id = 5;
-  EXPECT_EQ(parser.GetIntegerVal("device", "id", &id), 0);
-  EXPECT_EQ(id, 0);
   EXPECT_EQ(capture.Stop(), "");
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, InitFailsOnFileWithByteOrderMark) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  const std::string path = dir.path() + "bom.conf";
-  WriteFile(path, "\xEF\xBB\xBF[g]\nk=v\n");
+TEST_F(ConfigParserTest, InitFailsOnFileWithByteOrderMark) {
+  const std::string path = FileWith("bom.conf", "\xEF\xBB\xBF[g]\nk=v\n");
   ConfigParser parser;
   EXPECT_EQ(parser.Init(path, ""), -1);
   EXPECT_EQ(parser.GetStringVal("g", "k"), "");
@@ -185,69 +214,43 @@ TEST(ConfigParserTest, InitFailsOnFileWithByteOrderMark) {
                               "] err\n" + "marker\n");
 }
 
-TEST(ConfigParserTest, EmptyFileLoadsAndReportsMissingGroup) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  const std::string path = dir.path() + "empty.conf";
-  WriteFile(path, "");
+TEST_F(ConfigParserTest, EmptyFileLoadsAndReportsMissingGroup) {
+  const std::string path = FileWith("empty.conf", "");
   ConfigParser parser;
   ASSERT_EQ(parser.Init(path, ""), 0);
   EXPECT_EQ(parser.GetStringVal("g", "k"), "");
   const std::vector<std::string> items = parser.GetStringVals("g", "k");
   EXPECT_TRUE(items.empty());
-  const std::string message = GLibMessage(path, [](GKeyFile* keyFile, GError** error) {
-    gsize length = 0;
-    g_strfreev(g_key_file_get_string_list(keyFile, "g", "k", &length, error));
-  });
-  ASSERT_FALSE(message.empty());
-  EXPECT_EQ(LoggedText(), GetterLine("GetStringVals", 151, message) + "marker\n");
+  ExpectGetterErrorLogged("GetStringVals", 151, StringListMessage(path, "g", "k"));
 }
 
-TEST(ConfigParserTest, InvalidUtf8ValueReadsAsEmpty) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  const std::string path = dir.path() + "latin1.conf";
-  WriteFile(path, "[g]\nk=caf\xE9\nlist=a;caf\xE9\nok=fine\n");
+TEST_F(ConfigParserTest, InvalidUtf8ValueReadsAsEmpty) {
+  const std::string path = FileWith("latin1.conf", "[g]\nk=caf\xE9\nlist=a;caf\xE9\nok=fine\n");
   ConfigParser parser;
   ASSERT_EQ(parser.Init(path, ""), 0);
   EXPECT_EQ(parser.GetStringVal("g", "k"), "");
   EXPECT_EQ(parser.GetStringVal("g", "ok"), "fine");
   EXPECT_TRUE(parser.GetStringVals("g", "list").empty());
-  const std::string message = GLibMessage(path, [](GKeyFile* keyFile, GError** error) {
-    gsize length = 0;
-    g_strfreev(g_key_file_get_string_list(keyFile, "g", "list", &length, error));
-  });
-  ASSERT_FALSE(message.empty());
   // GetStringVal clears its error silently; the list getter logs it.
-  EXPECT_EQ(LoggedText(), GetterLine("GetStringVals", 151, message) + "marker\n");
+  ExpectGetterErrorLogged("GetStringVals", 151, StringListMessage(path, "g", "list"));
 }
 
-TEST(ConfigParserTest, MissingGroupGivesDefaults) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, MissingGroupGivesDefaults) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
-  int id = 5;
-  EXPECT_EQ(parser.GetIntegerVal("nogroup", "id", &id), 0);
-  EXPECT_EQ(id, 0);
+  ExpectIntegerReadAsZero(parser, "nogroup", "id", 5);
   EXPECT_FALSE(parser.GetBooleanVal("nogroup", "enabled"));
   EXPECT_EQ(parser.GetStringVal("nogroup", "name"), "");
   double ratio = 1.0;
   EXPECT_EQ(parser.GetDoubleVal("nogroup", "ratio", &ratio), 0);
   EXPECT_EQ(ratio, 0.0);
-  const std::string message = GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
-    g_key_file_get_double(keyFile, "nogroup", "ratio", error);
-  });
-  ASSERT_FALSE(message.empty());
-  EXPECT_EQ(LoggedText(), GetterLine("GetDoubleVal", 105, message) + "marker\n");
+  ExpectGetterErrorLogged("GetDoubleVal", 105, DoubleMessage(kSample, "nogroup", "ratio"));
 }
 
 // ---------------------------------------------------------------------------
 // Typed getters
 
-TEST(ConfigParserTest, GettersReadTypedValuesOfGoldenFile) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, GettersReadTypedValuesOfGoldenFile) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   EXPECT_EQ(parser.GetStringVal("device", "name"), "usb disk");
@@ -266,9 +269,7 @@ TEST(ConfigParserTest, GettersReadTypedValuesOfGoldenFile) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, EmptyGroupOrKeyGivesDefaultsWithoutTouchingOutput) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, EmptyGroupOrKeyGivesDefaultsWithoutTouchingOutput) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   const struct {
@@ -293,23 +294,15 @@ TEST(ConfigParserTest, EmptyGroupOrKeyGivesDefaultsWithoutTouchingOutput) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, IntegerMissingKeyStoresZeroWithoutLine) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, IntegerMissingKeyStoresZeroWithoutLine) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
-  int value = 42;
-  EXPECT_EQ(parser.GetIntegerVal("device", "missing", &value), 0);
-  EXPECT_EQ(value, 0);
-  value = 42;
-  EXPECT_EQ(parser.GetIntegerVal("bad", "number", &value), 0);
-  EXPECT_EQ(value, 0);
+  ExpectIntegerReadAsZero(parser, "device", "missing", 42);
+  ExpectIntegerReadAsZero(parser, "bad", "number", 42);
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, DoubleThatIsNotANumberLogsLine105) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, DoubleThatIsNotANumberLogsLine105) {
   RecordingBackend backend;
   zel::Logger::GetInstance()->RegisterBackend(&backend);
   ConfigParser parser;
@@ -317,18 +310,12 @@ TEST(ConfigParserTest, DoubleThatIsNotANumberLogsLine105) {
   double value = 9.5;
   EXPECT_EQ(parser.GetDoubleVal("bad", "number", &value), 0);
   EXPECT_EQ(value, 0.0);
-  const std::string message = GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
-    g_key_file_get_double(keyFile, "bad", "number", error);
-  });
-  ASSERT_FALSE(message.empty());
-  EXPECT_EQ(LoggedText(), GetterLine("GetDoubleVal", 105, message) + "marker\n");
+  ExpectGetterErrorLogged("GetDoubleVal", 105, DoubleMessage(kSample, "bad", "number"));
   // Flag 0: not forwarded.
   EXPECT_TRUE(backend.lines().empty());
 }
 
-TEST(ConfigParserTest, BooleanAndStringMissingKeyGiveDefaultsWithoutLine) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, BooleanAndStringMissingKeyGiveDefaultsWithoutLine) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   EXPECT_FALSE(parser.GetBooleanVal("device", "missing"));
@@ -337,9 +324,7 @@ TEST(ConfigParserTest, BooleanAndStringMissingKeyGiveDefaultsWithoutLine) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, ListGetterErrorsLogTheirLines) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, ListGetterErrorsLogTheirLines) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   std::string expected;
@@ -363,22 +348,15 @@ TEST(ConfigParserTest, ListGetterErrorsLogTheirLines) {
         g_free(g_key_file_get_boolean_list(keyFile, "device", "aliases", &length, error));
       }));
   EXPECT_TRUE(parser.GetStringVals("device", "missing").empty());
-  expected += GetterLine(
-      "GetStringVals", 151, GLibMessage(kSample, [](GKeyFile* keyFile, GError** error) {
-        gsize length = 0;
-        g_strfreev(g_key_file_get_string_list(keyFile, "device", "missing", &length, error));
-      }));
+  expected += GetterLine("GetStringVals", 151, StringListMessage(kSample, "device", "missing"));
   EXPECT_EQ(LoggedText(), expected + "marker\n");
 }
 
 // ---------------------------------------------------------------------------
 // SetValuesByString and GetRoot
 
-TEST(ConfigParserTest, SetValuesByStringChangesTheCopyAndLogsNotImplement) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  const std::string path = dir.path() + "client.conf";
-  WriteFile(path, ReadFile(kSample));
+TEST_F(ConfigParserTest, SetValuesByStringChangesTheCopyAndLogsNotImplement) {
+  const std::string path = FileWith("client.conf", ReadFile(kSample));
   ConfigParser parser;
   ASSERT_EQ(parser.Init(path, ""), 0);
   EXPECT_EQ(parser.SetValuesByString("g", "k", "v"), 0);
@@ -391,9 +369,7 @@ TEST(ConfigParserTest, SetValuesByStringChangesTheCopyAndLogsNotImplement) {
   EXPECT_EQ(LoggedText(), line + line + "marker\n");
 }
 
-TEST(ConfigParserTest, SetValuesByStringRefusesEmptyArguments) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, SetValuesByStringRefusesEmptyArguments) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   EXPECT_EQ(parser.SetValuesByString("device", "name", ""), -1);
@@ -403,7 +379,7 @@ TEST(ConfigParserTest, SetValuesByStringRefusesEmptyArguments) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, GetRootIsAlwaysEmpty) {
+TEST_F(ConfigParserTest, GetRootIsAlwaysEmpty) {
   zel_set_log_level(-1);
   ConfigParser parser;
   EXPECT_EQ(parser.GetRoot(), "");
@@ -411,9 +387,7 @@ TEST(ConfigParserTest, GetRootIsAlwaysEmpty) {
   EXPECT_EQ(parser.GetRoot(), "");
 }
 
-TEST(ConfigParserTest, LevelMinusOneSilencesEveryLine) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, LevelMinusOneSilencesEveryLine) {
   zel_set_log_level(-1);
   ConfigParser parser;
   EXPECT_EQ(parser.Init("", ""), -1);
@@ -429,9 +403,7 @@ TEST(ConfigParserTest, LevelMinusOneSilencesEveryLine) {
   EXPECT_EQ(LoggedText(), "marker\n");
 }
 
-TEST(ConfigParserTest, LevelZeroStillLogsErrors) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, LevelZeroStillLogsErrors) {
   zel_set_log_level(0);
   ConfigParser parser;
   EXPECT_EQ(parser.Init("", ""), -1);
@@ -442,54 +414,53 @@ TEST(ConfigParserTest, LevelZeroStillLogsErrors) {
 // ---------------------------------------------------------------------------
 // Threads
 
-TEST(ConfigParserTest, EightThreadsShareOneParser) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+// How many of the keys "<prefix><t>_<n>" of `group`, for each thread t
+// below `threads` and each n below `perThread`, do not hold n: the writes
+// lost.
+int LostKeys(ConfigParser& parser, const std::string& group, const std::string& prefix, int threads,
+             int perThread) {
+  int lost = 0;
+  for (int t = 0; t < threads; ++t) {
+    for (int n = 0; n < perThread; ++n) {
+      const std::string key = prefix + std::to_string(t) + "_" + std::to_string(n);
+      if (parser.GetStringVal(group, key) != std::to_string(n)) ++lost;
+    }
+  }
+  return lost;
+}
+
+TEST_F(ConfigParserTest, EightThreadsShareOneParser) {
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   constexpr int kThreads = 8;
   constexpr int kRounds = 200;
   std::atomic<int> failures{0};
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      // Start together, so that the calls overlap.
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) std::this_thread::yield();
-      for (int r = 0; r < kRounds; ++r) {
-        int id = 0;
-        double ratio = 0.0;
-        double bad = 1.0;
-        if (parser.GetIntegerVal("device", "id", &id) != 0 || id != 42) ++failures;
-        if (parser.GetDoubleVal("device", "ratio", &ratio) != 0 || ratio != 0.75) ++failures;
-        if (parser.GetDoubleVal("bad", "number", &bad) != 0 || bad != 0.0) ++failures;
-        if (parser.GetStringVal("device", "name") != "usb disk") ++failures;
-        if (!parser.GetBooleanVal("device", "enabled")) ++failures;
-        if (parser.GetStringVals("device", "aliases").size() != 3) ++failures;
-        if (parser.GetIntegerVals("device", "ports") != std::vector<int>{1, 2, 3}) ++failures;
-        if (parser.GetDoubleVals("device", "limits").size() != 3) ++failures;
-        if (parser.GetBooleanVals("device", "flags").size() != 3) ++failures;
-        // A new key each round: GLib's tables for the group grow while the
-        // other threads read and write them, which only the parser's lock
-        // keeps apart.
-        const std::string own = "thread" + std::to_string(t) + "_" + std::to_string(r);
-        if (parser.SetValuesByString("own", own, std::to_string(r)) != 0) ++failures;
-        if (parser.GetStringVal("own", own) != std::to_string(r)) ++failures;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  // Started together, so that the calls overlap.
+  zel_test::RunTogether(kThreads, [&](int t) {
+    for (int r = 0; r < kRounds; ++r) {
+      int id = 0;
+      double ratio = 0.0;
+      double bad = 1.0;
+      if (parser.GetIntegerVal("device", "id", &id) != 0 || id != 42) ++failures;
+      if (parser.GetDoubleVal("device", "ratio", &ratio) != 0 || ratio != 0.75) ++failures;
+      if (parser.GetDoubleVal("bad", "number", &bad) != 0 || bad != 0.0) ++failures;
+      if (parser.GetStringVal("device", "name") != "usb disk") ++failures;
+      if (!parser.GetBooleanVal("device", "enabled")) ++failures;
+      if (parser.GetStringVals("device", "aliases").size() != 3) ++failures;
+      if (parser.GetIntegerVals("device", "ports") != std::vector<int>{1, 2, 3}) ++failures;
+      if (parser.GetDoubleVals("device", "limits").size() != 3) ++failures;
+      if (parser.GetBooleanVals("device", "flags").size() != 3) ++failures;
+      // A new key each round: GLib's tables for the group grow while the
+      // other threads read and write them, which only the parser's lock
+      // keeps apart.
+      const std::string own = "thread" + std::to_string(t) + "_" + std::to_string(r);
+      if (parser.SetValuesByString("own", own, std::to_string(r)) != 0) ++failures;
+      if (parser.GetStringVal("own", own) != std::to_string(r)) ++failures;
+    }
+  });
   EXPECT_EQ(failures.load(), 0);
   // No write was lost: every key of every thread holds its value.
-  int lost = 0;
-  for (int t = 0; t < kThreads; ++t) {
-    for (int r = 0; r < kRounds; ++r) {
-      const std::string own = "thread" + std::to_string(t) + "_" + std::to_string(r);
-      if (parser.GetStringVal("own", own) != std::to_string(r)) ++lost;
-    }
-  }
-  EXPECT_EQ(lost, 0);
+  EXPECT_EQ(LostKeys(parser, "own", "thread", kThreads, kRounds), 0);
   // Every error line was written whole.
   const std::string text = LoggedText();
   EXPECT_EQ(zel_test::CountOccurrences(text, "zel::ConfigParser::GetDoubleVal 105] Error:"),
@@ -498,38 +469,22 @@ TEST(ConfigParserTest, EightThreadsShareOneParser) {
             kThreads * kRounds);
 }
 
-TEST(ConfigParserTest, EightThreadsSettingNewKeysLoseNone) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(ConfigParserTest, EightThreadsSettingNewKeysLoseNone) {
   // Silent, so that the threads spend their time in the key file.
   zel_set_log_level(-1);
   ConfigParser parser;
   ASSERT_EQ(parser.Init(kSample, ""), 0);
   constexpr int kThreads = 8;
   constexpr int kKeys = 5000;
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) std::this_thread::yield();
-      for (int k = 0; k < kKeys; ++k) {
-        const std::string key = "k" + std::to_string(t) + "_" + std::to_string(k);
-        parser.SetValuesByString("shared", key, std::to_string(k));
-        // A reader in the same group while the others insert.
-        parser.GetStringVal("shared", "k0_0");
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  int lost = 0;
-  for (int t = 0; t < kThreads; ++t) {
+  zel_test::RunTogether(kThreads, [&](int t) {
     for (int k = 0; k < kKeys; ++k) {
       const std::string key = "k" + std::to_string(t) + "_" + std::to_string(k);
-      if (parser.GetStringVal("shared", key) != std::to_string(k)) ++lost;
+      parser.SetValuesByString("shared", key, std::to_string(k));
+      // A reader in the same group while the others insert.
+      parser.GetStringVal("shared", "k0_0");
     }
-  }
-  EXPECT_EQ(lost, 0);
+  });
+  EXPECT_EQ(LostKeys(parser, "shared", "k", kThreads, kKeys), 0);
 }
 
 }  // namespace
@@ -588,6 +543,22 @@ Function Real(const char* name) {
 // (the test program is built with hidden visibility).
 #define ZEL_TEST_INTERPOSE __attribute__((visibility("default")))
 
+// A list getter of GLib's key files that records the list it hands out.
+#define ZEL_TEST_LIST_GETTER(type, name)                                              \
+  ZEL_TEST_INTERPOSE type* name(GKeyFile* file, const gchar* group, const gchar* key, \
+                                gsize* length, GError** error) {                      \
+    static const auto real = Real<decltype(&name)>(#name);                            \
+    return HandedOut(real(file, group, key, length, error));                          \
+  }
+
+// A function of GLib's that frees what it is given and records the release.
+#define ZEL_TEST_RELEASER(name, type)                      \
+  ZEL_TEST_INTERPOSE void name(type memory) {              \
+    static const auto real = Real<decltype(&name)>(#name); \
+    Released(memory);                                      \
+    real(memory);                                          \
+  }
+
 extern "C" {
 
 ZEL_TEST_INTERPOSE gchar* g_key_file_get_string(GKeyFile* file, const gchar* group,
@@ -596,58 +567,20 @@ ZEL_TEST_INTERPOSE gchar* g_key_file_get_string(GKeyFile* file, const gchar* gro
   return HandedOut(real(file, group, key, error));
 }
 
-ZEL_TEST_INTERPOSE gchar** g_key_file_get_string_list(GKeyFile* file, const gchar* group,
-                                                      const gchar* key, gsize* length,
-                                                      GError** error) {
-  static const auto real =
-      Real<decltype(&g_key_file_get_string_list)>("g_key_file_get_string_list");
-  return HandedOut(real(file, group, key, length, error));
-}
-
-ZEL_TEST_INTERPOSE gint* g_key_file_get_integer_list(GKeyFile* file, const gchar* group,
-                                                     const gchar* key, gsize* length,
-                                                     GError** error) {
-  static const auto real =
-      Real<decltype(&g_key_file_get_integer_list)>("g_key_file_get_integer_list");
-  return HandedOut(real(file, group, key, length, error));
-}
-
-ZEL_TEST_INTERPOSE gdouble* g_key_file_get_double_list(GKeyFile* file, const gchar* group,
-                                                       const gchar* key, gsize* length,
-                                                       GError** error) {
-  static const auto real =
-      Real<decltype(&g_key_file_get_double_list)>("g_key_file_get_double_list");
-  return HandedOut(real(file, group, key, length, error));
-}
-
-ZEL_TEST_INTERPOSE gboolean* g_key_file_get_boolean_list(GKeyFile* file, const gchar* group,
-                                                         const gchar* key, gsize* length,
-                                                         GError** error) {
-  static const auto real =
-      Real<decltype(&g_key_file_get_boolean_list)>("g_key_file_get_boolean_list");
-  return HandedOut(real(file, group, key, length, error));
-}
-
-ZEL_TEST_INTERPOSE void g_free(gpointer memory) {
-  static const auto real = Real<decltype(&g_free)>("g_free");
-  Released(memory);
-  real(memory);
-}
-
-ZEL_TEST_INTERPOSE void g_strfreev(gchar** list) {
-  static const auto real = Real<decltype(&g_strfreev)>("g_strfreev");
-  Released(list);
-  real(list);
-}
+ZEL_TEST_LIST_GETTER(gchar*, g_key_file_get_string_list)
+ZEL_TEST_LIST_GETTER(gint, g_key_file_get_integer_list)
+ZEL_TEST_LIST_GETTER(gdouble, g_key_file_get_double_list)
+ZEL_TEST_LIST_GETTER(gboolean, g_key_file_get_boolean_list)
+ZEL_TEST_RELEASER(g_free, gpointer)
+ZEL_TEST_RELEASER(g_strfreev, gchar**)
 
 }  // extern "C"
 
 namespace {
 
-TEST(ConfigParserTest, EveryStringAndListFromGLibIsReleasedThroughGLib) {
-  TempDir dir;
-  const std::string path = dir.path() + "glib.conf";
-  WriteFile(path, "[g]\ns=text\nsl=a;b;c\nil=1;2;3\ndl=1.5;2.5\nbl=true;false\n");
+TEST_F(ConfigParserTest, EveryStringAndListFromGLibIsReleasedThroughGLib) {
+  const std::string path =
+      FileWith("glib.conf", "[g]\ns=text\nsl=a;b;c\nil=1;2;3\ndl=1.5;2.5\nbl=true;false\n");
   ConfigParser parser;
   ASSERT_EQ(parser.Init(path, ";"), 0);
   {

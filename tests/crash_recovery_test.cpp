@@ -132,6 +132,15 @@ std::string FatalLine(int sig, const char* name) {
   return "zel log: fatal signal " + std::to_string(sig) + " (" + name + ")\n";
 }
 
+// In the child: notes the time and sends SIGSEGV to `victim`, which ends
+// the process; exits with 98 if it does not.
+[[noreturn]] void FaultThread(std::thread& victim) {
+  sShared->faultAtNs.store(NowNs());
+  pthread_kill(victim.native_handle(), SIGSEGV);
+  victim.join();
+  _exit(98);
+}
+
 bool DiedOf(const ChildResult& result, int sig) {
   return result.status != -1 && WIFSIGNALED(result.status) && WTERMSIG(result.status) == sig;
 }
@@ -276,6 +285,20 @@ __attribute__((visibility("default"), noinline)) void operator delete(void* memo
 
 namespace {
 
+// Expects the child of `result` to have died of SIGSEGV within two seconds
+// of the fault, its log holding "line 0" to "line <lines - 1>" and the
+// fatal line: the drain did not wait for `waitedFor`.
+void ExpectDrainedWithinTwoSeconds(const ChildResult& result, int lines,
+                                   const std::string& waitedFor) {
+  EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
+  EXPECT_GE(result.took.count(), 0);
+  EXPECT_LT(result.took.count(), 2000) << "the drain waited for " << waitedFor;
+  std::string expected;
+  for (int i = 0; i < lines; ++i) expected += "line " + std::to_string(i) + "\n";
+  expected += FatalLine(SIGSEGV, "SIGSEGV");
+  EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
+}
+
 // The drain must not wait for the queue's lock, which the faulting thread
 // holds for good. The wait is set far longer than the bound, so that a
 // drain that waits it out cannot pass.
@@ -292,19 +315,10 @@ TEST(CrashRecoveryTest, SignalToAThreadHoldingTheQueueLockEndsWithinMilliseconds
       zel::Logger::GetInstance()->Log(longLine);
     });
     if (!WaitFor([] { return sTrapped.load(); }, std::chrono::milliseconds(30000))) _exit(4);
-    sShared->faultAtNs.store(NowNs());
-    pthread_kill(victim.native_handle(), SIGSEGV);
-    victim.join();
-    _exit(98);
+    FaultThread(victim);
   });
   ASSERT_EQ(sShared->installResult.load(), 0);
-  EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
-  EXPECT_GE(result.took.count(), 0);
-  EXPECT_LT(result.took.count(), 2000) << "the drain waited for the lock";
-  std::string expected;
-  for (int i = 0; i < 100; ++i) expected += "line " + std::to_string(i) + "\n";
-  expected += FatalLine(SIGSEGV, "SIGSEGV");
-  EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
+  ExpectDrainedWithinTwoSeconds(result, 100, "the lock");
   EXPECT_NE(result.log.find("[tid:" + std::to_string(sShared->faultingTid.load()) + "] zel log"),
             std::string::npos)
       << result.log;
@@ -339,19 +353,10 @@ TEST(CrashRecoveryTest, SignalToAThreadInsideLocaltimeEndsWithinMilliseconds) {
         _exit(4);
       }
       for (int i = 1; i < 50; ++i) log_print(0, 0, "line %d\n", i);
-      sShared->faultAtNs.store(NowNs());
-      pthread_kill(victim.native_handle(), SIGSEGV);
-      victim.join();
-      _exit(98);
+      FaultThread(victim);
     });
     ASSERT_EQ(sShared->installResult.load(), 0);
-    EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
-    EXPECT_GE(result.took.count(), 0);
-    EXPECT_LT(result.took.count(), 2000) << "the drain waited for the time zone";
-    std::string expected;
-    for (int i = 0; i < 50; ++i) expected += "line " + std::to_string(i) + "\n";
-    expected += FatalLine(SIGSEGV, "SIGSEGV");
-    EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
+    ExpectDrainedWithinTwoSeconds(result, 50, "the time zone");
   }
 }
 
@@ -363,34 +368,32 @@ TEST(CrashRecoveryTest, SignalToAThreadInsideLocaltimeEndsWithinMilliseconds) {
 class FaultingBackend : public zel::LogBackend {
  public:
   void Log(const std::string& line) override {
-    if (line.find("] gate\n") != std::string::npos) {
-      std::unique_lock<std::mutex> lock(mutex_);
-      cond_.wait(lock, [this] { return released_; });
-    }
+    if (line.find("] gate\n") != std::string::npos) released_.Wait();
     if (line.find("] boom\n") != std::string::npos) {
       sShared->faultingTid.store(Tid());
       volatile std::uintptr_t address = 16;
       *reinterpret_cast<volatile int*>(address) = 1;
     }
   }
-  void Release() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    released_ = true;
-    cond_.notify_all();
-  }
+  void Release() { released_.Open(); }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  bool released_ = false;
+  zel_test::Latch released_;
 };
+
+// In the child: installs the crash handler, keeping its result for the test
+// to check, and a FaultingBackend.
+FaultingBackend& InstallHandlerAndFaultingBackend() {
+  sShared->installResult.store(zel_log_install_crash_handler());
+  static FaultingBackend backend;
+  zel::Logger::GetInstance()->RegisterBackend(&backend);
+  return backend;
+}
 
 TEST(CrashRecoveryTest, FaultOfTheWriterThreadWritesTheLinesItGathered) {
   TempDir dir;
   const ChildResult result = RunChild(dir.path(), 30000, [] {
-    sShared->installResult.store(zel_log_install_crash_handler());
-    static FaultingBackend backend;
-    zel::Logger::GetInstance()->RegisterBackend(&backend);
+    FaultingBackend& backend = InstallHandlerAndFaultingBackend();
     // The writer stops on "gate"; the lines behind it are then taken
     // together and gathered into one run, in which "boom" faults.
     log_print(0, 1, "gate\n");
@@ -417,12 +420,10 @@ TEST(CrashRecoveryTest, WaitAboveTheMaximumIsCappedAtTheMaximumNotTheDefault) {
   // given up at 2 s and written the fatal line alone).
   TempDir dir;
   const ChildResult result = RunChild(dir.path(), 10000000, [] {
-    sShared->installResult.store(zel_log_install_crash_handler());
-    static FaultingBackend backend;
-    zel::Logger::GetInstance()->RegisterBackend(&backend);
+    FaultingBackend& backend = InstallHandlerAndFaultingBackend();
     log_print(0, 1, "gate\n");
     log_print(0, 1, "queued\n");
-    std::thread releaser([] {
+    std::thread releaser([&backend] {
       while (sShared->faultAtNs.load() == 0) std::this_thread::yield();
       const int64_t at = sShared->faultAtNs.load() + 2500 * int64_t{1000000};
       while (NowNs() < at) std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -445,22 +446,13 @@ TEST(CrashRecoveryTest, WaitAboveTheMaximumIsCappedAtTheMaximumNotTheDefault) {
 class SlowBackend : public zel::LogBackend {
  public:
   void Log(const std::string&) override {
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      cond_.wait(lock, [this] { return released_; });
-    }
+    released_.Wait();
     std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
-  void Release() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    released_ = true;
-    cond_.notify_all();
-  }
+  void Release() { released_.Open(); }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  bool released_ = false;
+  zel_test::Latch released_;
 };
 
 TEST(CrashRecoveryTest, TwoThreadsFaultingAtOnceGiveTheDrainAndOneFatalLine) {

@@ -333,6 +333,14 @@ void CollectCrash(const std::string& base, CrashShared* shared, WaitEnd waitEnd,
   if (!live.empty()) result->log = ReadFile(live);
 }
 
+// The record in `memory`, reset for a new child; null when the memory could
+// not be made.
+CrashShared* ResetRecord(const zel_test::SharedWithChild<CrashShared>& memory) {
+  CrashShared* shared = memory.get();
+  if (shared != nullptr) shared->Reset();
+  return shared;
+}
+
 #if defined(ZEL_TEST_ON_WINDOWS)
 
 // The exception filter the application had before the drain: appends a
@@ -372,9 +380,8 @@ CrashResult RunCrash(const std::string& base, bool stuckWriter,
                      const std::string& priorMarker = std::string()) {
   CrashResult result;
   const zel_test::SharedWithChild<CrashShared> memory;
-  CrashShared* shared = memory.get();
+  CrashShared* shared = ResetRecord(memory);
   if (shared == nullptr) return result;
-  shared->Reset();
   // The child's streams are NUL: whatever the system starts for the
   // unhandled fault (Wine's debugger, unless the windows test preset
   // disables it) must not hold the test's output open after the test.
@@ -485,9 +492,8 @@ CrashResult RunCrash(const std::string& base, Fault fault, bool stuckWriter,
                      const std::string& priorMarker = std::string()) {
   CrashResult result;
   const zel_test::SharedWithChild<CrashShared> memory;
-  CrashShared* shared = memory.get();
+  CrashShared* shared = ResetRecord(memory);
   if (shared == nullptr) return result;
-  shared->Reset();
   const ChildHandle child = StartChild(
       RunChildRole, {"drain", memory.role(), base, std::to_string(static_cast<int>(fault)),
                      stuckWriter ? "1" : "0", priorMarker});

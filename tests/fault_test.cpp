@@ -28,6 +28,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/child_process.h"
@@ -79,6 +80,31 @@ std::string StartLog(const std::string& base) {
   log_print(0, 0, "first\n");
   zel_log_flush();
   return zel::Logger::GetLogPath();
+}
+
+// StartLog with the file limits `sizeLimit` and `count` set before the
+// first line.
+std::string StartLogWithLimits(const std::string& base, int sizeLimit, int count) {
+  zel_set_log_level(-1);
+  zel_set_log_path(base.c_str());
+  zel::Logger::GetInstance()->SetLogFileInfo(sizeLimit, count);
+  return StartLog(base);
+}
+
+// Logs `count` lines "<stem> <i> " followed by 40 times `fill`; the lines.
+std::vector<std::string> LogNumbered(const std::string& stem, int count, char fill) {
+  std::vector<std::string> lines;
+  for (int i = 0; i < count; ++i) {
+    lines.push_back(stem + " " + std::to_string(i) + " " + std::string(40, fill) + "\n");
+    log_print(0, 0, "%s", lines.back().c_str());
+  }
+  return lines;
+}
+
+// Removes the file `path` and makes a directory in its place.
+void ReplaceByDirectory(const std::string& path) {
+  ASSERT_EQ(std::remove(path.c_str()), 0);
+  ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
 }
 
 // Every file of the log directory `dir`, concatenated.
@@ -164,8 +190,7 @@ TEST(FaultTest, LiveFileReplacedByADirectory) {
   TempDir base;
   const std::string dir = StartLog(base.path());
   const std::string live = LivePath(dir);
-  ASSERT_EQ(std::remove(live.c_str()), 0);
-  ASSERT_EQ(mkdir(live.c_str(), 0755), 0);
+  ASSERT_NO_FATAL_FAILURE(ReplaceByDirectory(live));
   log_print(0, 0, "after the directory\n");
   log_print(0, 0, "and one more\n");
   zel_log_flush();
@@ -179,19 +204,12 @@ TEST(FaultTest, LiveFileReplacedByADirectory) {
 
 TEST(FaultTest, RotationTargetTakenByADirectoryLosesNoLine) {
   TempDir base;
-  zel_set_log_level(-1);
-  zel_set_log_path(base.path().c_str());
-  zel::Logger::GetInstance()->SetLogFileInfo(100, 10);
-  const std::string dir = StartLog(base.path());
+  const std::string dir = StartLogWithLimits(base.path(), 100, 10);
   const std::string live = LivePath(dir);
   const std::string stem = live.substr(0, live.size() - 3);
   ASSERT_EQ(mkdir((stem + "0").c_str(), 0755), 0);
   StdoutCapture out;
-  std::vector<std::string> lines;
-  for (int i = 0; i < 20; ++i) {
-    lines.push_back("line " + std::to_string(i) + " " + std::string(40, 'x') + "\n");
-    log_print(0, 0, "%s", lines.back().c_str());
-  }
+  const std::vector<std::string> lines = LogNumbered("line", 20, 'x');
   zel_log_flush();
   const std::string stdoutText = out.Stop();
   // The first rotation hits the directory: "rename error", the counter steps
@@ -406,10 +424,7 @@ TEST(FaultTest, ConfigReadWhileOtherProcessesWriteSeesWholeFiles) {
 // the live file, none lost, and rotation resumes once the viewer lets go.
 TEST(FaultTest, LiveFileHeldWithoutDeleteSharingByAnotherProcessLosesNoLine) {
   TempDir base;
-  zel_set_log_level(-1);
-  zel_set_log_path(base.path().c_str());
-  zel::Logger::GetInstance()->SetLogFileInfo(64, 100);
-  const std::string dir = StartLog(base.path());
+  const std::string dir = StartLogWithLimits(base.path(), 64, 100);
   const std::string live = LivePath(dir);
   ASSERT_FALSE(live.empty());
   const std::string events = "zel_fault_holder_" + std::to_string(GetCurrentProcessId());
@@ -422,11 +437,7 @@ TEST(FaultTest, LiveFileHeldWithoutDeleteSharingByAnotherProcessLosesNoLine) {
   ASSERT_EQ(WaitForSingleObject(held, 60000), WAIT_OBJECT_0) << "the viewer did not open the file";
 
   StdoutCapture out;
-  std::vector<std::string> whileHeld;
-  for (int i = 0; i < 5; ++i) {
-    whileHeld.push_back("while held " + std::to_string(i) + " " + std::string(40, 'h') + "\n");
-    log_print(0, 0, "%s", whileHeld.back().c_str());
-  }
+  const std::vector<std::string> whileHeld = LogNumbered("while held", 5, 'h');
   zel_log_flush();
   const std::string heldText = ReadFile(live);
   SetEvent(release);
@@ -507,12 +518,11 @@ TEST(FaultTest, TraceServiceKilledAndRestartedLosesNoDocument) {
   const uint16_t port = FreePort();
   ASSERT_NE(port, 0);
   const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/trace";
-  setenv("ZEL_TRACE_ENDPOINT", url.c_str(), 1);
-  setenv("ZEL_TRACE_RETRY_MS", "20", 1);
-  setenv("ZEL_TRACE_RETRY_MAX_MS", "200", 1);
-  setenv("ZEL_TRACE_CONNECT_TIMEOUT_MS", "1000", 1);
-  setenv("ZEL_TRACE_TIMEOUT_MS", "2000", 1);
-  setenv("ZEL_TRACE_DEREGISTER_MS", "20000", 1);
+  const std::pair<const char*, const char*> settings[] = {
+      {"ZEL_TRACE_ENDPOINT", url.c_str()}, {"ZEL_TRACE_RETRY_MS", "20"},
+      {"ZEL_TRACE_RETRY_MAX_MS", "200"},   {"ZEL_TRACE_CONNECT_TIMEOUT_MS", "1000"},
+      {"ZEL_TRACE_TIMEOUT_MS", "2000"},    {"ZEL_TRACE_DEREGISTER_MS", "20000"}};
+  for (const auto& setting : settings) setenv(setting.first, setting.second, 1);
   // One document per request: a request whose answer a kill cut off then
   // brings back one document, as the check below allows.
   setenv("ZEL_TRACE_BATCH_MAX", "1", 1);

@@ -147,6 +147,13 @@ class IniNamesTest : public ::testing::Test {
     std::free(value);
     return text;
   }
+  // Puts `value` as `key` of `section` and expects the file to read
+  // `expected` afterwards.
+  void ExpectPutGives(const char* section, const char* key, const char* value,
+                      const std::string& expected) {
+    EXPECT_EQ(PutKeyStringToFile(path_.c_str(), section, key, value), 0);
+    EXPECT_EQ(ReadFile(path_), expected);
+  }
   TempDir dir_;
   const std::string path_ = dir_.path() + "client.ini";
 };
@@ -154,8 +161,7 @@ class IniNamesTest : public ::testing::Test {
 TEST_F(IniNamesTest, SectionWithBracketsAndEquals) {
   zel_test::WriteFile(path_, "[x]]\nk=no\n[a]b=c]\nk=yes\n");
   EXPECT_EQ(Read("a]b=c", "k"), "yes");
-  EXPECT_EQ(PutKeyStringToFile(path_.c_str(), "a]b=c", "k", "new"), 0);
-  EXPECT_EQ(ReadFile(path_), "[x]]\nk=no\n[a]b=c]\nk=new\n");
+  ExpectPutGives("a]b=c", "k", "new", "[x]]\nk=no\n[a]b=c]\nk=new\n");
 }
 
 TEST_F(IniNamesTest, KeyWithEqualsMatchesTheTextBeforeTheFirstEquals) {
@@ -163,8 +169,7 @@ TEST_F(IniNamesTest, KeyWithEqualsMatchesTheTextBeforeTheFirstEquals) {
   // The line's key "k" is a prefix of the requested "k=x".
   EXPECT_EQ(Read("s", "k=x"), "x=5");
   EXPECT_EQ(Read("s", "k"), "x=5");
-  EXPECT_EQ(PutKeyStringToFile(path_.c_str(), "s", "k=x", "v"), 0);
-  EXPECT_EQ(ReadFile(path_), "[s]\nk=v\n");
+  ExpectPutGives("s", "k=x", "v", "[s]\nk=v\n");
 }
 
 TEST_F(IniNamesTest, KeyWithBrackets) {

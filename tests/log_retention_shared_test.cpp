@@ -23,20 +23,12 @@
 
 namespace {
 
+using zel_test::DayName;
 using zel_test::ListDir;
 using zel_test::ReadFile;
 using zel_test::SplitLines;
 using zel_test::TempDir;
 using zel_test::WriteFile;
-
-std::string Today() {
-  std::time_t t = std::time(nullptr);
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char buf[48];
-  std::snprintf(buf, sizeof(buf), "%04d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
-  return buf;
-}
 
 // Reads one byte from `fd`, waiting at most 30 s. False on timeout or end.
 bool ReadByte(int fd) {
@@ -95,7 +87,7 @@ TEST(LogRetentionSharedTest, AnotherProcessesRetentionLeavesTheLiveFile) {
     _exit(0);
   }
   ASSERT_TRUE(ReadByte(ready[0])) << "the first process did not log its lines";
-  const std::vector<std::string> before = LiveFiles(base + Today() + "/");
+  const std::vector<std::string> before = LiveFiles(base + DayName() + "/");
   ASSERT_EQ(before.size(), 1u);
   const std::string live = before[0];
   struct stat liveStat;

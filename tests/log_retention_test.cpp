@@ -23,18 +23,8 @@
 namespace {
 
 using zel::Logger;
-using zel_test::CountOccurrences;
-using zel_test::DayName;
-using zel_test::FileExists;
-using zel_test::IsDirectory;
-using zel_test::ListDir;
-using zel_test::LivePath;
-using zel_test::MakeSymbolicLink;
-using zel_test::ReadFile;
-using zel_test::StdoutCapture;
-using zel_test::TempDir;
-using zel_test::TodayDir;
-using zel_test::WriteFile;
+// The helpers of tests/support/test_util.h.
+using namespace zel_test;  // NOLINT(build/namespaces)
 
 // Makes the day directory `daysAgo` days old below `base` and returns its
 // path (ending in '/').
@@ -48,12 +38,17 @@ void MakeFile(const std::string& path, std::size_t size) {
   WriteFile(path, std::string(size, 'x'));
 }
 
+// Makes the day directory `daysAgo` days old below `base` with one small
+// log file of a run at 09:00 in it, and returns its path (ending in '/').
+std::string MakeDayWithLogFile(const std::string& base, int daysAgo) {
+  const std::string day = MakeDay(base, daysAgo);
+  MakeFile(day + "zel.log.a.090000.txt", 10);
+  return day;
+}
+
 // Starts the Logger on `base`, writes one line and waits for it.
 void LogOneLine(const std::string& base) {
-  zel_set_log_level(-1);
-  zel_set_log_path(base.c_str());
-  log_print(3, 0, "retention test line\n");
-  zel_log_flush();
+  zel_test::StartLogBelow(base, 3, "retention test line\n");
 }
 
 // The live file of today's directory below `base`.
@@ -158,8 +153,7 @@ TEST(LogRetentionTest, OldestLogFilesGoUntilTheTotalFits) {
 TEST(LogRetentionTest, ATinyTotalRemovesEverythingButTheLiveFile) {
   TempDir tmp;
   const std::string base = tmp.path();
-  const std::string day5 = MakeDay(base, 5);
-  MakeFile(day5 + "zel.log.a.090000.txt", 10);
+  const std::string day5 = MakeDayWithLogFile(base, 5);
   // A file of today that sorts after the live file (a later start time):
   // the live file is passed over on the way to it.
   const std::string today = MakeDay(base, 0);
@@ -177,22 +171,18 @@ TEST(LogRetentionTest, ATinyTotalRemovesEverythingButTheLiveFile) {
 
 TEST(LogRetentionTest, WithoutRetentionFilesOfEarlierRunsStay) {
   TempDir tmp;
-  const std::string base = tmp.path();
-  const std::string day400 = MakeDay(base, 400);
-  MakeFile(day400 + "zel.log.a.090000.txt", 10);
+  const std::string day400 = MakeDayWithLogFile(tmp.path(), 400);
   StdoutCapture out;
-  LogOneLine(base);
+  LogOneLine(tmp.path());
   EXPECT_EQ(out.Stop().find("retention"), std::string::npos);
   EXPECT_TRUE(FileExists(day400 + "zel.log.a.090000.txt"));
 }
 
 TEST(LogRetentionTest, SetAfterStartUpAppliesAtTheNextLine) {
   TempDir tmp;
-  const std::string base = tmp.path();
-  const std::string day9 = MakeDay(base, 9);
-  MakeFile(day9 + "zel.log.a.090000.txt", 10);
+  const std::string day9 = MakeDayWithLogFile(tmp.path(), 9);
   StdoutCapture out;
-  LogOneLine(base);
+  LogOneLine(tmp.path());
   EXPECT_TRUE(FileExists(day9));
   zel_set_log_retention(3, 0);
   log_print(3, 0, "second line\n");

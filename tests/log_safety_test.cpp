@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/malloc_operators.h"
 #include "tests/support/test_util.h"
 #include "utils/logger.h"
 
@@ -34,21 +35,14 @@ thread_local bool tFailAllocations = false;
 
 void* operator new(std::size_t size) {
   if (tFailAllocations) throw std::bad_alloc();
-  void* p = std::malloc(size == 0 ? 1 : size);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
+  return zel_test::MallocOrThrow(size);
 }
-// The pair of the operator new above: what it allocated with malloc goes
-// back with free (the compiler cannot see that they belong together).
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-#pragma GCC diagnostic pop
+// Its operator delete pair comes with tests/support/malloc_operators.h.
 
 namespace {
 
 using zel::Logger;
+using zel_test::CountFiles;
 using zel_test::CountOccurrences;
 using zel_test::DayName;
 using zel_test::FileExists;
@@ -92,20 +86,39 @@ void Start(const std::string& base) {
 // The live file of today's directory below `base`.
 std::string LiveFile(const std::string& base) { return LivePath(base + TodayDir()); }
 
-// Every file below `dir`, links not followed.
-int CountFiles(const std::string& dir) {
-  int n = 0;
-  for (const std::string& name : ListDir(dir)) {
-    struct stat st;
-    const std::string path = dir + "/" + name;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      n += CountFiles(path);
-    } else {
-      ++n;
-    }
-  }
-  return n;
+// Expects `printed` to hold one refusal, and `reason` in it.
+void ExpectRefusedOnce(const std::string& printed, const std::string& reason) {
+  EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
+  EXPECT_NE(printed.find(reason), std::string::npos) << printed;
+}
+
+#if !defined(ZEL_TEST_ON_WINDOWS)
+// Makes the directory `path` with exactly `mode` (the umask aside).
+bool MakeDirectoryWithMode(const std::string& path, mode_t mode) {
+  return mkdir(path.c_str(), 0700) == 0 && chmod(path.c_str(), mode) == 0;
+}
+#endif
+
+// Starts the log on `base`, logs two lines and returns what it printed.
+std::string PrintedForTwoLines(const std::string& base) {
+  StdoutCapture out;
+  Start(base);
+  LogLine("first");
+  LogLine("second");
+  return out.Stop();
+}
+
+// Starts the log on `start`, logs `line`, and expects no refusal printed
+// and the line in the live file below `base` (where `start` leads).
+void ExpectLoggedWithoutRefusal(const std::string& start, const std::string& base,
+                                const std::string& line) {
+  StdoutCapture out;
+  Start(start);
+  LogLine(line.c_str());
+  EXPECT_EQ(out.Stop().find("refusing"), std::string::npos);
+  const std::string live = LiveFile(base);
+  ASSERT_FALSE(live.empty());
+  EXPECT_NE(ReadFile(live).find(line), std::string::npos);
 }
 
 TEST(LogSafetyTest, BaseOwnedByAnotherUserIsRefusedOnce) {
@@ -119,14 +132,8 @@ TEST(LogSafetyTest, BaseOwnedByAnotherUserIsRefusedOnce) {
   const std::string base = tmp.path() + "planted/";
   ASSERT_EQ(mkdir(base.c_str(), 0755), 0);
   ASSERT_EQ(chown(base.c_str(), nobody->pw_uid, nobody->pw_gid), 0);
-  StdoutCapture out;
-  Start(base);
-  LogLine("first");
-  LogLine("second");
-  const std::string printed = out.Stop();
-  EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
-  EXPECT_NE(printed.find(tmp.path() + "planted: it is owned by another user"), std::string::npos)
-      << printed;
+  const std::string printed = PrintedForTwoLines(base);
+  ExpectRefusedOnce(printed, tmp.path() + "planted: it is owned by another user");
   EXPECT_EQ(printed.find("fp is null"), std::string::npos) << printed;
   EXPECT_EQ(CountFiles(base), 0);
 #endif
@@ -138,15 +145,9 @@ TEST(LogSafetyTest, WorldWritableBaseWithoutStickyBitIsRefused) {
 #else
   TempDir tmp;
   const std::string base = tmp.path() + "open/";
-  ASSERT_EQ(mkdir(base.c_str(), 0700), 0);
-  ASSERT_EQ(chmod(base.c_str(), 0777), 0);
-  StdoutCapture out;
-  Start(base);
-  LogLine("first");
-  LogLine("second");
-  const std::string printed = out.Stop();
-  EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
-  EXPECT_NE(printed.find("other users may write into it"), std::string::npos) << printed;
+  ASSERT_TRUE(MakeDirectoryWithMode(base, 0777));
+  const std::string printed = PrintedForTwoLines(base);
+  ExpectRefusedOnce(printed, "other users may write into it");
   EXPECT_EQ(CountFiles(base), 0);
 #endif
 }
@@ -157,15 +158,8 @@ TEST(LogSafetyTest, WorldWritableBaseWithStickyBitIsUsed) {
 #else
   TempDir tmp;
   const std::string base = tmp.path() + "sticky/";
-  ASSERT_EQ(mkdir(base.c_str(), 0700), 0);
-  ASSERT_EQ(chmod(base.c_str(), 01777), 0);
-  StdoutCapture out;
-  Start(base);
-  LogLine("kept");
-  EXPECT_EQ(out.Stop().find("refusing"), std::string::npos);
-  const std::string live = LiveFile(base);
-  ASSERT_FALSE(live.empty());
-  EXPECT_NE(ReadFile(live).find("kept"), std::string::npos);
+  ASSERT_TRUE(MakeDirectoryWithMode(base, 01777));  // as /tmp is
+  ExpectLoggedWithoutRefusal(base, base, "kept");
 #endif
 }
 
@@ -174,29 +168,17 @@ TEST(LogSafetyTest, BaseGivenAsALinkToTheUsersDirectoryIsUsed) {
   const std::string real = tmp.path() + "real/";
   ASSERT_EQ(mkdir(real.c_str(), 0700), 0);
   ZEL_MAKE_LINK_OR_SKIP(real, tmp.path() + "link", true);
-  StdoutCapture out;
-  Start(tmp.path() + "link/");
-  LogLine("through the link");
-  EXPECT_EQ(out.Stop().find("refusing"), std::string::npos);
-  const std::string live = LiveFile(real);
-  ASSERT_FALSE(live.empty());
-  EXPECT_NE(ReadFile(live).find("through the link"), std::string::npos);
+  ExpectLoggedWithoutRefusal(tmp.path() + "link/", real, "through the link");
 }
 
 TEST(LogSafetyTest, LinkedDayDirectoryIsRefused) {
   TempDir tmp;
   const std::string base = tmp.path() + "base/";
   const std::string elsewhere = tmp.path() + "elsewhere/";
-  ASSERT_EQ(mkdir(base.c_str(), 0700), 0);
-  ASSERT_EQ(mkdir(elsewhere.c_str(), 0700), 0);
+  for (const std::string& made : {base, elsewhere}) ASSERT_EQ(mkdir(made.c_str(), 0700), 0);
   ZEL_MAKE_LINK_OR_SKIP(elsewhere, base + DayName(), true);
-  StdoutCapture out;
-  Start(base);
-  LogLine("first");
-  LogLine("second");
-  const std::string printed = out.Stop();
-  EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
-  EXPECT_NE(printed.find(base + DayName() + ": it is a link"), std::string::npos) << printed;
+  const std::string printed = PrintedForTwoLines(base);
+  ExpectRefusedOnce(printed, base + DayName() + ": it is a link");
   EXPECT_TRUE(ListDir(elsewhere).empty());
 }
 
@@ -219,8 +201,7 @@ TEST(LogSafetyTest, LinkedLiveFileIsRefused) {
   LogLine("third");
   const std::string printed = out.Stop();
   EXPECT_FALSE(FileExists(victim));
-  EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
-  EXPECT_NE(printed.find(live + ": it is a link"), std::string::npos) << printed;
+  ExpectRefusedOnce(printed, live + ": it is a link");
 }
 
 TEST(LogSafetyTest, DirectoriesAreMadePrivate) {
@@ -303,19 +284,30 @@ TEST(LogSafetyTest, AThrowingBackendIsCountedReportedOnceAndTheLineStillWritten)
   EXPECT_NE(text.find("] two\n"), std::string::npos) << text;
 }
 
+#if defined(ZEL_TEST_ON_WINDOWS)
+constexpr char kNeedsOwnOperatorNew[] =
+    "needs this program's operator new to serve the library's allocations (ELF symbol "
+    "interposition); a DLL allocates with its own";
+#endif
+
+// log_print of `text` while every allocation on this thread fails: expects
+// no exception to escape, and returns what log_print returned.
+int LogPrintWhileAllocationsFail(const char* text) {
+  int result = -1;
+  tFailAllocations = true;
+  EXPECT_NO_THROW(result = log_print(3, 0, "%s", text));
+  tFailAllocations = false;
+  return result;
+}
+
 TEST(LogSafetyTest, AllocationFailureInLogPrintDropsTheLine) {
 #if defined(ZEL_TEST_ON_WINDOWS)
-  GTEST_SKIP() << "needs this program's operator new to serve the library's allocations (ELF "
-                  "symbol interposition); a DLL allocates with its own";
+  GTEST_SKIP() << kNeedsOwnOperatorNew;
 #endif
   TempDir tmp;
   Start(tmp.path());
   LogLine("before");
-  int result = -1;
-  tFailAllocations = true;
-  EXPECT_NO_THROW(result = log_print(3, 0, "dropped\n"));
-  tFailAllocations = false;
-  EXPECT_EQ(result, 0);
+  EXPECT_EQ(LogPrintWhileAllocationsFail("dropped\n"), 0);
   LogLine("after");
   const std::string text = ReadFile(LiveFile(tmp.path()));
   EXPECT_NE(text.find("] before\n"), std::string::npos) << text;
@@ -325,16 +317,11 @@ TEST(LogSafetyTest, AllocationFailureInLogPrintDropsTheLine) {
 
 TEST(LogSafetyTest, AllocationFailureWhenTheLoggerIsMadeDropsTheLine) {
 #if defined(ZEL_TEST_ON_WINDOWS)
-  GTEST_SKIP() << "needs this program's operator new to serve the library's allocations (ELF "
-                  "symbol interposition); a DLL allocates with its own";
+  GTEST_SKIP() << kNeedsOwnOperatorNew;
 #endif
   TempDir tmp;
   Start(tmp.path());
-  int result = -1;
-  tFailAllocations = true;
-  EXPECT_NO_THROW(result = log_print(3, 0, "dropped\n"));
-  tFailAllocations = false;
-  EXPECT_EQ(result, 0);
+  EXPECT_EQ(LogPrintWhileAllocationsFail("dropped\n"), 0);
   // The next line makes the Logger and is written.
   LogLine("after");
   const std::string text = ReadFile(LiveFile(tmp.path()));

@@ -230,7 +230,7 @@ TEST(LoggerBackendsTest, LineWithoutALevelTakesTheLevelOfItsTag) {
   zel::LogBackend* plain = &recorder;  // what code that forwards lines itself sees
   const struct {
     const char* line;
-    int level;
+    int level;  // what the backend is given: the tag's, or 2 without one
   } cases[] = {
       {"[3-7 09:05:01.042][tid:1234] [][/looper.cpp zel::Looper::Stop 137] Error:x \n\n", 0},
       {"[3-7 09:05:01.042][tid:1234] [][/looper.cpp zel::Looper::Stop 137] Debug:x\n", 3},

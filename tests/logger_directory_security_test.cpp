@@ -26,56 +26,26 @@
 
 namespace {
 
+using zel_test::AllText;
+using zel_test::CountFiles;
 using zel_test::CountOccurrences;
+using zel_test::DayName;
 using zel_test::ListDir;
 using zel_test::ReadFile;
 using zel_test::StdoutCapture;
 using zel_test::TempDir;
-
-std::string Today() {
-  std::time_t t = std::time(nullptr);
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char buf[48];
-  std::snprintf(buf, sizeof(buf), "%04d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday);
-  return buf;
-}
 
 void LogLine(const char* text) {
   log_print(3, 0, "%s\n", text);
   zel_log_flush();
 }
 
-// Every file below `dir` (links not followed, so a link counts as a file).
-int CountFiles(const std::string& dir) {
-  int n = 0;
-  for (const std::string& name : ListDir(dir)) {
-    struct stat st;
-    const std::string path = dir + "/" + name;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      n += CountFiles(path);
-    } else {
-      ++n;
-    }
-  }
-  return n;
-}
-
-// The text of every regular file below `dir`, joined.
-std::string AllText(const std::string& dir) {
-  std::string text;
-  for (const std::string& name : ListDir(dir)) {
-    struct stat st;
-    const std::string path = dir + "/" + name;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      text += AllText(path);
-    } else if (S_ISREG(st.st_mode)) {
-      text += ReadFile(path);
-    }
-  }
-  return text;
+// Logs the lines `first` and `second` and returns what the log printed.
+std::string PrintedForTwoLines(const char* first, const char* second) {
+  StdoutCapture out;
+  LogLine(first);
+  LogLine(second);
+  return out.Stop();
 }
 
 // Runs `action` in a child process as the user nobody (the attacker) and
@@ -112,10 +82,7 @@ TEST(LogDirectorySecurityTest, GroupWritableBaseIsRefusedUnlessSticky) {
   zel_set_log_level(-1);
   zel_set_log_path(base.c_str());
   const uint64_t droppedBefore = zel_log_dropped();
-  StdoutCapture out;
-  LogLine("first");
-  LogLine("second");
-  std::string printed = out.Stop();
+  std::string printed = PrintedForTwoLines("first", "second");
   EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
   EXPECT_NE(printed.find(tmp.path() + "group: other users may write into it"), std::string::npos)
       << printed;
@@ -146,7 +113,7 @@ TEST(LogDirectorySecurityTest, DaySwappedForALinkWhileLinesAreWrittenRedirectsNo
   zel::Logger::GetInstance()->SetLogFileInfo(256, 0);
   StdoutCapture out;
   LogLine("before the swaps");
-  const std::string day = base + Today();
+  const std::string day = base + DayName();
   ASSERT_TRUE(zel_test::IsDirectory(day));
 
   std::atomic<bool> done{false};
@@ -205,10 +172,7 @@ TEST(LogDirectorySecurityTest, LinkPlantedAtTheDefaultBaseByAnotherUserIsNotFoll
   DefaultBaseHook hook(link + "/");
   zel_set_log_level(-1);
   const uint64_t droppedBefore = zel_log_dropped();
-  StdoutCapture out;
-  LogLine("first secret");
-  LogLine("second secret");
-  std::string printed = out.Stop();
+  std::string printed = PrintedForTwoLines("first secret", "second secret");
   EXPECT_EQ(CountOccurrences(printed, "zel log: refusing"), 1) << printed;
   EXPECT_NE(printed.find(link + ": it is a link owned by another user"), std::string::npos)
       << printed;

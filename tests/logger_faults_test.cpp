@@ -32,6 +32,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/malloc_operators.h"
+#include "tests/support/sanitizers.h"
 #include "tests/support/test_util.h"
 #include "utils/logger.h"
 
@@ -53,17 +55,9 @@ void* operator new(std::size_t size) {
       throw std::bad_alloc();
     }
   }
-  void* p = std::malloc(size == 0 ? 1 : size);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
+  return zel_test::MallocOrThrow(size);
 }
-// The pair of the operator new above: what it allocated with malloc goes
-// back with free.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-#pragma GCC diagnostic pop
+// Its operator delete pair comes with tests/support/malloc_operators.h.
 
 // Thread creation failure on demand: while set, pthread_create fails with
 // EAGAIN, as when the process is out of threads; but not for the test's own
@@ -98,17 +92,7 @@ constexpr auto kDeadline = std::chrono::seconds(20);
 
 // The resident memory says nothing about the queue's under ThreadSanitizer,
 // whose shadow memory takes several times each byte the program touches.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kResidentMemoryMeasuresTheQueue = false;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr bool kResidentMemoryMeasuresTheQueue = false;
-#else
-constexpr bool kResidentMemoryMeasuresTheQueue = true;
-#endif
-#else
-constexpr bool kResidentMemoryMeasuresTheQueue = true;
-#endif
+constexpr bool kResidentMemoryMeasuresTheQueue = !zel_test::kUnderThreadSanitizer;
 
 // Makes the next `count` allocations on the calling thread fail, after
 // `after` more have been served.
@@ -236,12 +220,13 @@ class HoldingBackend : public zel::LogBackend {
 
  private:
   std::mutex mutex_;
+  // Signalled when a line comes to the writer or the writer is released.
   std::condition_variable changed_;
-  bool holding_ = false;
-  int calls_ = 0;
-  long failNextOnWriter_ = 0;
-  long failAfter_ = 0;
-  long long writerTid_ = 0;
+  bool holding_ = false;       // guarded by mutex_
+  int calls_ = 0;              // guarded by mutex_
+  long failNextOnWriter_ = 0;  // guarded by mutex_
+  long failAfter_ = 0;         // guarded by mutex_
+  long long writerTid_ = 0;    // guarded by mutex_
 };
 
 HoldingBackend* Backend() {
@@ -424,10 +409,12 @@ TEST(LoggerFaultsTest, DropCountAndNoticesAgreeWhenTheNoticeCannotBeQueued) {
   EXPECT_NE(text.find("zel log: 1 lines dropped (queue full)\n"), std::string::npos) << text;
 }
 
-// Posts `count` lines of `text` while the writer is held, and returns by
-// how much the peak resident memory grew meanwhile (kB). The writer stays
-// held.
-long FloodWithTheWriterHeld(const std::string& text, long count) {
+// Bounds the queue at `bound` bytes (lines beyond it dropped), posts
+// `count` lines of `text` while the writer is held, and expects the peak
+// resident memory to have grown by no more than the bound and a margin
+// meanwhile. The writer stays held.
+void FloodWithTheWriterHeld(const std::string& text, long count, std::size_t bound) {
+  Logger::SetQueueLimit(bound, QueueFullPolicy::kDrop);
   HoldingBackend* backend = Backend();
   backend->Hold();
   log_print(3, 1, "held\n");
@@ -436,22 +423,20 @@ long FloodWithTheWriterHeld(const std::string& text, long count) {
   EXPECT_GT(before, 0);
   Logger* logger = Logger::GetInstance();
   for (long i = 0; i < count; ++i) logger->Log(text, 3, false);
-  return StatusKb("VmHWM") - before;
+  const long grown = StatusKb("VmHWM") - before;
+  if (kResidentMemoryMeasuresTheQueue) {
+    EXPECT_LT(grown, static_cast<long>(bound / 1024) + 24 * 1024) << "kB";
+  }
 }
 
 TEST(LoggerFaultsTest, FloodOfEmptyLinesStaysWithinTheBoundAndIsCounted) {
   TempDir tmp;
   Start(tmp.path());
-  constexpr std::size_t kBound = 1 << 20;
-  Logger::SetQueueLimit(kBound, QueueFullPolicy::kDrop);
   // Lines of no text, which a bound of text alone does not stop. (The
   // writer stays held to the end: each empty line takes the slow path of a
   // failed write, which would report it on standard output.)
   constexpr long kLines = 4L * 1024 * 1024;
-  const long grown = FloodWithTheWriterHeld(std::string(), kLines);
-  if (kResidentMemoryMeasuresTheQueue) {
-    EXPECT_LT(grown, static_cast<long>(kBound / 1024) + 24 * 1024) << "kB";
-  }
+  FloodWithTheWriterHeld(std::string(), kLines, 1 << 20);
   // Lines beyond the cap of the records are dropped and counted.
   EXPECT_GT(zel_log_dropped(), 0u);
   EXPECT_LT(zel_log_dropped(), static_cast<uint64_t>(kLines));
@@ -460,13 +445,8 @@ TEST(LoggerFaultsTest, FloodOfEmptyLinesStaysWithinTheBoundAndIsCounted) {
 TEST(LoggerFaultsTest, FloodOfOneByteLinesStaysWithinTheBoundAndIsCounted) {
   TempDir tmp;
   Start(tmp.path());
-  constexpr std::size_t kBound = 4 << 20;
-  Logger::SetQueueLimit(kBound, QueueFullPolicy::kDrop);
   constexpr long kLines = 4L * 1024 * 1024;
-  const long grown = FloodWithTheWriterHeld("x", kLines);
-  if (kResidentMemoryMeasuresTheQueue) {
-    EXPECT_LT(grown, static_cast<long>(kBound / 1024) + 24 * 1024) << "kB";
-  }
+  FloodWithTheWriterHeld("x", kLines, 4 << 20);
   const uint64_t dropped = zel_log_dropped();
   EXPECT_GT(dropped, 0u);
   Backend()->Release();

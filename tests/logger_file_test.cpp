@@ -166,9 +166,45 @@ TEST(LogPathTest, MissingLevelsOfTheBaseAreCreated) {
 // ---------------------------------------------------------------------------
 // Log files, names and rotation.
 
-TEST(LogFilesTest, LiveFileIsNamedAfterTheProcessAndTheStartTime) {
+// Each test logs below a temporary base of its own. After the first line,
+// Locate() names the day directory, the live file and the prefix that the
+// run's rotated files share.
+class TempLogTest : public ::testing::Test {
+ protected:
+  void SetUp() override { zel_set_log_path(dir.path().c_str()); }
+
+  void Locate() {
+    day = Logger::GetLogPath();
+    live = LiveFile(day);
+    run = RunPrefix(live);
+  }
+
+  // Sets the file limits, writes `first` and locates the files.
+  void Start(int sizeLimit, int count, const std::string& first) {
+    Logger::GetInstance()->SetLogFileInfo(sizeLimit, count);
+    LogRaw(first);
+    Locate();
+  }
+
+  // The rotated file with the index `index`.
+  std::string Rotated(int index) const { return day + run + std::to_string(index); }
+
+  // Logs "line 0\n" to "line <count - 1>\n", each written before the next.
+  static void LogNumberedLines(int count) {
+    for (int i = 0; i < count; ++i) LogRaw("line " + std::to_string(i) + "\n");
+  }
+
   TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+  std::string day;
+  std::string live;
+  std::string run;
+};
+
+class LogFilesTest : public TempLogTest {};
+class LogRunTest : public TempLogTest {};
+class LogFileInfoTest : public TempLogTest {};
+
+TEST_F(LogFilesTest, LiveFileIsNamedAfterTheProcessAndTheStartTime) {
   const std::time_t before = std::time(nullptr);
   LogRaw("x\n");
   const std::time_t after = std::time(nullptr);
@@ -189,95 +225,72 @@ TEST(LogFilesTest, LiveFileIsNamedAfterTheProcessAndTheStartTime) {
   EXPECT_TRUE(matched) << names[0];
 }
 
-TEST(LogFilesTest, AFileOfExactlyTheLimitIsNotRotatedOneByteMoreIs) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogFilesTest, AFileOfExactlyTheLimitIsNotRotatedOneByteMoreIs) {
   Logger::GetInstance()->SetLogFileInfo(10, 10);
   LogRaw("0123456789");  // 10 bytes: exactly the limit
   LogRaw("a");           // written to the same file: 11 bytes
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
+  Locate();
   EXPECT_EQ(ReadFile(live), "0123456789a");
   EXPECT_EQ(ListDir(day).size(), 1u);
   LogRaw("b");  // the file is over the limit: rotate first
   EXPECT_EQ(ReadFile(live), "b");
-  EXPECT_EQ(ReadFile(day + RunPrefix(live) + "0"), "0123456789a");
+  EXPECT_EQ(ReadFile(Rotated(0)), "0123456789a");
   EXPECT_EQ(ListDir(day).size(), 2u);
 }
 
-TEST(LogFilesTest, CountOfOneRemovesEachRotatedFileAtOnce) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogFilesTest, CountOfOneRemovesEachRotatedFileAtOnce) {
   Logger::GetInstance()->SetLogFileInfo(1, 1);
-  for (int i = 0; i < 5; ++i) LogRaw("line " + std::to_string(i) + "\n");
-  const std::string day = Logger::GetLogPath();
+  LogNumberedLines(5);
+  Locate();
   const std::vector<std::string> names = ListDir(day);
   ASSERT_EQ(names.size(), 1u);
   EXPECT_EQ(ReadFile(day + names[0]), "line 4\n");
 }
 
-TEST(LogFilesTest, DefaultCountKeepsTheLiveFileAndNineRotated) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogFilesTest, DefaultCountKeepsTheLiveFileAndNineRotated) {
   Logger::GetInstance()->SetLogFileInfo(1, 10);
   // 15 lines: 14 rotations, into indices 0 to 13; rotation k removes k - 10.
-  for (int i = 0; i < 15; ++i) LogRaw("line " + std::to_string(i) + "\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
-  const std::string run = RunPrefix(live);
+  LogNumberedLines(15);
+  Locate();
   EXPECT_EQ(ListDir(day).size(), 10u);
-  for (int index = 0; index <= 4; ++index)
-    EXPECT_FALSE(FileExists(day + run + std::to_string(index)));
+  for (int index = 0; index <= 4; ++index) EXPECT_FALSE(FileExists(Rotated(index)));
   for (int index = 5; index <= 13; ++index) {
-    EXPECT_EQ(ReadFile(day + run + std::to_string(index)), "line " + std::to_string(index) + "\n");
+    EXPECT_EQ(ReadFile(Rotated(index)), "line " + std::to_string(index) + "\n");
   }
   EXPECT_EQ(ReadFile(live), "line 14\n");
 }
 
-TEST(LogFilesTest, CountOfZeroRemovesNothingUntilTheIndexWraps) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogFilesTest, CountOfZeroRemovesNothingUntilTheIndexWraps) {
   Logger::GetInstance()->SetLogFileInfo(1, 0);
   // 256 lines: 255 rotations into 0..254, none removed.
-  for (int i = 0; i < 256; ++i) LogRaw("line " + std::to_string(i) + "\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string run = RunPrefix(LiveFile(day));
+  LogNumberedLines(256);
+  Locate();
   EXPECT_EQ(ListDir(day).size(), 256u);
   // Rotation 256 renames into 255 and wraps the index to 0, which removes
   // the file that rotation 1 made.
   LogRaw("line 256\n");
   EXPECT_EQ(ListDir(day).size(), 256u);
-  EXPECT_FALSE(FileExists(day + run + "0"));
-  EXPECT_EQ(ReadFile(day + run + "255"), "line 255\n");
-  EXPECT_EQ(ReadFile(day + run + "1"), "line 1\n");
+  EXPECT_FALSE(FileExists(Rotated(0)));
+  EXPECT_EQ(ReadFile(Rotated(255)), "line 255\n");
+  EXPECT_EQ(ReadFile(Rotated(1)), "line 1\n");
 }
 
-TEST(LogFilesTest, RotationIndexWrapsFrom255To0) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogFilesTest, RotationIndexWrapsFrom255To0) {
   Logger::GetInstance()->SetLogFileInfo(1, 10);
   // 259 lines: 258 rotations; the last ones go into 254, 255, 0 and 1.
-  for (int i = 0; i < 259; ++i) LogRaw("line " + std::to_string(i) + "\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
-  const std::string run = RunPrefix(live);
+  LogNumberedLines(259);
+  Locate();
   EXPECT_EQ(ListDir(day).size(), 10u);
-  EXPECT_EQ(ReadFile(day + run + "255"), "line 255\n");
-  EXPECT_EQ(ReadFile(day + run + "0"), "line 256\n");
-  EXPECT_EQ(ReadFile(day + run + "1"), "line 257\n");
-  EXPECT_EQ(ReadFile(day + run + "249"), "line 249\n");
-  EXPECT_FALSE(FileExists(day + run + "248"));
+  EXPECT_EQ(ReadFile(Rotated(255)), "line 255\n");
+  EXPECT_EQ(ReadFile(Rotated(0)), "line 256\n");
+  EXPECT_EQ(ReadFile(Rotated(1)), "line 257\n");
+  EXPECT_EQ(ReadFile(Rotated(249)), "line 249\n");
+  EXPECT_FALSE(FileExists(Rotated(248)));
   EXPECT_EQ(ReadFile(live), "line 258\n");
 }
 
-TEST(LogFilesTest, OccupiedRotationTargetsReportRenameErrorsAndLoggingGoesOn) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  Logger::GetInstance()->SetLogFileInfo(1, 10);
-  LogRaw("a\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
-  const std::string run = RunPrefix(live);
+TEST_F(LogFilesTest, OccupiedRotationTargetsReportRenameErrorsAndLoggingGoesOn) {
+  Start(1, 10, "a\n");
   // Directories with content under the names of the next three rotations:
   // a file cannot be renamed over them.
   for (const char* index : {"0", "1", "2"}) {
@@ -294,19 +307,16 @@ TEST(LogFilesTest, OccupiedRotationTargetsReportRenameErrorsAndLoggingGoesOn) {
   EXPECT_EQ(printed, std::string("zel::Logger::getFile 516,rename error\n") +
                          "zel::Logger::getFile 516,rename error\n" +
                          "zel::Logger::getFile 516,rename error\n");
-  EXPECT_EQ(ReadFile(day + run + "3"), "a\nb\nc\nd\n");
+  EXPECT_EQ(ReadFile(Rotated(3)), "a\nb\nc\nd\n");
   EXPECT_EQ(ReadFile(live), "e\n");
 }
 
-TEST(LogFilesTest, LiveFileRemovedFromOutsideMakesTheNextLineRotate) {
+TEST_F(LogFilesTest, LiveFileRemovedFromOutsideMakesTheNextLineRotate) {
 #if defined(ZEL_TEST_ON_WINDOWS)
   GTEST_SKIP() << kOpenFileIsLocked;
 #endif
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
   LogRaw("before\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
+  Locate();
   ASSERT_EQ(unlink(live.c_str()), 0);
   StdoutCapture out;
   LogRaw("after\n");
@@ -316,15 +326,12 @@ TEST(LogFilesTest, LiveFileRemovedFromOutsideMakesTheNextLineRotate) {
   EXPECT_EQ(ListDir(day).size(), 1u);
 }
 
-TEST(LogFilesTest, LogDirectoryRemovedFromOutsideIsMadeAgain) {
+TEST_F(LogFilesTest, LogDirectoryRemovedFromOutsideIsMadeAgain) {
 #if defined(ZEL_TEST_ON_WINDOWS)
   GTEST_SKIP() << kOpenFileIsLocked;
 #endif
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
   LogRaw("before\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
+  Locate();
   TempDir::RemoveTree(dir.path());
   ASSERT_FALSE(FileExists(dir.path()));
   StdoutCapture out;
@@ -335,16 +342,14 @@ TEST(LogFilesTest, LogDirectoryRemovedFromOutsideIsMadeAgain) {
   EXPECT_EQ(ReadFile(live), "after\nmore\n");
 }
 
-TEST(LogFilesTest, AFailedWriteIsReportedAndLaterLinesAreWritten) {
+TEST_F(LogFilesTest, AFailedWriteIsReportedAndLaterLinesAreWritten) {
 #if defined(ZEL_TEST_ON_WINDOWS)
   GTEST_SKIP() << "makes the write fail with a POSIX file size limit (setrlimit), which "
                   "Windows does not have";
 #else
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
   const std::string first(199, 'f');
   LogRaw(first + "\n");
-  const std::string live = LiveFile(Logger::GetLogPath());
+  Locate();
   // No file of this process may grow past 200 bytes, the log file's present
   // size: its next write fails with EFBIG instead of raising SIGXFSZ. (The
   // captured standard output stays below the limit.)
@@ -367,7 +372,7 @@ TEST(LogFilesTest, AFailedWriteIsReportedAndLaterLinesAreWritten) {
 // ---------------------------------------------------------------------------
 // The change of day, under a moved clock.
 
-TEST(LogFilesTest, ChangeOfDayRenamesInTheOldDayAndStartsAFileInTheNew) {
+TEST_F(LogFilesTest, ChangeOfDayRenamesInTheOldDayAndStartsAFileInTheNew) {
 #if defined(ZEL_TEST_ON_WINDOWS)
   GTEST_SKIP() << kNoFaketime;
 #else
@@ -380,7 +385,6 @@ TEST(LogFilesTest, ChangeOfDayRenamesInTheOldDayAndStartsAFileInTheNew) {
     LogRaw("after midnight\n");
     return;
   }
-  TempDir dir;
   ASSERT_EQ(RunSelfUnderFaketime("2026-11-22 23:59:57",
                                  "LogFilesTest.ChangeOfDayRenamesInTheOldDayAndStartsAFileInTheNew",
                                  dir.path()),
@@ -389,8 +393,8 @@ TEST(LogFilesTest, ChangeOfDayRenamesInTheOldDayAndStartsAFileInTheNew) {
   const std::string newDay = dir.path() + "20261123/";
   const std::vector<std::string> oldNames = ListDir(oldDay);
   ASSERT_EQ(oldNames.size(), 1u);
-  const std::string run = "zel.log." + get_process_name() + ".2359";
-  EXPECT_EQ(oldNames[0].compare(0, run.size(), run), 0) << oldNames[0];
+  const std::string oldRun = "zel.log." + get_process_name() + ".2359";
+  EXPECT_EQ(oldNames[0].compare(0, oldRun.size(), oldRun), 0) << oldNames[0];
   EXPECT_EQ(oldNames[0].substr(oldNames[0].size() - 2), ".0") << oldNames[0];
   EXPECT_EQ(ReadFile(oldDay + oldNames[0]), "before midnight\n");
   const std::vector<std::string> newNames = ListDir(newDay);
@@ -417,13 +421,8 @@ void AppendFromOutside(const std::string& path, const std::string& text) {
 // These scenarios change the file while the log holds it open: appends
 // from outside, truncation, a rename and a removal (which on Windows skips).
 
-TEST(LogFilesTest, AppendFromOutsideCountsOnlyOnceTheLoggerHasWrittenBehindIt) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  Logger::GetInstance()->SetLogFileInfo(20, 10);
-  LogRaw("0123456789");  // 10 bytes
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
+TEST_F(LogFilesTest, AppendFromOutsideCountsOnlyOnceTheLoggerHasWrittenBehindIt) {
+  Start(20, 10, "0123456789");                    // 10 bytes
   AppendFromOutside(live, std::string(15, 'x'));  // the file has 25 bytes now
   // The size that counts is the logger's own position in the file, still 10:
   // no rotation yet, and the line goes to the end of the file.
@@ -433,16 +432,11 @@ TEST(LogFilesTest, AppendFromOutsideCountsOnlyOnceTheLoggerHasWrittenBehindIt) {
   // Having written at the end, the logger stands at 26 bytes: rotate.
   LogRaw("b");
   EXPECT_EQ(ReadFile(live), "b");
-  EXPECT_EQ(ReadFile(day + RunPrefix(live) + "0"), "0123456789" + std::string(15, 'x') + "a");
+  EXPECT_EQ(ReadFile(Rotated(0)), "0123456789" + std::string(15, 'x') + "a");
 }
 
-TEST(LogFilesTest, FileTruncatedFromOutsideRotatesByTheLoggersPosition) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  Logger::GetInstance()->SetLogFileInfo(10, 10);
-  LogRaw("0123456789");  // 10 bytes: at the limit
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
+TEST_F(LogFilesTest, FileTruncatedFromOutsideRotatesByTheLoggersPosition) {
+  Start(10, 10, "0123456789");  // 10 bytes: at the limit
   ASSERT_EQ(truncate(live.c_str(), 0), 0);
   LogRaw("a");  // position 10, not over the limit; written at the start
   EXPECT_EQ(ReadFile(live), "a");
@@ -451,35 +445,27 @@ TEST(LogFilesTest, FileTruncatedFromOutsideRotatesByTheLoggersPosition) {
   EXPECT_EQ(ListDir(day).size(), 1u);
   LogRaw("c");  // position 11: rotate
   EXPECT_EQ(ReadFile(live), "c");
-  EXPECT_EQ(ReadFile(day + RunPrefix(live) + "0"), "abbbbbbbbbb");
+  EXPECT_EQ(ReadFile(Rotated(0)), "abbbbbbbbbb");
 }
 
-TEST(LogFilesTest, LiveFileReplacedByADirectoryRotates) {
+TEST_F(LogFilesTest, LiveFileReplacedByADirectoryRotates) {
 #if defined(ZEL_TEST_ON_WINDOWS)
   GTEST_SKIP() << kOpenFileIsLocked;
 #endif
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
   LogRaw("before\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
+  Locate();
   ASSERT_EQ(unlink(live.c_str()), 0);
   ASSERT_EQ(mkdir(live.c_str(), 0755), 0);
   StdoutCapture out;
   // Not a regular file at the path: rotate, which renames the directory.
   LogRaw("after\n");
   EXPECT_EQ(out.Stop(), "");
-  EXPECT_TRUE(IsDirectory(day + RunPrefix(live) + "0"));
+  EXPECT_TRUE(IsDirectory(Rotated(0)));
   EXPECT_EQ(ReadFile(live), "after\n");
 }
 
-TEST(LogFilesTest, LiveFileReplacedFromOutsideKeepsTheOpenFileUntilItIsOverTheLimit) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  Logger::GetInstance()->SetLogFileInfo(10, 10);
-  LogRaw("0123456789");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
+TEST_F(LogFilesTest, LiveFileReplacedFromOutsideKeepsTheOpenFileUntilItIsOverTheLimit) {
+  Start(10, 10, "0123456789");
   const std::string moved = dir.path() + "moved";
   ASSERT_EQ(std::rename(live.c_str(), moved.c_str()), 0);
   const std::string foreign(100, 'f');
@@ -494,7 +480,7 @@ TEST(LogFilesTest, LiveFileReplacedFromOutsideKeepsTheOpenFileUntilItIsOverTheLi
   LogRaw("b");
   EXPECT_EQ(out.Stop(), "");
   EXPECT_EQ(ReadFile(moved), "0123456789a");
-  EXPECT_EQ(ReadFile(day + RunPrefix(live) + "0"), foreign);
+  EXPECT_EQ(ReadFile(Rotated(0)), foreign);
   EXPECT_EQ(ReadFile(live), "b");
 }
 
@@ -503,9 +489,7 @@ TEST(LogFilesTest, LiveFileReplacedFromOutsideKeepsTheOpenFileUntilItIsOverTheLi
 // the test queues lines behind it, which the writer then finds together and
 // writes as one run.
 
-TEST(LogRunTest, SizeLimitInsideARunRotatesOnTheSameLineAsOneByOne) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogRunTest, SizeLimitInsideARunRotatesOnTheSameLineAsOneByOne) {
   Logger* logger = Logger::GetInstance();
   logger->SetLogFileInfo(25, 10);
   GateBackend* gate = GateBackend::Install();
@@ -515,25 +499,21 @@ TEST(LogRunTest, SizeLimitInsideARunRotatesOnTheSameLineAsOneByOne) {
   zel_log_flush();
   // One by one: the gate line takes the file to 5 bytes, lines 1-3 to 29;
   // line 4 finds 29 > 25 and rotates; lines 4-7 reach 32; line 8 rotates.
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
-  const std::string run = RunPrefix(live);
+  Locate();
   EXPECT_EQ(ListDir(day).size(), 3u);
-  EXPECT_EQ(ReadFile(day + run + "0"), "gate\nline-01\nline-02\nline-03\n");
+  EXPECT_EQ(ReadFile(Rotated(0)), "gate\nline-01\nline-02\nline-03\n");
 #if defined(ZEL_TEST_ON_WINDOWS)
   // Each line takes 9 bytes on disk ("\r\n"): lines 4-6 reach 27 bytes and
   // line 7 rotates.
-  EXPECT_EQ(ReadFile(day + run + "1"), "line-04\nline-05\nline-06\n");
+  EXPECT_EQ(ReadFile(Rotated(1)), "line-04\nline-05\nline-06\n");
   EXPECT_EQ(ReadFile(live), "line-07\nline-08\nline-09\n");
 #else
-  EXPECT_EQ(ReadFile(day + run + "1"), "line-04\nline-05\nline-06\nline-07\n");
+  EXPECT_EQ(ReadFile(Rotated(1)), "line-04\nline-05\nline-06\nline-07\n");
   EXPECT_EQ(ReadFile(live), "line-08\nline-09\n");
 #endif
 }
 
-TEST(LogRunTest, AnEmptyTextInsideARunFailsAloneAndSplitsTheRun) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogRunTest, AnEmptyTextInsideARunFailsAloneAndSplitsTheRun) {
   Logger* logger = Logger::GetInstance();
   GateBackend* gate = GateBackend::Install();
   ASSERT_TRUE(gate->Close());
@@ -549,13 +529,10 @@ TEST(LogRunTest, AnEmptyTextInsideARunFailsAloneAndSplitsTheRun) {
 }
 
 #if !defined(ZEL_TEST_ON_WINDOWS)
-TEST(LogRunTest, LiveFileRemovedBetweenTwoRunsIsNoticedBeforeTheSecond) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogRunTest, LiveFileRemovedBetweenTwoRunsIsNoticedBeforeTheSecond) {
   Logger* logger = Logger::GetInstance();
   LogRaw("first\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
+  Locate();
   GateBackend* gate = GateBackend::Install();
   ASSERT_TRUE(gate->Close());  // the gate's run has checked the file already
   ASSERT_EQ(unlink(live.c_str()), 0);
@@ -607,13 +584,8 @@ int64_t FileSize64(const std::string& path) {
 #endif
 }
 
-TEST(LogRunTest, LiveFileOver2GiBGrownFromOutsideStillRotates) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  Logger::GetInstance()->SetLogFileInfo(100, 10);
-  LogRaw("a\n");
-  const std::string day = Logger::GetLogPath();
-  const std::string live = LiveFile(day);
+TEST_F(LogRunTest, LiveFileOver2GiBGrownFromOutsideStillRotates) {
+  Start(100, 10, "a\n");
   // Another process makes the file 3 GiB long.
   constexpr int64_t kBig = int64_t{3} << 30;
   ASSERT_TRUE(GrowSparse(live, kBig));
@@ -625,10 +597,10 @@ TEST(LogRunTest, LiveFileOver2GiBGrownFromOutsideStillRotates) {
 #else
   constexpr int64_t kLineOnDisk = 2;
 #endif
-  EXPECT_EQ(FileSize64(day + RunPrefix(live) + "0"), kBig + kLineOnDisk);
+  EXPECT_EQ(FileSize64(Rotated(0)), kBig + kLineOnDisk);
 }
 
-TEST(LogRunTest, ChangeOfDayWithABacklogWritesTheBacklogIntoTheNewDay) {
+TEST_F(LogRunTest, ChangeOfDayWithABacklogWritesTheBacklogIntoTheNewDay) {
 #if defined(ZEL_TEST_ON_WINDOWS)
   GTEST_SKIP() << kNoFaketime;
 #else
@@ -645,7 +617,6 @@ TEST(LogRunTest, ChangeOfDayWithABacklogWritesTheBacklogIntoTheNewDay) {
     zel_log_flush();
     return;
   }
-  TempDir dir;
   ASSERT_EQ(RunSelfUnderFaketime("2026-11-22 23:59:58",
                                  "LogRunTest.ChangeOfDayWithABacklogWritesTheBacklogIntoTheNewDay",
                                  dir.path()),
@@ -661,9 +632,7 @@ TEST(LogRunTest, ChangeOfDayWithABacklogWritesTheBacklogIntoTheNewDay) {
 #endif
 }
 
-TEST(LogFileInfoTest, CountAbove256KeepsAll256Names) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogFileInfoTest, CountAbove256KeepsAll256Names) {
   // Every line rotates the file before it; 300 would wrap to 44 in 8 bits.
   Logger::GetInstance()->SetLogFileInfo(1, 300);
   for (int i = 0; i < 260; ++i) Logger::GetInstance()->Log("ab");
@@ -671,9 +640,7 @@ TEST(LogFileInfoTest, CountAbove256KeepsAll256Names) {
   EXPECT_EQ(ListDir(Logger::GetLogPath()).size(), 256u);
 }
 
-TEST(LogFileInfoTest, NegativeSizeIsTakenAsZero) {
-  TempDir dir;
-  zel_set_log_path(dir.path().c_str());
+TEST_F(LogFileInfoTest, NegativeSizeIsTakenAsZero) {
   Logger::GetInstance()->SetLogFileInfo(-1, 10);
   StdoutCapture out;
   LogRaw("");  // opens the file and fails: the file stays empty

@@ -87,10 +87,7 @@ std::string FileOfChild(const std::vector<std::string>& names, pid_t pid) {
 // Starts the log in this process under `base` with a first line, as a
 // daemon or a pre-forking server does before it forks.
 void StartLogging(const std::string& base) {
-  zel_set_log_level(-1);
-  zel_set_log_path(base.c_str());
-  log_print(0, 0, "parent before fork\n");
-  zel_log_flush();
+  zel_test::StartLogBelow(base, 0, "parent before fork\n");
 }
 
 // A child: logs `lines` lines naming itself, flushes, and exits 0 (or 3

@@ -105,11 +105,32 @@ std::vector<Case> SlowCases() {
   };
 }
 
-TEST(LoggerLineSecurityTest, HugeWidthsAndPrecisionsGiveTheCutLineAndReturn) {
-  TempDir dir;
+// Logs below `dir` and records every line the Logger forwards (one test a
+// process: the recorder outlives the Logger's use of it).
+LineRecorder& RecordLinesBelow(const TempDir& dir) {
   zel_set_log_path(dir.path().c_str());
   static LineRecorder recorder;
   zel::Logger::GetInstance()->RegisterBackend(&recorder);
+  return recorder;
+}
+
+// Waits for the log and checks that `recorder` got one line for each of
+// `expected`, each `expected` text cut where the line ends.
+void ExpectCutLines(LineRecorder& recorder, const std::vector<std::string>& expected) {
+  zel_log_flush();
+  const std::vector<std::string> lines = recorder.lines();
+  ASSERT_EQ(lines.size(), expected.size());
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    SCOPED_TRACE("line " + std::to_string(i));
+    const std::size_t prefix = PrefixLength(lines[i]);
+    ASSERT_NE(prefix, std::string::npos);
+    EXPECT_EQ(lines[i].substr(prefix), Cut(expected[i], kLongestLine - prefix));
+  }
+}
+
+TEST(LoggerLineSecurityTest, HugeWidthsAndPrecisionsGiveTheCutLineAndReturn) {
+  TempDir dir;
+  LineRecorder& recorder = RecordLinesBelow(dir);
   // The calls run on a thread of their own, so that the test can wait for
   // them with a deadline. The state they touch outlives the test.
   static const std::vector<Case> cases = SlowCases();
@@ -148,9 +169,7 @@ TEST(LoggerLineSecurityTest, WidthsThatFitOrNearlyFitGiveWhatVsnprintfGives) {
   // Around the room left in the line, every conversion the formatters take:
   // the text is vsnprintf's, cut at the line's end.
   TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  static LineRecorder recorder;
-  zel::Logger::GetInstance()->RegisterBackend(&recorder);
+  LineRecorder& recorder = RecordLinesBelow(dir);
   std::vector<std::string> expected;
   const int widths[] = {0, 1, 7, 3000, 4000, 4060, 4070, 4080, 4094, 4095, 5000, 9000};
   for (int w : widths) {
@@ -176,15 +195,7 @@ TEST(LoggerLineSecurityTest, WidthsThatFitOrNearlyFitGiveWhatVsnprintfGives) {
     expected.push_back(Full("%*s%720.768llu|%700.900d|%3500.4000s|%-650.800x|end\n", w, "", 123ULL,
                             -5, longText.c_str(), 0xfu));
   }
-  zel_log_flush();
-  const std::vector<std::string> lines = recorder.lines();
-  ASSERT_EQ(lines.size(), expected.size());
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    SCOPED_TRACE("line " + std::to_string(i));
-    const std::size_t prefix = PrefixLength(lines[i]);
-    ASSERT_NE(prefix, std::string::npos);
-    EXPECT_EQ(lines[i].substr(prefix), Cut(expected[i], kLongestLine - prefix));
-  }
+  ExpectCutLines(recorder, expected);
 }
 
 TEST(LoggerLineSecurityTest, CutPrecisionsThatDoNotLengthenTheTextKeepThePadding) {
@@ -192,9 +203,7 @@ TEST(LoggerLineSecurityTest, CutPrecisionsThatDoNotLengthenTheTextKeepThePadding
   // not lengthen the text (a character, an infinity, a not-a-number, the
   // shortest form without '#'), the padding in front stays the width's.
   TempDir dir;
-  zel_set_log_path(dir.path().c_str());
-  static LineRecorder recorder;
-  zel::Logger::GetInstance()->RegisterBackend(&recorder);
+  LineRecorder& recorder = RecordLinesBelow(dir);
   std::vector<std::string> expected;
   // Every fill from 3980 to 4070 puts each conversion at every distance
   // from the line's end.
@@ -210,15 +219,7 @@ TEST(LoggerLineSecurityTest, CutPrecisionsThatDoNotLengthenTheTextKeepThePadding
     expected.push_back(Full(format.c_str(), fill, "", none, none, 'q', HUGE_VAL, NAN, 0.5,
                             static_cast<wint_t>(L'w'), 0.5));
   }
-  zel_log_flush();
-  const std::vector<std::string> lines = recorder.lines();
-  ASSERT_EQ(lines.size(), expected.size());
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    SCOPED_TRACE("line " + std::to_string(i));
-    const std::size_t prefix = PrefixLength(lines[i]);
-    ASSERT_NE(prefix, std::string::npos);
-    EXPECT_EQ(lines[i].substr(prefix), Cut(expected[i], kLongestLine - prefix));
-  }
+  ExpectCutLines(recorder, expected);
 }
 
 }  // namespace

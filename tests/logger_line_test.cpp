@@ -35,6 +35,19 @@ using zel_test::TempDir;
 using zel_test::TextOf;
 using zel_test::WallClockMs;
 
+// The broken-down time of `year`, `month` (0 for January), `day`, `hour`,
+// `minute` and `second`; its other fields 0.
+std::tm CalendarTime(int year, int month, int day, int hour, int minute, int second) {
+  std::tm tm{};
+  tm.tm_year = year - 1900;
+  tm.tm_mon = month;
+  tm.tm_mday = day;
+  tm.tm_hour = hour;
+  tm.tm_min = minute;
+  tm.tm_sec = second;
+  return tm;
+}
+
 // Logs a format and its arguments through log_print, and appends what
 // snprintf makes of them to the caller's `expected` (through the caller's
 // char array `buf`).
@@ -49,13 +62,7 @@ using zel_test::WallClockMs;
 // The line prefix.
 
 TEST(LogPrefixTest, FormatsMonthDayTimeMillisecondsAndThread) {
-  std::tm tm{};
-  tm.tm_year = 2024 - 1900;
-  tm.tm_mon = 2;  // March
-  tm.tm_mday = 7;
-  tm.tm_hour = 9;
-  tm.tm_min = 5;
-  tm.tm_sec = 1;
+  const std::tm tm = CalendarTime(2024, 2 /* March */, 7, 9, 5, 1);
   char buf[256];
   const int len = zel::platform::formatLogPrefix(buf, sizeof(buf), tm, 42, "1234");
   EXPECT_EQ(std::string(buf), "[3-7 09:05:01.042][tid:1234] ");
@@ -63,25 +70,14 @@ TEST(LogPrefixTest, FormatsMonthDayTimeMillisecondsAndThread) {
 }
 
 TEST(LogPrefixTest, MonthAndDayAreNotPadded) {
-  std::tm tm{};
-  tm.tm_mon = 11;
-  tm.tm_mday = 31;
-  tm.tm_hour = 23;
-  tm.tm_min = 59;
-  tm.tm_sec = 59;
+  const std::tm tm = CalendarTime(1900, 11, 31, 23, 59, 59);
   char buf[256];
   zel::platform::formatLogPrefix(buf, sizeof(buf), tm, 999, "7");
   EXPECT_EQ(std::string(buf), "[12-31 23:59:59.999][tid:7] ");
 }
 
 TEST(LogPrefixTest, DateDirectoryAndStartTimeTexts) {
-  std::tm tm{};
-  tm.tm_year = 2024 - 1900;
-  tm.tm_mon = 0;
-  tm.tm_mday = 31;
-  tm.tm_hour = 14;
-  tm.tm_min = 3;
-  tm.tm_sec = 27;
+  const std::tm tm = CalendarTime(2024, 0, 31, 14, 3, 27);
   char date[256];
   char start[256];
   zel::platform::formatDateDir(date, sizeof(date), tm);

@@ -57,19 +57,34 @@ TEST(LoggerTest, GetInstanceAlwaysReturnsTheSameLogger) {
   for (Logger* l : seen) EXPECT_EQ(l, first);
 }
 
+// The lines that a test's RecordingBackends received, in the order they
+// came.
+struct Received {
+  // Registers a RecordingBackend named `name` that records here.
+  void Register(const std::string& name) {
+    Logger::GetInstance()->RegisterBackend(new RecordingBackend(name, &lines, &mutex));
+  }
+
+  std::vector<std::string> Lines() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return lines;
+  }
+
+  std::mutex mutex;
+  std::vector<std::string> lines;  // guarded by mutex
+};
+
 TEST(LoggerTest, OneArgumentLogEqualsLevelThreeWithoutForwarding) {
   TempDir dir;
   zel_set_log_path(dir.path().c_str());
-  std::vector<std::string> received;
-  std::mutex mutex;
+  Received received;
+  received.Register("b");
   Logger* logger = Logger::GetInstance();
-  logger->RegisterBackend(new RecordingBackend("b", &received, &mutex));
   logger->Log("same line\n");
   logger->Log("same line\n", 3, false);
   zel_log_flush();
   EXPECT_EQ(ReadFile(LiveFile(Logger::GetLogPath())), "same line\nsame line\n");
-  std::lock_guard<std::mutex> lock(mutex);
-  EXPECT_TRUE(received.empty());
+  EXPECT_TRUE(received.Lines().empty());
 }
 
 TEST(LoggerTest, ForwardedLineWithoutBackendsGoesToTheFileOnly) {
@@ -83,22 +98,21 @@ TEST(LoggerTest, ForwardedLineWithoutBackendsGoesToTheFileOnly) {
 TEST(LoggerTest, BackendsReceiveForwardedLinesInRegistrationOrderBeforeTheFile) {
   TempDir dir;
   zel_set_log_path(dir.path().c_str());
-  std::vector<std::string> received;
-  std::mutex mutex;
+  Received received;
+  received.Register("first");
+  received.Register("second");
   Logger* logger = Logger::GetInstance();
-  logger->RegisterBackend(new RecordingBackend("first", &received, &mutex));
-  logger->RegisterBackend(new RecordingBackend("second", &received, &mutex));
   logger->Log("one\n", 3, true);
   logger->Log("not forwarded\n", 3, false);
   log_print(3, 1, "two\n");
   zel_log_flush();
-  std::lock_guard<std::mutex> lock(mutex);
-  ASSERT_EQ(received.size(), 4u);
-  EXPECT_EQ(received[0], "first:not-in-file:one\n");
-  EXPECT_EQ(received[1], "second:not-in-file:one\n");
-  EXPECT_EQ(received[2].substr(0, 17), "first:not-in-file");
-  EXPECT_EQ(received[2].substr(received[2].size() - 5), " two\n");
-  EXPECT_EQ(received[3].substr(0, 18), "second:not-in-file");
+  const std::vector<std::string> lines = received.Lines();
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[0], "first:not-in-file:one\n");
+  EXPECT_EQ(lines[1], "second:not-in-file:one\n");
+  EXPECT_EQ(lines[2].substr(0, 17), "first:not-in-file");
+  EXPECT_EQ(lines[2].substr(lines[2].size() - 5), " two\n");
+  EXPECT_EQ(lines[3].substr(0, 18), "second:not-in-file");
   const std::string file = ReadFile(LiveFile(Logger::GetLogPath()));
   EXPECT_EQ(file.substr(0, 19), "one\nnot forwarded\n[");
 }
@@ -110,11 +124,10 @@ TEST(LoggerTest, NoFileMeansNoBackendAndAReportPerLine) {
   zel_test::WriteFile(dir.path() + "file", "");
   const std::string base = dir.path() + "file/logs/";
   zel_set_log_path(base.c_str());
-  std::vector<std::string> received;
-  std::mutex mutex;
+  Received received;
   StdoutCapture out;
+  received.Register("b");
   Logger* logger = Logger::GetInstance();
-  logger->RegisterBackend(new RecordingBackend("b", &received, &mutex));
   logger->Log("lost 1\n", 3, true);
   logger->Log("lost 2\n", 3, true);
   zel_log_flush();
@@ -122,8 +135,7 @@ TEST(LoggerTest, NoFileMeansNoBackendAndAReportPerLine) {
   EXPECT_EQ(CountOccurrences(printed, "zel::Logger::writeLog 296: fp is null \n"), 2) << printed;
   EXPECT_NE(printed.find("mkdir error,[" + dir.path() + "file/logs]\n"), std::string::npos)
       << printed;
-  std::lock_guard<std::mutex> lock(mutex);
-  EXPECT_TRUE(received.empty());
+  EXPECT_TRUE(received.Lines().empty());
 }
 
 TEST(LoggerTest, EmptyLineTakesTheWriteErrorPathAndLoggingGoesOn) {

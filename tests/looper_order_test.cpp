@@ -4,11 +4,6 @@
 // posting from the loop thread and from many threads, and steps of the wall
 // clock and the idle loop.
 #include <gtest/gtest.h>
-
-#include "utils/looper.h"
-#if !defined(ZEL_TEST_ON_WINDOWS)
-#include <pthread.h>
-#endif
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +28,7 @@
 #include "tests/support/looper_test_util.h"
 #include "tests/support/test_util.h"
 #include "utils/logger.h"
+#include "utils/looper.h"
 #include "utils/platform.h"
 
 namespace {

@@ -114,40 +114,24 @@ TEST(LooperTest, HandlerMessageWithEmptyHandlerThrows) {
   }
 }
 
-// Records the order in which the parts of a HandlerMessage are destroyed.
-class DestructionLog {
- public:
-  void Add(const std::string& what) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    order_.push_back(what);
-  }
-  std::vector<std::string> Order() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return order_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> order_;
-};
-
-// Writes `name` to the log when destroyed.
+// Writes `name` to `log` when destroyed: a Journal of the order in which
+// the parts of a HandlerMessage are destroyed.
 class DestructionProbe {
  public:
-  DestructionProbe(DestructionLog* log, std::string name) : log_(log), name_(std::move(name)) {}
+  DestructionProbe(Journal* log, std::string name) : log_(log), name_(std::move(name)) {}
   ~DestructionProbe() { log_->Add(name_); }
   DestructionProbe(const DestructionProbe&) = delete;
   DestructionProbe& operator=(const DestructionProbe&) = delete;
 
  private:
-  DestructionLog* log_;
+  Journal* log_;
   std::string name_;
 };
 
 // A HandlerMessage whose payload and handler both report their destruction.
 // The handler holds the only reference to its probe.
 std::unique_ptr<zel::HandlerMessage<DestructionProbe>> NewProbedHandlerMessage(
-    DestructionLog* log, std::atomic<int>* runs) {
+    Journal* log, std::atomic<int>* runs) {
   auto handlerProbe = std::make_shared<DestructionProbe>(log, "handler");
   return std::make_unique<zel::HandlerMessage<DestructionProbe>>(
       std::make_unique<DestructionProbe>(log, "payload"),
@@ -160,25 +144,25 @@ TEST(LooperTest, HandlerMessageDestroysHandlerBeforePayload) {
   const std::vector<std::string> expected = {"handler", "payload"};
   {
     SCOPED_TRACE("destroyed by its owner");
-    DestructionLog log;
+    Journal log;
     std::atomic<int> runs{0};
     auto msg = NewProbedHandlerMessage(&log, &runs);
     msg->Run();
     EXPECT_EQ(runs.load(), 1);
-    EXPECT_TRUE(log.Order().empty());
+    EXPECT_TRUE(log.Events().empty());
     msg.reset();
-    EXPECT_EQ(log.Order(), expected);
+    EXPECT_EQ(log.Events(), expected);
   }
   {
     SCOPED_TRACE("destroyed by the looper after running");
-    DestructionLog log;
+    Journal log;
     std::atomic<int> runs{0};
     zel::Looper looper;
     ASSERT_EQ(looper.Start(), 0);
     ASSERT_EQ(looper.PostMessageAAA(NewProbedHandlerMessage(&log, &runs)), 0);
-    ASSERT_TRUE(zel_test::WaitFor([&] { return log.Order().size() == 2; }, kWaitLimit));
+    ASSERT_TRUE(zel_test::WaitFor([&] { return log.Events().size() == 2; }, kWaitLimit));
     EXPECT_EQ(runs.load(), 1);
-    EXPECT_EQ(log.Order(), expected);
+    EXPECT_EQ(log.Events(), expected);
     EXPECT_EQ(looper.Stop(), 0);
   }
 }

@@ -18,8 +18,9 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/http_server.h"
 #include "tests/support/test_util.h"
-#include "tests/support_http_server_tmp.h"
+#include "tests/support/tracer_test_util.h"
 #include "tracer/tracer_client.h"
 #include "utils/logger.h"
 #include "utils/zel_client_tracker.h"
@@ -27,23 +28,20 @@
 namespace {
 
 using std::chrono::milliseconds;
-using zel_http_test::Clock;
-using zel_http_test::TestHttpServer;
+using Clock = std::chrono::steady_clock;
 using zel_test::TempDir;
+using zel_test::TestHttpServer;
+using zel_test::UseEndpointWithShortRetries;
 using zel_test::WaitFor;
 
-// Sets the client's environment for one test: the target and short timings.
+// Sets the client's environment for one test: the target and short timings,
+// with the client's own limits for the queue and the batches, and no spool.
 void UseEndpoint(const std::string& endpoint) {
-  setenv("ZEL_TRACE_ENDPOINT", endpoint.c_str(), 1);
-  setenv("ZEL_TRACE_RETRY_MS", "20", 1);
-  setenv("ZEL_TRACE_RETRY_MAX_MS", "50", 1);
-  setenv("ZEL_TRACE_DEREGISTER_MS", "10000", 1);
+  UseEndpointWithShortRetries(endpoint);
   unsetenv("ZEL_TRACE_QUEUE_MAX");
   unsetenv("ZEL_TRACE_QUEUE_BYTES");
   unsetenv("ZEL_TRACE_BATCH_MAX");
   unsetenv("ZEL_TRACE_BATCH_BYTES");
-  setenv("ZEL_TRACE_BATCH_DELAY_MS", "0", 1);
-  unsetenv("ZEL_TRACE_GZIP");
   unsetenv("ZEL_TRACE_SPOOL_DIR");
 }
 

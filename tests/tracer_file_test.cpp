@@ -29,11 +29,16 @@ using zel_test::TempDir;
 // ---------------------------------------------------------------------------
 // file:// target.
 
+// A client registered as "test" with the file `path` as its target.
+TracerClient* FileClient(const std::string& path) {
+  setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
+  return TracerClient::registerClient("test");
+}
+
 TEST(TracerClientTest, FileTargetGetsOneWholeDocumentPerLine) {
   TempDir dir;
   const std::string path = dir.path() + "trace.jsonl";
-  setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
-  TracerClient* client = TracerClient::registerClient("test");
+  TracerClient* client = FileClient(path);
   ASSERT_NE(client, nullptr);
   EXPECT_TRUE(client->postTrace("{\"a\":\"1\"}"));
   EXPECT_TRUE(client->postTrace("{\n\t\"b\" : \"2\"\n}"));
@@ -45,8 +50,7 @@ TEST(TracerClientTest, FileTargetAppendsToAnExistingFile) {
   TempDir dir;
   const std::string path = dir.path() + "trace.jsonl";
   zel_test::WriteFile(path, "{}\n");
-  setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
-  TracerClient* client = TracerClient::registerClient("test");
+  TracerClient* client = FileClient(path);
   ASSERT_NE(client, nullptr);
   EXPECT_TRUE(client->postTrace("{\"c\":\"3\"}"));
   client->deregister();
@@ -55,8 +59,7 @@ TEST(TracerClientTest, FileTargetAppendsToAnExistingFile) {
 
 TEST(TracerClientTest, UnwritableFileTargetRefusesThePost) {
   TempDir dir;
-  setenv("ZEL_TRACE_ENDPOINT", ("file://" + dir.path() + "missing/trace.jsonl").c_str(), 1);
-  TracerClient* client = TracerClient::registerClient("test");
+  TracerClient* client = FileClient(dir.path() + "missing/trace.jsonl");
   ASSERT_NE(client, nullptr);
   EXPECT_FALSE(client->postTrace("{}"));
   client->deregister();
@@ -65,22 +68,12 @@ TEST(TracerClientTest, UnwritableFileTargetRefusesThePost) {
 TEST(TracerClientTest, FileTargetWrittenByFourThreadsKeepsEveryDocumentWhole) {
   TempDir dir;
   const std::string path = dir.path() + "trace.jsonl";
-  setenv("ZEL_TRACE_ENDPOINT", ("file://" + path).c_str(), 1);
-  TracerClient* client = TracerClient::registerClient("test");
+  TracerClient* client = FileClient(path);
   ASSERT_NE(client, nullptr);
   constexpr int kThreads = 4;
   constexpr int kPerThread = 200;
-  std::vector<std::thread> threads;
-  threads.reserve(kThreads);
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([client, t] {
-      // Larger than a stdio buffer, so that a torn write would show.
-      for (int i = 0; i < kPerThread; ++i) {
-        EXPECT_TRUE(client->postTrace(Document(std::to_string(t), i, 9000)));
-      }
-    });
-  }
-  for (std::thread& t : threads) t.join();
+  // Documents larger than a stdio buffer, so that a torn write would show.
+  zel_test::PostFromThreads(client, kThreads, kPerThread, 9000);
   client->deregister();
 
   const std::vector<std::string> lines = SplitLines(ReadFile(path));

@@ -72,16 +72,7 @@ TEST(TracerClientTest, HttpTargetKeepsEachThreadsOrder) {
   ASSERT_NE(client, nullptr);
   constexpr int kThreads = 4;
   constexpr int kPerThread = 50;
-  std::vector<std::thread> threads;
-  threads.reserve(kThreads);
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([client, t] {
-      for (int i = 0; i < kPerThread; ++i) {
-        EXPECT_TRUE(client->postTrace(Document(std::to_string(t), i)));
-      }
-    });
-  }
-  for (std::thread& t : threads) t.join();
+  zel_test::PostFromThreads(client, kThreads, kPerThread);
   ASSERT_TRUE(WaitFor([&] {
     return server.delivered().size() >= static_cast<std::size_t>(kThreads * kPerThread);
   }));

@@ -16,30 +16,29 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/http_server.h"
+#include "tests/support/sanitizers.h"
 #include "tests/support/test_util.h"
-#include "tests/support_http_server_tmp.h"
+#include "tests/support/tracer_test_util.h"
 #include "tracer/tracer_client.h"
 #include "tracer/tracer_config.h"
 
 namespace {
 
-using zel_http_test::TestHttpServer;
 using zel_test::CountOccurrences;
 using zel_test::ReadFile;
 using zel_test::StderrCapture;
 using zel_test::TempDir;
+using zel_test::TestHttpServer;
+using zel_test::UseEndpointWithShortRetries;
 using zel_test::WaitFor;
 using zel_test::WriteFile;
 
-// Sets the client's environment for one test: the target and short timings.
+// Sets the client's environment for one test: the target and short timings,
+// one request per document.
 void UseEndpoint(const std::string& endpoint) {
-  setenv("ZEL_TRACE_ENDPOINT", endpoint.c_str(), 1);
-  setenv("ZEL_TRACE_RETRY_MS", "20", 1);
-  setenv("ZEL_TRACE_RETRY_MAX_MS", "50", 1);
-  setenv("ZEL_TRACE_DEREGISTER_MS", "10000", 1);
+  UseEndpointWithShortRetries(endpoint);
   setenv("ZEL_TRACE_BATCH_MAX", "1", 1);
-  setenv("ZEL_TRACE_BATCH_DELAY_MS", "0", 1);
-  unsetenv("ZEL_TRACE_GZIP");
 }
 
 // The user nobody's ids; false when the system has no such user.
@@ -53,6 +52,29 @@ bool NobodyIds(uid_t& uid, gid_t& gid) {
 
 // ---------------------------------------------------------------------------
 // The file:// target.
+
+// Writes `text` into the file `name` in `dir`; its path.
+std::string WrittenFile(const TempDir& dir, const std::string& name, const std::string& text) {
+  const std::string path = dir.path() + name;
+  WriteFile(path, text);
+  return path;
+}
+
+// Posts each of `documents` to the file target `path`, expects each to be
+// refused, and returns what the client said on standard error.
+std::string SaidWhenFilePostsAreRefused(const std::string& path,
+                                        const std::vector<std::string>& documents) {
+  UseEndpoint("file://" + path);
+  StderrCapture err;
+  TracerClient* client = TracerClient::registerClient("test");
+  EXPECT_NE(client, nullptr);
+  if (client == nullptr) return err.Stop();
+  for (const std::string& document : documents) {
+    EXPECT_FALSE(client->postTrace(document)) << document;
+  }
+  client->deregister();
+  return err.Stop();
+}
 
 TEST(TracerSecurityTest, FileTargetIsCreatedReadableByItsOwnerOnly) {
   TempDir dir;
@@ -71,18 +93,11 @@ TEST(TracerSecurityTest, FileTargetIsCreatedReadableByItsOwnerOnly) {
 
 TEST(TracerSecurityTest, SymbolicLinkAtTheTraceFileIsNotFollowedAndSaidOnce) {
   TempDir dir;
-  const std::string victim = dir.path() + "script.sh";
+  const std::string victim = WrittenFile(dir, "script.sh", "#!/bin/sh\necho fine\n");
   const std::string path = dir.path() + "trace.jsonl";
-  WriteFile(victim, "#!/bin/sh\necho fine\n");
   ASSERT_EQ(symlink(victim.c_str(), path.c_str()), 0);
-  UseEndpoint("file://" + path);
-  StderrCapture err;
-  TracerClient* client = TracerClient::registerClient("test");
-  ASSERT_NE(client, nullptr);
-  EXPECT_FALSE(client->postTrace("{\"cmd\":\"\\nrm -rf ~\\n\"}"));
-  EXPECT_FALSE(client->postTrace("{\"cmd\":\"again\"}"));
-  client->deregister();
-  const std::string said = err.Stop();
+  const std::string said =
+      SaidWhenFilePostsAreRefused(path, {"{\"cmd\":\"\\nrm -rf ~\\n\"}", "{\"cmd\":\"again\"}"});
   EXPECT_EQ(ReadFile(victim), "#!/bin/sh\necho fine\n");
   EXPECT_EQ(CountOccurrences(said, "zel_tracer: "), 1) << said;
   EXPECT_NE(said.find(path), std::string::npos) << said;
@@ -91,17 +106,10 @@ TEST(TracerSecurityTest, SymbolicLinkAtTheTraceFileIsNotFollowedAndSaidOnce) {
 
 TEST(TracerSecurityTest, TraceFileWithASecondHardLinkIsRefused) {
   TempDir dir;
-  const std::string victim = dir.path() + "elsewhere";
+  const std::string victim = WrittenFile(dir, "elsewhere", "kept\n");
   const std::string path = dir.path() + "trace.jsonl";
-  WriteFile(victim, "kept\n");
   ASSERT_EQ(link(victim.c_str(), path.c_str()), 0);
-  UseEndpoint("file://" + path);
-  StderrCapture err;
-  TracerClient* client = TracerClient::registerClient("test");
-  ASSERT_NE(client, nullptr);
-  EXPECT_FALSE(client->postTrace("{}"));
-  client->deregister();
-  const std::string said = err.Stop();
+  const std::string said = SaidWhenFilePostsAreRefused(path, {"{}"});
   EXPECT_EQ(ReadFile(victim), "kept\n");
   EXPECT_NE(said.find("2 links"), std::string::npos) << said;
 }
@@ -116,13 +124,7 @@ TEST(TracerSecurityTest, TraceFileOfAnotherUserIsRefused) {
   const std::string path = dir.path() + "trace.jsonl";
   WriteFile(path, "");
   ASSERT_EQ(chown(path.c_str(), nobody, nogroup), 0);
-  UseEndpoint("file://" + path);
-  StderrCapture err;
-  TracerClient* client = TracerClient::registerClient("test");
-  ASSERT_NE(client, nullptr);
-  EXPECT_FALSE(client->postTrace("{}"));
-  client->deregister();
-  const std::string said = err.Stop();
+  const std::string said = SaidWhenFilePostsAreRefused(path, {"{}"});
   EXPECT_EQ(ReadFile(path), "");
   EXPECT_NE(said.find("another user"), std::string::npos) << said;
 }
@@ -289,17 +291,7 @@ TEST(TracerSecurityTest, ConfigureAfterTheFirstRegistrationIsRefused) {
 // ---------------------------------------------------------------------------
 // A set-user-ID program started by another user.
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
+constexpr bool kSanitized = zel_test::kUnderAddressSanitizer || zel_test::kUnderThreadSanitizer;
 
 // A set-user-ID-root copy of the probe program in a directory that nobody
 // may enter; removed with the directory.

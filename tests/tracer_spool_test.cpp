@@ -15,35 +15,35 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/http_server.h"
 #include "tests/support/test_util.h"
-#include "tests/support_http_server_tmp.h"
+#include "tests/support/tracer_test_util.h"
 #include "tracer/tracer_client.h"
 #include "utils/logger.h"
 
 namespace {
 
 using std::chrono::milliseconds;
-using zel_http_test::TestHttpServer;
 using zel_test::ListDir;
 using zel_test::ReadFile;
 using zel_test::TempDir;
+using zel_test::TestHttpServer;
+using zel_test::UseEndpointWithShortRetries;
 using zel_test::WaitFor;
 using zel_test::WriteFile;
 
 // Sets the client's environment for one test: the target, the spool and
-// short timings.
-void UseEndpoint(const std::string& endpoint, const std::string& spool) {
-  setenv("ZEL_TRACE_ENDPOINT", endpoint.c_str(), 1);
+// short timings, with batches of up to ten documents; the wait for the
+// queue to drain at deregistration is `deregisterMs` when given.
+void UseEndpoint(const std::string& endpoint, const std::string& spool,
+                 const char* deregisterMs = nullptr) {
+  UseEndpointWithShortRetries(endpoint);
+  if (deregisterMs != nullptr) setenv("ZEL_TRACE_DEREGISTER_MS", deregisterMs, 1);
   setenv("ZEL_TRACE_SPOOL_DIR", spool.c_str(), 1);
   unsetenv("ZEL_TRACE_SPOOL_BYTES");
-  setenv("ZEL_TRACE_RETRY_MS", "20", 1);
-  setenv("ZEL_TRACE_RETRY_MAX_MS", "50", 1);
-  setenv("ZEL_TRACE_DEREGISTER_MS", "10000", 1);
   unsetenv("ZEL_TRACE_QUEUE_MAX");
   unsetenv("ZEL_TRACE_QUEUE_BYTES");
   setenv("ZEL_TRACE_BATCH_MAX", "10", 1);
-  setenv("ZEL_TRACE_BATCH_DELAY_MS", "0", 1);
-  unsetenv("ZEL_TRACE_GZIP");
 }
 
 std::string Document(const std::string& tag, int n) {
@@ -72,8 +72,7 @@ TEST(TracerSpoolTest, DocumentsOutliveAnOutageAndARestartOfTheProgram) {
   const std::string spool = dir.path() + "spool";
   // Bound, never listening: the service is down during the first run.
   TestHttpServer server(TestHttpServer::Mode::kRefuse);
-  UseEndpoint(server.url(), spool);
-  setenv("ZEL_TRACE_DEREGISTER_MS", "300", 1);
+  UseEndpoint(server.url(), spool, "300");
   const pid_t child = fork();
   ASSERT_NE(child, -1);
   if (child == 0) {
@@ -216,9 +215,8 @@ TEST(TracerSpoolTest, SpoolBeyondItsBoundLosesItsOldestFilesCounted) {
   TempDir dir;
   const std::string spool = dir.path() + "spool";
   TestHttpServer server(TestHttpServer::Mode::kRefuse);
-  UseEndpoint(server.url(), spool);
+  UseEndpoint(server.url(), spool, "100");
   setenv("ZEL_TRACE_SPOOL_BYTES", "300", 1);
-  setenv("ZEL_TRACE_DEREGISTER_MS", "100", 1);
   // One batch of five per run, kept in one file.
   setenv("ZEL_TRACE_BATCH_MAX", "5", 1);
   setenv("ZEL_TRACE_BATCH_DELAY_MS", "60000", 1);
@@ -249,8 +247,7 @@ TEST(TracerSpoolTest, SpoolDirectoryThatOthersMayWriteOrALinkIsRefused) {
   TestHttpServer server(TestHttpServer::Mode::kRefuse);
   for (const std::string& spool : {open, link}) {
     SCOPED_TRACE(spool);
-    UseEndpoint(server.url(), spool);
-    setenv("ZEL_TRACE_DEREGISTER_MS", "100", 1);
+    UseEndpoint(server.url(), spool, "100");
     zel_test::StderrCapture err;
     TracerClient* client = TracerClient::registerClient(spool);
     ASSERT_NE(client, nullptr);

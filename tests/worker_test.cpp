@@ -125,17 +125,10 @@ TEST(WorkerTest, DoSyncFromFourThreadsAtOnceEachReturnsAfterItsOwnClosure) {
   constexpr int kThreads = 4;
   std::atomic<bool> ran[kThreads] = {};
   bool ranAtReturn[kThreads] = {};
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) std::this_thread::yield();
-      worker.DoSync([&ran, t] { ran[t] = true; });
-      ranAtReturn[t] = ran[t].load();
-    });
-  }
-  for (std::thread& t : threads) t.join();
+  zel_test::RunTogether(kThreads, [&](int t) {
+    worker.DoSync([&ran, t] { ran[t] = true; });
+    ranAtReturn[t] = ran[t].load();
+  });
   for (int t = 0; t < kThreads; ++t) EXPECT_TRUE(ranAtReturn[t]) << "thread " << t;
 }
 

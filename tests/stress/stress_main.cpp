@@ -94,25 +94,33 @@ void Usage() {
 }
 
 bool ParseOptions(int argc, char** argv, Options* options) {
+  // The options that take a whole number.
+  const struct {
+    const char* name;
+    int* value;
+  } counts[] = {{"--log-threads", &options->logThreads},
+                {"--worker-posters", &options->workerPosters},
+                {"--config-readers", &options->configReaders},
+                {"--file-size", &options->fileSize},
+                {"--file-count", &options->fileCount}};
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool hasValue = i + 1 < argc;
+    bool known = false;
+    for (const auto& count : counts) {
+      if (arg == count.name && hasValue) {
+        *count.value = std::atoi(argv[++i]);
+        known = true;
+        break;
+      }
+    }
+    if (known) continue;
     if (arg == "--no-memory-check") {
       options->memoryCheck = false;
     } else if (arg == "--seconds" && hasValue) {
       options->seconds = std::atof(argv[++i]);
-    } else if (arg == "--log-threads" && hasValue) {
-      options->logThreads = std::atoi(argv[++i]);
-    } else if (arg == "--worker-posters" && hasValue) {
-      options->workerPosters = std::atoi(argv[++i]);
-    } else if (arg == "--config-readers" && hasValue) {
-      options->configReaders = std::atoi(argv[++i]);
-    } else if (arg == "--file-size" && hasValue) {
-      options->fileSize = std::atoi(argv[++i]);
     } else if (arg == "--max-backlog" && hasValue) {
       options->maxBacklog = std::atol(argv[++i]);
-    } else if (arg == "--file-count" && hasValue) {
-      options->fileCount = std::atoi(argv[++i]);
     } else if (arg == "--dir" && hasValue) {
       options->dir = argv[++i];
       if (options->dir.back() != '/') options->dir += '/';

@@ -79,4 +79,16 @@ inline bool CloseOnExec(int fd) {
 
 }  // namespace zel_test
 
+// Skips the test unless taking permission bits away refuses access: not on
+// Windows, which has none, nor for root, which `rootReason` says is not
+// refused.
+#if defined(ZEL_TEST_ON_WINDOWS)
+#define ZEL_SKIP_UNLESS_PERMISSIONS_REFUSE(rootReason) GTEST_SKIP() << zel_test::kNoPermissionBits
+#else
+#define ZEL_SKIP_UNLESS_PERMISSIONS_REFUSE(rootReason)         \
+  do {                                                         \
+    if (zel_test::RunningAsRoot()) GTEST_SKIP() << rootReason; \
+  } while (false)
+#endif
+
 #endif  // ZEL_TESTS_SUPPORT_CONFIG_FILE_TEST_UTIL_H_

@@ -93,6 +93,11 @@ void TestHttpServer::ScriptStatuses(const std::vector<int>& statuses) {
   statuses_.assign(statuses.begin(), statuses.end());
 }
 
+void TestHttpServer::SetHandler(Handler handler) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  handler_ = std::move(handler);
+}
+
 void TestHttpServer::OnRequest(std::function<void(const Request&)> onRequest) {
   std::lock_guard<std::mutex> lock(mutex_);
   onRequest_ = std::move(onRequest);
@@ -225,14 +230,22 @@ void TestHttpServer::serve(Socket conn) {
       return;
     }
     request.status = 200;
+    std::string extraHeaders;
     if (!statuses_.empty()) {
       request.status = statuses_.front();
       statuses_.pop_front();
+    } else if (handler_) {
+      // The handler decides without the lock: it may take its time, as a
+      // slow service does.
+      const Handler handler = handler_;
+      lock.unlock();
+      request.status = handler(request, extraHeaders);
+      lock.lock();
     }
     requests_.push_back(request);
     const std::string answer = "HTTP/1.1 " + std::to_string(request.status) + " Status\r\n" +
                                (location_.empty() ? "" : "Location: " + location_ + "\r\n") +
-                               "Content-Length: 0\r\n\r\n";
+                               extraHeaders + "Content-Length: 0\r\n\r\n";
     lock.unlock();
     send(conn, answer.data(), static_cast<int>(answer.size()), kSendFlags);
   }

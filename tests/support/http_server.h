@@ -26,7 +26,8 @@ namespace zel_test {
 //   kClose   connections are accepted and closed at once, unanswered;
 //   kSilent  requests are read and recorded but never answered;
 //   kAnswer  requests are recorded and answered, by default with 200; a
-//            script of status codes can be given for the next answers.
+//            script of status codes can be given for the next answers,
+//            and a handler can decide the others.
 // A body sent with "Content-Encoding: gzip" is recorded decompressed.
 // Started with Start(), one thread accepts and one thread serves each
 // connection; all are stopped and joined by the destructor. ServeForever()
@@ -67,6 +68,15 @@ class TestHttpServer {
   // The status codes of the next answers, in order; 200 after them.
   void ScriptStatuses(const std::vector<int>& statuses);
 
+  // Decides the answers that no scripted status decides: `handler` gets
+  // the request (its body decompressed) and returns the status; header
+  // lines it appends to its second argument ("Name: value\r\n") go with
+  // the answer (Retry-After, for one). Called on the connection's thread,
+  // without the server's lock, so it may take its time as a slow service
+  // does.
+  using Handler = std::function<int(const Request&, std::string&)>;
+  void SetHandler(Handler handler);
+
   // Called with each request before it is answered (not for kRefuse and
   // kClose), on the thread that serves it.
   void OnRequest(std::function<void(const Request&)> onRequest);
@@ -101,6 +111,7 @@ class TestHttpServer {
   std::deque<int> statuses_;                       // guarded by mutex_
   std::string location_;                           // guarded by mutex_
   std::function<void(const Request&)> onRequest_;  // guarded by mutex_
+  Handler handler_;                                // guarded by mutex_
   int connections_ = 0;                            // guarded by mutex_
   std::vector<Request> requests_;                  // guarded by mutex_
   std::vector<std::thread> connectionThreads_;     // guarded by mutex_

@@ -83,18 +83,20 @@ class GateBackend : public zel::LogBackend {
 
   void Log(const std::string& line) override {
     if (line != "gate\n") return;
-    std::unique_lock<std::mutex> lock(mutex_);
-    entered_ = true;
-    cond_.notify_all();
-    cond_.wait(lock, [this] { return open_; });
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      entered_ = true;
+      cond_.notify_all();
+    }
+    open_.Wait();
   }
 
   // Queues the gate line and waits until the writer holds it: every line
   // posted from now on until Open() queues behind it.
   bool Close() {
+    open_.Close();
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      open_ = false;
       entered_ = false;
     }
     zel::Logger::GetInstance()->Log("gate\n", 3, true);
@@ -103,17 +105,13 @@ class GateBackend : public zel::LogBackend {
   }
 
   // Lets the writer go on.
-  void Open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    cond_.notify_all();
-  }
+  void Open() { open_.Open(); }
 
  private:
   std::mutex mutex_;
   std::condition_variable cond_;
-  bool entered_ = false;
-  bool open_ = true;
+  bool entered_ = false;  // guarded by mutex_
+  Latch open_{true};
 };
 
 // The text of a log line after its prefix "[...][tid:N] ".

@@ -19,7 +19,9 @@
 #endif
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -253,6 +255,76 @@ inline void WriteFile(const std::string& path, const std::string& content) {
   out << content;
 }
 
+// A gate that threads wait at while it is closed.
+class Latch {
+ public:
+  explicit Latch(bool open = false) : open_(open) {}
+  void Wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    cond_.wait(lock, [this] { return open_; });
+  }
+  void Open() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    cond_.notify_all();
+  }
+  void Close() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = false;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  bool open_;
+};
+
+// Runs `body(t)` on `count` threads, t from 0 to count - 1, started
+// together: each waits until all have started, so that their calls
+// overlap. Returns when all have ended.
+inline void RunTogether(int count, const std::function<void(int)>& body) {
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
+  for (int t = 0; t < count; ++t) {
+    threads.emplace_back([&, t] {
+      ready.fetch_add(1);
+      while (ready.load() < count) std::this_thread::yield();
+      body(t);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+// The paths of the files below `dir`, depth first in name order, links not
+// followed (a link counts as a file); with `regularOnly`, only the regular
+// files.
+inline std::vector<std::string> FilesBelow(const std::string& dir, bool regularOnly = false) {
+  std::vector<std::string> files;
+  for (const std::string& name : ListDir(dir)) {
+    struct stat st;
+    const std::string path = dir + "/" + name;
+    if (lstat(path.c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      const std::vector<std::string> below = FilesBelow(path, regularOnly);
+      files.insert(files.end(), below.begin(), below.end());
+    } else if (!regularOnly || S_ISREG(st.st_mode)) {
+      files.push_back(path);
+    }
+  }
+  return files;
+}
+
+// How many files are below `dir` (links not followed, so a link counts).
+inline int CountFiles(const std::string& dir) { return static_cast<int>(FilesBelow(dir).size()); }
+
+// The text of every regular file below `dir`, joined.
+inline std::string AllText(const std::string& dir) {
+  std::string text;
+  for (const std::string& path : FilesBelow(dir, true)) text += ReadFile(path);
+  return text;
+}
+
 // Splits `text` after each '\n'; a last line without one is kept as it is.
 inline std::vector<std::string> SplitLines(const std::string& text) {
   std::vector<std::string> lines;
@@ -416,6 +488,15 @@ class LineRecorder : public zel::LogBackend {
   std::mutex mutex_;
   std::vector<std::string> lines_;
 };
+
+// Starts the Logger below `base` with every level written, logs `text` at
+// `level` and waits until it is written.
+inline void StartLogBelow(const std::string& base, int level, const char* text) {
+  zel_set_log_level(-1);
+  zel_set_log_path(base.c_str());
+  log_print(level, 0, "%s", text);
+  zel_log_flush();
+}
 
 // Logs a marker line, waits until everything is written and returns the
 // text of the live log file, prefixes removed. The marker proves that the

@@ -17,21 +17,28 @@
 
 namespace zel_test {
 
-// Sets the client's environment for one test: the target and short timings.
-inline void UseEndpoint(const std::string& endpoint) {
+// Sets what every tracing test sets: the target, short retries, a long
+// wait for the queue to drain at the end, documents sent as soon as they
+// come, and no compression. The callers add what their tests need.
+inline void UseEndpointWithShortRetries(const std::string& endpoint) {
   setenv("ZEL_TRACE_ENDPOINT", endpoint.c_str(), 1);
-  setenv("ZEL_TRACE_CONNECT_TIMEOUT_MS", "2000", 1);
-  setenv("ZEL_TRACE_TIMEOUT_MS", "2000", 1);
   setenv("ZEL_TRACE_RETRY_MS", "20", 1);
   setenv("ZEL_TRACE_RETRY_MAX_MS", "50", 1);
   setenv("ZEL_TRACE_DEREGISTER_MS", "10000", 1);
+  setenv("ZEL_TRACE_BATCH_DELAY_MS", "0", 1);
+  unsetenv("ZEL_TRACE_GZIP");
+}
+
+// Sets the client's environment for one test: the target and short timings.
+inline void UseEndpoint(const std::string& endpoint) {
+  UseEndpointWithShortRetries(endpoint);
+  setenv("ZEL_TRACE_CONNECT_TIMEOUT_MS", "2000", 1);
+  setenv("ZEL_TRACE_TIMEOUT_MS", "2000", 1);
   unsetenv("ZEL_TRACE_QUEUE_MAX");
   unsetenv("ZEL_TRACE_QUEUE_BYTES");
   // One request per document unless a test batches.
   setenv("ZEL_TRACE_BATCH_MAX", "1", 1);
   unsetenv("ZEL_TRACE_BATCH_BYTES");
-  setenv("ZEL_TRACE_BATCH_DELAY_MS", "0", 1);
-  unsetenv("ZEL_TRACE_GZIP");
 }
 
 // A compact JSON document numbered `n`, `padding` characters long or more.
@@ -43,6 +50,18 @@ inline std::string Document(const std::string& tag, int n, std::size_t padding =
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   return Json::writeString(builder, value);
+}
+
+// Posts Document(<t>, 0 .. perThread - 1, padding) through `client` from
+// each of `threads` threads t started together, expecting every post to be
+// taken; returns when all threads are done.
+template <typename Client>
+void PostFromThreads(Client* client, int threads, int perThread, std::size_t padding = 0) {
+  RunTogether(threads, [&](int t) {
+    for (int i = 0; i < perThread; ++i) {
+      EXPECT_TRUE(client->postTrace(Document(std::to_string(t), i, padding)));
+    }
+  });
 }
 
 // Parses `text` as one JSON document; fails the test when it is not one.
