@@ -119,9 +119,12 @@ ZEL_API void zel_set_log_queue_limit(size_t bytes, int block);
 // full, and lines lost because there was no memory to queue them or no
 // writer thread. Each is also noticed in the file, in its place among the
 // lines: "zel log: <N> lines dropped (queue full)", "zel log: <N> lines lost
-// (out of memory)", "zel log: <N> lines lost (no writer thread)"; once
-// every notice is written (zel_log_flush()) their counts add up to this
-// number. Threads: any thread.
+// (out of memory)", "zel log: <N> lines lost (no writer thread)". Also
+// counted, without a notice (there is no file to put one in): the lines
+// that reach a log directory or file refused as unsafe. Once every notice
+// is written (zel_log_flush()), the notices' counts and those refused lines
+// add up to this number. Not counted: a line lost to a failed write, which
+// is reported on standard output instead. Threads: any thread.
 ZEL_API uint64_t zel_log_dropped(void);
 
 // Installs the crash drain, as zel::Logger::InstallCrashHandler() does (see
