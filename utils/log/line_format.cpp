@@ -15,6 +15,7 @@
 #include <type_traits>
 
 #include "utils/log/internal/crash_drain.h"
+#include "utils/log/internal/line_queue.h"
 #include "utils/logger.h"
 #include "utils/platform.h"
 
@@ -45,11 +46,11 @@ const std::tm& localTimeOf(std::time_t second) {
 }
 
 // Writes `value` in decimal, at least `width` digits (zero-padded), at
-// `out`; returns the end. As printf's "%0*ld" for values from 0 on.
-char* writeDecimal(char* out, long value, int width) {
+// `out`; returns the end. As printf's "%0*llu".
+char* writeDecimal(char* out, unsigned long long value, int width = 1) {
   char digits[24];
   int n = 0;
-  unsigned long v = static_cast<unsigned long>(value);
+  unsigned long long v = value;
   do {
     digits[n++] = static_cast<char>('0' + v % 10);
     v /= 10;
@@ -68,12 +69,34 @@ class PrefixCache {
   // Writes the prefix for `second` (seconds since 1970) and `ms` (0-999)
   // into `buf` (at least kPrefixSize bytes), terminated; returns its length.
   std::size_t write(char* buf, std::time_t second, long ms) {
-    if (tailLen_ == 0) {
-      std::snprintf(tid_, sizeof(tid_), "%llu",
-                    static_cast<unsigned long long>(platform::currentThreadId()));
-      const int n = std::snprintf(tail_, sizeof(tail_), "][tid:%s] ", tid_);
-      tailLen_ = static_cast<std::size_t>(n);
-    }
+    if (tailLen_ == 0) setThread(platform::currentThreadId());
+    return writeHere(buf, second, ms);
+  }
+
+  // As write() for a line of the thread `tid`: the writer formats the
+  // lines of every thread with one cache.
+  std::size_t write(char* buf, std::time_t second, long ms, uint64_t tid) {
+    if (tailLen_ == 0 || tid != tidValue_) setThread(tid);
+    return writeHere(buf, second, ms);
+  }
+
+ private:
+  void setThread(uint64_t tid) {
+    char* end = writeDecimal(tid_, static_cast<unsigned long long>(tid));
+    *end = '\0';
+    char* out = tail_;
+    std::memcpy(out, "][tid:", 6);
+    out += 6;
+    const auto digits = static_cast<std::size_t>(end - tid_);
+    std::memcpy(out, tid_, digits);
+    out += digits;
+    *out++ = ']';
+    *out++ = ' ';
+    tailLen_ = static_cast<std::size_t>(out - tail_);
+    tidValue_ = tid;
+  }
+
+  std::size_t writeHere(char* buf, std::time_t second, long ms) {
     if (second != second_ || headLen_ == 0) {
       const std::tm& tm = localTimeOf(second);
       if (tm.tm_mon + 1 < 0 || tm.tm_mday < 0 || tm.tm_hour < 0 || tm.tm_min < 0 || tm.tm_sec < 0) {
@@ -84,34 +107,34 @@ class PrefixCache {
       }
       char* out = head_;
       *out++ = '[';
-      out = writeDecimal(out, tm.tm_mon + 1, 1);
+      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mon + 1), 1);
       *out++ = '-';
-      out = writeDecimal(out, tm.tm_mday, 1);
+      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mday), 1);
       *out++ = ' ';
-      out = writeDecimal(out, tm.tm_hour, 2);
+      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_hour), 2);
       *out++ = ':';
-      out = writeDecimal(out, tm.tm_min, 2);
+      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_min), 2);
       *out++ = ':';
-      out = writeDecimal(out, tm.tm_sec, 2);
+      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_sec), 2);
       *out++ = '.';
       headLen_ = static_cast<std::size_t>(out - head_);
       second_ = second;
     }
     std::memcpy(buf, head_, headLen_);
-    char* out = writeDecimal(buf + headLen_, ms, 3);
+    char* out = writeDecimal(buf + headLen_, static_cast<unsigned long long>(ms), 3);
     std::memcpy(out, tail_, tailLen_);
     out += tailLen_;
     *out = '\0';
     return static_cast<std::size_t>(out - buf);
   }
 
- private:
   std::time_t second_ = 0;
   char head_[80] = {0};  // "[M-D hh:mm:ss."
   std::size_t headLen_ = 0;
   char tid_[24] = {0};   // the operating-system thread id in decimal
   char tail_[48] = {0};  // "][tid:T] "
   std::size_t tailLen_ = 0;
+  uint64_t tidValue_ = 0;
 };
 
 // A formatter for the conversions that log lines use, producing exactly what
@@ -122,14 +145,118 @@ class PrefixCache {
 // as soon as the line is full: what would follow is cut anyway, and a width
 // is never written further than the line has room for.
 class FastFormat {
+  struct Directive;
+  struct Sink;
+
  public:
   // Formats as vsnprintf(out, size, format, args) would and returns true;
   // `size` is at least 1. Returns false at the first conversion it does not
   // handle, before reading that conversion's argument, with `out` holding
   // an unfinished text: the format is read once, in the same pass.
   static bool formatTo(char* out, std::size_t size, const char* format, va_list args) {
+    va_list ap;  // one list that every reader below advances, on every ABI
+    va_copy(ap, args);
+    VaArguments source{&ap};
+    const bool done = formatWith(out, size, format, std::strlen(format), &source);
+    va_end(ap);
+    return done;
+  }
+
+  // Reads the arguments that `format` takes from `args` into `captured`, as
+  // formatTo() would read them: numbers as 8 bytes, strings copied (at most
+  // what a line can show, with their whole length). False, with `captured`
+  // unfinished, when the format has a conversion formatTo() does not handle
+  // or more than kMaxCapturedArguments arguments.
+  static bool capture(const char* format, va_list args, CapturedLine* captured) {
+    va_list ap;
+    va_copy(ap, args);
+    const bool done = captureFrom(format, &ap, captured);
+    va_end(ap);
+    return done;
+  }
+
+  // Formats a line captured by capture() and stored by
+  // CapturedLine::write(), as formatTo() formats the original.
+  static void formatCaptured(char* out, std::size_t size, const char* format,
+                             std::size_t formatLength, const char* arguments) {
+    StoredArguments source{arguments};
+    formatWith(out, size, format, formatLength, &source);
+  }
+
+  // The bytes of a string argument that are kept: no line shows more.
+  static std::size_t shownLength(std::size_t length) {
+    return length < kLineSize ? length : kLineSize;
+  }
+
+ private:
+  static bool captureFrom(const char* format, va_list* ap, CapturedLine* captured) {
+    captured->arguments = 0;
+    captured->payloadSize = 0;
+    const char* p = format;
+    for (; *p != '\0'; ++p) {
+      if (*p != '%') continue;
+      Directive directive;
+      p = parseDirective(p + 1, &directive);
+      if (p == nullptr) return false;
+      if (directive.conv == '%') continue;
+      if (captured->arguments == kMaxCapturedArguments) return false;
+      CapturedLine::Argument& argument = captured->argument[captured->arguments++];
+      if (directive.conv == 's') {
+        const char* text = va_arg(*ap, const char*);
+        if (text == nullptr) text = "(null)";
+        argument.text = text;
+        argument.value = std::strlen(text);
+        captured->payloadSize += 8 + shownLength(argument.value);
+      } else {
+        argument.text = nullptr;
+        argument.value = readNumber(directive, ap);
+        captured->payloadSize += 8;
+      }
+    }
+    captured->formatLength = static_cast<std::size_t>(p - format);
+    captured->payloadSize += 12 + captured->formatLength;
+    return true;
+  }
+
+  // The arguments of a call, read from its va_list.
+  struct VaArguments {
+    va_list* ap;
+    unsigned long long number(const Directive& directive) { return readNumber(directive, ap); }
+    // A string and its length.
+    const char* text(std::size_t* length) {
+      const char* text = va_arg(*ap, const char*);
+      if (text == nullptr) text = "(null)";
+      *length = std::strlen(text);
+      return text;
+    }
+  };
+
+  // The arguments as CapturedLine::write() stored them.
+  struct StoredArguments {
+    const char* at;
+    unsigned long long number(const Directive&) {
+      unsigned long long value;
+      std::memcpy(&value, at, 8);
+      at += 8;
+      return value;
+    }
+    const char* text(std::size_t* length) {
+      unsigned long long whole;
+      std::memcpy(&whole, at, 8);
+      at += 8;
+      *length = static_cast<std::size_t>(whole);
+      const char* text = at;
+      at += shownLength(*length);
+      return text;
+    }
+  };
+
+  template <typename Source>
+  static bool formatWith(char* out, std::size_t size, const char* format, std::size_t formatLength,
+                         Source* source) {
     Sink sink{out, out + size - 1};
-    for (const char* p = format; *p != '\0'; ++p) {
+    const char* const formatEnd = format + formatLength;
+    for (const char* p = format; p != formatEnd; ++p) {
       if (sink.pos == sink.end) break;  // full: the rest would be cut
       if (*p != '%') {
         sink.put(*p);
@@ -143,29 +270,21 @@ class FastFormat {
           sink.put('%');
           break;
         case 'c': {
-          const char c = static_cast<char>(va_arg(args, int));
-          pad(&sink, directive, 1, false, [&sink, c] { sink.put(c); });
+          const char c = static_cast<char>(source->number(directive));
+          pad(&sink, directive, 1, [&sink, c] { sink.put(c); });
           break;
         }
         case 's': {
-          const char* text = va_arg(args, const char*);
-          if (text == nullptr) text = "(null)";
-          const std::size_t len = std::strlen(text);
-          pad(&sink, directive, len, false, [&sink, text, len] { sink.put(text, len); });
+          std::size_t len = 0;
+          const char* text = source->text(&len);
+          // Only what the line has room for is read (a stored string keeps
+          // no more), while the padding counts the whole length.
+          pad(&sink, directive, len, [&sink, text, len] { sink.put(text, len); });
           break;
         }
         case 'd':
         case 'i': {
-          long long v;
-          if (directive.length == 'l') {
-            v = va_arg(args, long);
-          } else if (directive.length == 'L') {
-            v = va_arg(args, long long);
-          } else if (directive.length == 'z') {
-            v = static_cast<long long>(va_arg(args, std::size_t));
-          } else {
-            v = va_arg(args, int);
-          }
+          const auto v = static_cast<long long>(source->number(directive));
           const bool negative = v < 0;
           const unsigned long long magnitude = negative ? 0ULL - static_cast<unsigned long long>(v)
                                                         : static_cast<unsigned long long>(v);
@@ -173,16 +292,7 @@ class FastFormat {
           break;
         }
         default: {  // u x X
-          unsigned long long v;
-          if (directive.length == 'l') {
-            v = va_arg(args, unsigned long);
-          } else if (directive.length == 'L') {
-            v = va_arg(args, unsigned long long);
-          } else if (directive.length == 'z') {
-            v = va_arg(args, std::size_t);
-          } else {
-            v = va_arg(args, unsigned int);
-          }
+          const unsigned long long v = source->number(directive);
           putNumber(&sink, directive, v, false, directive.conv == 'u' ? 10 : 16,
                     directive.conv == 'X');
           break;
@@ -191,6 +301,29 @@ class FastFormat {
     }
     *sink.pos = '\0';
     return true;
+  }
+
+  // The argument of a %c %d %i %u %x %X conversion, read with the type its
+  // length modifier gives it: signed ones sign-extended, unsigned ones
+  // zero-extended to 64 bits.
+  static unsigned long long readNumber(const Directive& directive, va_list* ap) {
+    const bool isSigned = directive.conv == 'd' || directive.conv == 'i' || directive.conv == 'c';
+    if (directive.length == 'l') {
+      return isSigned ? static_cast<unsigned long long>(va_arg(*ap, long))
+                      : va_arg(*ap, unsigned long);
+    }
+    if (directive.length == 'L') {
+      return isSigned ? static_cast<unsigned long long>(va_arg(*ap, long long))
+                      : va_arg(*ap, unsigned long long);
+    }
+    if (directive.length == 'z') {
+      // %zd reads a size_t's bits as signed.
+      const std::size_t v = va_arg(*ap, std::size_t);
+      return isSigned ? static_cast<unsigned long long>(
+                            static_cast<long long>(static_cast<std::ptrdiff_t>(v)))
+                      : v;
+    }
+    return isSigned ? static_cast<unsigned long long>(va_arg(*ap, int)) : va_arg(*ap, unsigned int);
   }
 
  private:
@@ -278,7 +411,7 @@ class FastFormat {
 
   // Writes `len` characters through `body`, padded with blanks to the width.
   template <typename Body>
-  static void pad(Sink* sink, const Directive& directive, std::size_t len, bool, Body body) {
+  static void pad(Sink* sink, const Directive& directive, std::size_t len, Body body) {
     const std::size_t fill = directive.width > len ? directive.width - len : 0;
     if (!directive.left) sink->fill(' ', fill);
     body();
@@ -698,18 +831,38 @@ class BoundedFormat {
   }
 };
 
+// Splits `timeMs` (milliseconds since 1970) into seconds and 0-999.
+void splitTime(int64_t timeMs, int64_t* second, long* ms) {
+  *second = timeMs / 1000;
+  *ms = static_cast<long>(timeMs % 1000);
+  if (*ms < 0) {  // before 1970: keep the field in 0-999
+    *ms += 1000;
+    --*second;
+  }
+}
+
+// The prefix of a line of the thread `threadId` posted at `timeMs`, on the
+// writer thread.
+std::size_t writePrefix(char* line, int64_t timeMs, uint64_t threadId) {
+  int64_t second;
+  long ms;
+  splitTime(timeMs, &second, &ms);
+  thread_local PrefixCache prefix;
+  return prefix.write(line, static_cast<std::time_t>(second), ms, threadId);
+}
+
 }  // namespace
 
 std::size_t formatLogLine(char* line, const char* format, va_list args) {
+  return formatLogLineAt(line, platform::wallClockMs(), format, args);
+}
+
+std::size_t formatLogLineAt(char* line, int64_t timeMs, const char* format, va_list args) {
   // Neither the prefix nor the text is zero-filled: each is terminated where
   // it ends and nothing behind it is read.
-  const int64_t nowMs = platform::wallClockMs();
-  int64_t second = nowMs / 1000;
-  long ms = static_cast<long>(nowMs % 1000);
-  if (ms < 0) {  // before 1970: keep the field in 0-999
-    ms += 1000;
-    --second;
-  }
+  int64_t second;
+  long ms;
+  splitTime(timeMs, &second, &ms);
   thread_local PrefixCache prefix;
   const std::size_t prefixLen = prefix.write(line, static_cast<std::time_t>(second), ms);
 
@@ -724,6 +877,40 @@ std::size_t formatLogLine(char* line, const char* format, va_list args) {
   }
   va_end(fallback);
   va_end(bounded);
+  return prefixLen + std::strlen(line + prefixLen);
+}
+
+bool CapturedLine::capture(const char* format, va_list args) {
+  return FastFormat::capture(format, args, this);
+}
+
+void CapturedLine::write(char* out, const char* format, int64_t timeMs) const {
+  std::memcpy(out, &timeMs, 8);
+  const auto length = static_cast<uint32_t>(formatLength);
+  std::memcpy(out + 8, &length, 4);
+  std::memcpy(out + 12, format, formatLength);
+  out += 12 + formatLength;
+  for (std::size_t i = 0; i < arguments; ++i) {
+    const Argument& a = argument[i];
+    std::memcpy(out, &a.value, 8);
+    out += 8;
+    if (a.text != nullptr) {
+      const std::size_t shown = FastFormat::shownLength(static_cast<std::size_t>(a.value));
+      std::memcpy(out, a.text, shown);
+      out += shown;
+    }
+  }
+}
+
+std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId) {
+  int64_t timeMs;
+  std::memcpy(&timeMs, payload, 8);
+  uint32_t formatLength;
+  std::memcpy(&formatLength, payload + 8, 4);
+  const char* format = payload + 12;
+  const std::size_t prefixLen = writePrefix(line, timeMs, threadId);
+  FastFormat::formatCaptured(line + prefixLen, kLineSize - 1 - prefixLen, format, formatLength,
+                             format + formatLength);
   return prefixLen + std::strlen(line + prefixLen);
 }
 
@@ -742,25 +929,33 @@ using zel::Logger;
 extern "C" {
 
 int log_print(int level, int flag, const char* format, ...) {
-  char line[zel::kLineSize];
-  va_list args;
-  va_start(args, format);
-  const std::size_t lineLen = zel::formatLogLine(line, format, args);
-  va_end(args);
-
   // No exception leaves log_print: a Logger that cannot be made (memory, a
   // thread that cannot start) or a line that cannot be queued drops the
   // line.
+  // The line's time is the time of the call: read before anything else
+  // (the first line also makes the Logger).
+  const int64_t timeMs = zel::platform::wallClockMs();
+  va_list args;
+  va_start(args, format);
   try {
     Logger* logger = zel::sCachedLogger.load(std::memory_order_acquire);
     if (logger == nullptr) {
       logger = Logger::GetInstance();
       zel::sCachedLogger.store(logger, std::memory_order_release);
-      if (logger == nullptr) return 0;
     }
-    logger->postLine(line, lineLen, level, flag != 0);
+    // The common formats are formatted on the writer thread, from the
+    // time, the format and the arguments the queue keeps; the others (a
+    // float, %n, %m, a precision...) here, as the caller's state gives
+    // them.
+    zel::LineQueue* queue = zel::LineQueue::instance();
+    if (queue == nullptr || !queue->postFormat(timeMs, format, args, level, flag != 0)) {
+      char line[zel::kLineSize];
+      const std::size_t lineLen = zel::formatLogLineAt(line, timeMs, format, args);
+      logger->postLine(line, lineLen, level, flag != 0);
+    }
   } catch (...) {
   }
+  va_end(args);
   return 0;
 }
 

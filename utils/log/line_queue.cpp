@@ -2,6 +2,7 @@
 
 #include "utils/log/internal/line_queue.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -19,25 +20,35 @@ namespace {
 
 constexpr int kFpNullLine = 296;
 
-// The text capacity of one block of the line queue. Blocks of this size are
-// reused; a longer line gets a block of its own size, freed after writing.
-constexpr std::size_t kBlockSize = 256 * 1024;
-// Free blocks kept for reuse; the others are given back.
-constexpr std::size_t kSpareBlocks = 4;
-// Records a new block has room for before its record list grows; a
-// recycled block keeps this much record storage and gives back the rest.
-constexpr std::size_t kBlockRecords = 2048;
+// A notice record: its count of dropped lines behind the header, its
+// reason in the header's level.
+constexpr uint16_t kNoticeRecord = 2;
+constexpr uint16_t kKindMask = 3;
+// The room the notices of every reason take.
+constexpr std::size_t kNoticesSize = LineQueue::kDropReasons * (kRecordHeaderSize + 8);
+
+// The writer takes at most this many records of one queue in one pass, and
+// stops a pass once its block holds this much text, so that a backlog is
+// written (and its room given back) a block at a time.
+constexpr std::size_t kPassRecords = 4096;
+constexpr std::size_t kPassText = std::size_t{1} << 20;
 // While the queue is bounded, at most this many records (lines and drop
-// notices, 8 bytes each) are queued, whatever the size of the lines: the
-// bound counts text, and lines of no or little text would otherwise queue
-// without limit. 8 MiB of records, 16 MiB while a record list grows.
-constexpr std::size_t kMaxQueuedRecords = std::size_t{1} << 20;
-// How long the writer stays awake for more lines after the queue ran empty.
+// notices) are queued, whatever the size of the lines: the bound counts
+// text, and lines of no or little text would otherwise queue without limit.
+constexpr uint64_t kMaxQueuedRecords = uint64_t{1} << 20;
+// After a fault, how long a number may stay unpublished before the writer
+// goes past it.
+constexpr int64_t kCrashGapNs = 20 * 1000 * 1000;
+// How long the writer stays awake for more lines after the queues ran empty.
 constexpr int64_t kLingerNs = 50 * 1000;
 constexpr std::size_t kDefaultQueueLimit = std::size_t{64} * 1024 * 1024;
 
-// A record of the line queue: the size of a line's text (bits 0-45), or the
-// number of lines dropped at that point of the stream, the line's level
+// queued_ holds the bytes in its low bits and the records above them.
+constexpr int kRecordsShift = 40;
+constexpr uint64_t kBytesMask = (uint64_t{1} << kRecordsShift) - 1;
+
+// A record of the writer's block: the size of a line's text (bits 0-45), or
+// the number of lines dropped at that point of the stream, the line's level
 // (bits 46-61, 16 bits two's complement: what LevelledBackend receives), and
 // two flags.
 constexpr uint64_t kRecordForward = uint64_t{1} << 62;  // hand the line to the backends
@@ -50,11 +61,14 @@ constexpr uint64_t kRecordLevel = uint64_t{0xFFFF} << kRecordLevelShift;
 constexpr int kNoticeReasonShift = 60;
 constexpr uint64_t kNoticeCount = (uint64_t{1} << kNoticeReasonShift) - 1;
 
-// The level bits of a record for `level`, held in -32768..32767.
+// The level held in -32768..32767.
+int16_t heldLevel(int level) {
+  return static_cast<int16_t>(level < -32768 ? -32768 : (level > 32767 ? 32767 : level));
+}
+
+// The level bits of a block record for `level`.
 uint64_t levelBits(int level) {
-  const int held = level < -32768 ? -32768 : (level > 32767 ? 32767 : level);
-  return static_cast<uint64_t>(static_cast<uint16_t>(static_cast<int16_t>(held)))
-         << kRecordLevelShift;
+  return static_cast<uint64_t>(static_cast<uint16_t>(heldLevel(level))) << kRecordLevelShift;
 }
 
 // The level that `record` carries.
@@ -66,22 +80,32 @@ int recordLevel(uint64_t record) {
 // before the Logger exists.
 std::atomic<std::size_t> sQueueLimit{kDefaultQueueLimit};
 std::atomic<bool> sQueueBlocks{false};
-// Lines dropped since the process started.
+// Lines dropped since the process started, and those whose notice is not
+// queued yet (per reason).
 std::atomic<uint64_t> sDroppedLines{0};
+std::atomic<uint64_t> sUnnoted[LineQueue::kDropReasons];
+std::atomic<bool> sAnyUnnoted{false};
 
 // True on the writer thread, which must not wait for its own queue.
 thread_local bool tOnWriterThread = false;
 
-// The calling thread's operating-system id, asked once per thread (and
-// again in a forked child, whose thread has an id of its own).
-thread_local uint64_t tThreadId = 0;
+// The calling thread's queue. It is not freed with the thread: the owner
+// below marks it closed when the thread ends, and the writer frees it once
+// its lines are written.
+thread_local ThreadQueue* tQueue = nullptr;
+// Set once the thread's owner is gone (the thread is ending): a line posted
+// after that gets a queue that is closed at once.
+thread_local bool tQueueOwnerGone = false;
 
-uint64_t selfId() {
-  if (tThreadId == 0) tThreadId = platform::currentThreadId();
-  return tThreadId;
-}
+struct QueueOwner {
+  ~QueueOwner() {
+    if (tQueue != nullptr) tQueue->closed.store(true, std::memory_order_release);
+    tQueue = nullptr;
+    tQueueOwnerGone = true;
+  }
+};
 
-// The queue of the process's Logger, for the fork handlers.
+// The queue of the process's Logger, for log_print() and the fork handlers.
 std::atomic<LineQueue*> sInstance{nullptr};
 
 // Set in a forked child: the writer thread and the crash drain's thread are
@@ -94,13 +118,29 @@ std::mutex* sRestartMutex = new std::mutex;  // never destroyed
 
 std::atomic<void*> LineQueue::sSpareDrain{nullptr};
 
-LineQueue::Block::Block(std::size_t size) : text(new char[size]), capacity(size) {
-  records.reserve(kBlockRecords);
+char* LineQueue::Block::room(std::size_t size) {
+  if (capacity - used < size) {
+    const std::size_t grown = std::max(used + size, capacity * 2);
+    std::unique_ptr<char[]> bigger(new char[grown]);
+    if (used > 0) std::memcpy(bigger.get(), text.get(), used);
+    text = std::move(bigger);
+    capacity = grown;
+  }
+  return text.get() + used;
 }
 
 LineQueue::~LineQueue() {
   if (looper_) looper_->Stop();
+  ThreadQueue* queue = queues_.load(std::memory_order_acquire);
+  while (queue != nullptr) {
+    ThreadQueue* next = queue->nextQueue.load(std::memory_order_relaxed);
+    // A queue of a thread that still runs stays: that thread may post.
+    if (queue->closed.load(std::memory_order_acquire)) delete queue;
+    queue = next;
+  }
 }
+
+LineQueue* LineQueue::instance() { return sInstance.load(std::memory_order_acquire); }
 
 void LineQueue::startWriter() {
   looper_ = std::make_unique<Looper>();
@@ -136,77 +176,75 @@ void LineQueue::DrainMessage::operator delete(void* memory) {
   }
 }
 
-LineQueue::Block* LineQueue::blockFor(std::size_t size) {
-  if (!blocks_.empty()) {
-    Block* last = blocks_.back().get();
-    if (last->capacity - last->used >= size) return last;
-  }
-  if (size <= kBlockSize && !spare_.empty()) {
-    blocks_.push_back(std::move(spare_.back()));
-    spare_.pop_back();
-  } else {
-    blocks_.push_back(std::make_unique<Block>(size > kBlockSize ? size : kBlockSize));
-  }
-  return blocks_.back().get();
-}
-
-void LineQueue::recycle(std::unique_ptr<Block> block) noexcept {
-  if (block->capacity != kBlockSize || spare_.size() >= kSpareBlocks) return;
-  block->used = 0;
-  block->records.clear();
+ThreadQueue* LineQueue::ownQueue() noexcept {
+  ThreadQueue* queue = tQueue;
+  if (queue != nullptr) return queue;
   try {
-    if (block->records.capacity() > kBlockRecords) {
-      // A block that held many short lines gives its record storage back.
-      std::vector<uint64_t>().swap(block->records);
-      block->records.reserve(kBlockRecords);
+    if (!tQueueOwnerGone) {
+      // Registers the owner's destructor for this thread's end.
+      thread_local QueueOwner owner;
+      static_cast<void>(owner);
     }
-    spare_.push_back(std::move(block));
+    queue = new ThreadQueue(platform::currentThreadId());
   } catch (...) {
-    // No memory for the reserve: the block is freed instead of kept.
+    return nullptr;
   }
+  ThreadQueue* first = queues_.load(std::memory_order_relaxed);
+  do {
+    queue->nextQueue.store(first, std::memory_order_relaxed);
+  } while (!queues_.compare_exchange_weak(first, queue, std::memory_order_release,
+                                          std::memory_order_relaxed));
+  tQueue = queue;
+  return queue;
 }
 
 void LineQueue::noteDropped(DropReason reason) noexcept {
   sDroppedLines.fetch_add(1, std::memory_order_relaxed);
-  ++unnotedDrops_[reason];
-  appendNotices();
+  sUnnoted[reason].fetch_add(1, std::memory_order_relaxed);
+  sAnyUnnoted.store(true, std::memory_order_release);
 }
 
-bool LineQueue::appendNotices() noexcept {
+void LineQueue::postNotices(ThreadQueue* queue) noexcept {
+  sAnyUnnoted.store(false, std::memory_order_relaxed);
   for (unsigned reason = 0; reason < kDropReasons; ++reason) {
-    uint64_t& count = unnotedDrops_[reason];
+    const uint64_t count = sUnnoted[reason].exchange(0, std::memory_order_acq_rel);
     if (count == 0) continue;
-    const uint64_t kind = kRecordDropped | (uint64_t{reason} << kNoticeReasonShift);
-    if (!blocks_.empty() && !blocks_.back()->records.empty()) {
-      // Drops for the same reason as the notice at the back of the queue
-      // are added to it.
-      uint64_t& last = blocks_.back()->records.back();
-      if ((last & ~kNoticeCount) == kind && (last & kNoticeCount) <= kNoticeCount - count) {
-        last += count;
-        count = 0;
-        continue;
-      }
+    char* at = queue->reserve(kRecordHeaderSize + 8);
+    if (at == nullptr) {
+      // No memory for the notice: it stays pending.
+      sUnnoted[reason].fetch_add(count, std::memory_order_relaxed);
+      sAnyUnnoted.store(true, std::memory_order_release);
+      continue;
     }
-    try {
-      blockFor(0)->records.push_back(kind | count);
-    } catch (...) {
-      return false;
-    }
-    count = 0;
-    ++queuedRecords_;
-    posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    std::memcpy(at + kRecordHeaderSize, &count, 8);
+    queued_.fetch_add(uint64_t{1} << kRecordsShift, std::memory_order_relaxed);
+    publish(queue, at, 8, kNoticeRecord, static_cast<int>(reason));
   }
-  return true;
+}
+
+void LineQueue::publish(ThreadQueue* queue, char* at, std::size_t payload, uint16_t kind,
+                        int level) noexcept {
+  RecordHeader header;
+  header.size = static_cast<uint32_t>(payload);
+  header.kind = kind;
+  header.level = heldLevel(level);
+  // The number is taken last, right before the release store that
+  // publishes the record: the writer waits for a number taken and not yet
+  // published.
+  header.seq = seq_.fetch_add(1, std::memory_order_seq_cst);
+  writeHeader(at, header);
+  queue->commit(kRecordHeaderSize + payload);
 }
 
 bool LineQueue::writerRunning() {
-  Looper& looper = *looper_;
-  if (!looper.IsStoped()) return true;
+  if (!looper_->IsStoped()) return true;
   // The writer's thread could not be created (at start-up or since): try
   // again, as every line that comes meanwhile does.
+  std::lock_guard<std::mutex> lock(startMutex_);
+  if (!looper_->IsStoped()) return true;
   try {
-    looper.Start();
-    return !looper.IsStoped();
+    looper_->Start();
+    if (!looper_->IsStoped()) return true;
   } catch (...) {
   }
   if (!startReported_) {
@@ -218,14 +256,12 @@ bool LineQueue::writerRunning() {
   return false;
 }
 
-bool LineQueue::wake(std::unique_lock<std::mutex>* lock) {
-  owner_.store(0, std::memory_order_relaxed);
-  if (drainPending_) {
-    lock->unlock();
-    return true;
-  }
-  drainPending_ = true;
-  lock->unlock();
+bool LineQueue::wake() {
+  // Pairs with the writer's store of asleep_ before its last look at seq_:
+  // either the writer sees this caller's number, or this caller sees it
+  // asleep (both are sequentially consistent).
+  if (!asleep_.load(std::memory_order_seq_cst)) return true;
+  if (!asleep_.exchange(false, std::memory_order_seq_cst)) return true;
   bool posted = false;
   try {
     // The Looper's queue may need memory for the message: a failure is
@@ -234,154 +270,162 @@ bool LineQueue::wake(std::unique_lock<std::mutex>* lock) {
   } catch (...) {
   }
   if (!posted) {
-    lock->lock();
-    drainPending_ = false;
-    if (roomWaiters_ > 0) room_.notify_all();
-    if (flushWaiters_ > 0) written_.notify_all();
-    lock->unlock();
+    asleep_.store(true, std::memory_order_seq_cst);
+    std::lock_guard<std::mutex> lock(waitMutex_);
+    room_.notify_all();
+    written_.notify_all();
   }
   return posted;
 }
 
-bool LineQueue::hasRoom(std::size_t size, std::size_t limit) const {
-  if (limit == 0) return true;
-  if (queuedRecords_ >= kMaxQueuedRecords) return false;
-  return size <= limit - (queuedBytes_ < limit ? queuedBytes_ : limit);
-}
-
-bool LineQueue::waitForRoom(std::unique_lock<std::mutex>* lock, std::size_t size) {
+bool LineQueue::takeRoom(std::size_t bytes) {
+  const uint64_t record = uint64_t{1} << kRecordsShift;
+  const uint64_t add = record + std::min<uint64_t>(bytes, kBytesMask);
+  uint64_t queued = queued_.load(std::memory_order_relaxed);
   for (;;) {
-    if (hasRoom(size, sQueueLimit.load(std::memory_order_relaxed))) return true;
-    if (!sQueueBlocks.load(std::memory_order_relaxed)) return false;
-    // The writer thread (a backend that logs) cannot wait for itself: its
-    // line goes beyond the bound. A line longer than the bound waits for
-    // an empty queue only.
-    if (tOnWriterThread) return true;
-    if (queuedBytes_ == 0 && queuedRecords_ < kMaxQueuedRecords) return true;
-    if (!drainPending_) {
-      // The writer is asleep with lines queued (its wake failed): wake it,
-      // or give the line up when that fails again.
-      const bool woken = wake(lock);
-      lock->lock();
-      owner_.store(selfId(), std::memory_order_relaxed);
-      if (!woken) return false;
+    const std::size_t limit = sQueueLimit.load(std::memory_order_relaxed);
+    const uint64_t queuedBytes = queued & kBytesMask;
+    bool fits = limit == 0 || ((queued >> kRecordsShift) < kMaxQueuedRecords &&
+                               queuedBytes + bytes <= std::min<uint64_t>(limit, kBytesMask));
+    if (!fits && sQueueBlocks.load(std::memory_order_relaxed)) {
+      // The writer thread (a backend that logs) cannot wait for itself: its
+      // line goes beyond the bound. A line longer than the bound waits for
+      // an empty queue only.
+      fits = tOnWriterThread || (queuedBytes == 0 && (queued >> kRecordsShift) < kMaxQueuedRecords);
+    }
+    if (fits) {
+      if (queued_.compare_exchange_weak(queued, queued + add, std::memory_order_relaxed)) {
+        return true;
+      }
       continue;
     }
-    ++roomWaiters_;
-    owner_.store(0, std::memory_order_relaxed);
-    room_.wait(*lock);
-    owner_.store(selfId(), std::memory_order_relaxed);
-    --roomWaiters_;
+    if (!sQueueBlocks.load(std::memory_order_relaxed)) return false;
+    // Wait for the writer to make room. It must be awake: a writer whose
+    // wake failed is woken here, or the line is given up.
+    if (!wake()) return false;
+    std::unique_lock<std::mutex> lock(waitMutex_);
+    roomWaiters_.fetch_add(1, std::memory_order_seq_cst);
+    if (queued_.load(std::memory_order_seq_cst) == queued &&
+        sQueueLimit.load(std::memory_order_relaxed) == limit &&
+        sQueueBlocks.load(std::memory_order_relaxed)) {
+      room_.wait(lock);
+    }
+    roomWaiters_.fetch_sub(1, std::memory_order_relaxed);
+    queued = queued_.load(std::memory_order_relaxed);
   }
 }
 
-bool LineQueue::append(const char* text, std::size_t size, int level, bool forward) noexcept {
-  // The record is added before the text is copied: a record list that
-  // cannot grow leaves the queue as it was.
-  Block* block = nullptr;
-  try {
-    block = blockFor(size);
-    // A line is bounded by the memory it was made in, far below the 2^46
-    // bytes that its record holds.
-    block->records.push_back(static_cast<uint64_t>(size) | levelBits(level) |
-                             (forward ? kRecordForward : 0));
-  } catch (...) {
-    return false;
+void LineQueue::giveRoom(uint64_t bytes, uint64_t records) {
+  queued_.fetch_sub((records << kRecordsShift) + bytes, std::memory_order_seq_cst);
+  if (roomWaiters_.load(std::memory_order_seq_cst) > 0) {
+    std::lock_guard<std::mutex> lock(waitMutex_);
+    room_.notify_all();
   }
-  std::memcpy(block->text.get() + block->used, text, size);
-  block->used += size;
-  queuedBytes_ += size;
-  ++queuedRecords_;
-  posted_.store(posted_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-  return true;
 }
 
-void LineQueue::post(const char* text, std::size_t size, int level, bool forward) {
+template <typename Fill>
+void LineQueue::enqueue(std::size_t payload, std::size_t counted, uint16_t kind, int level,
+                        Fill fill) {
   if (sWriterLost.load(std::memory_order_acquire)) restartWriter();
-  std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
-  LineQueue::lock(&lock);
-  owner_.store(selfId(), std::memory_order_relaxed);
   if (!writerRunning()) {
     // No writer: nothing could write the line, and no caller may wait for
     // one. It is dropped and counted; the notice is written once a writer
     // runs.
     noteDropped(kNoWriter);
-    owner_.store(0, std::memory_order_relaxed);
     return;
   }
-  // Drops not noticed yet (no memory then) come before this line.
-  appendNotices();
-  if (!waitForRoom(&lock, size)) {
-    noteDropped(kQueueFull);
-  } else if (!append(text, size, level, forward)) {
-    // At most this line is lost: the queue is as it was before it.
+  ThreadQueue* queue = ownQueue();
+  if (queue == nullptr) {
     noteDropped(kNoMemory);
+    return;
   }
-  wake(&lock);
+  char* at = nullptr;
+  if (!takeRoom(counted)) {
+    noteDropped(kQueueFull);
+  } else {
+    // Drops not noticed yet come before this line, and only before a line
+    // that is queued, in the same room: a run of drops has one notice.
+    const bool notices = sAnyUnnoted.load(std::memory_order_relaxed);
+    at = queue->reserve(kRecordHeaderSize + payload + (notices ? kNoticesSize : 0));
+    if (at != nullptr && notices) {
+      postNotices(queue);
+      at = queue->reserve(kRecordHeaderSize + payload);
+    }
+    if (at == nullptr) {
+      // At most this line is lost: the queue is as it was before it.
+      giveRoom(std::min<uint64_t>(counted, kBytesMask), 1);
+      noteDropped(kNoMemory);
+    }
+  }
+  if (at != nullptr) {
+    fill(at + kRecordHeaderSize);
+    publish(queue, at, payload, kind, level);
+  }
+  if (tQueueOwnerGone) {
+    // The thread is ending: its queue is the writer's to free.
+    queue->closed.store(true, std::memory_order_release);
+    tQueue = nullptr;
+  }
+  wake();
+}
+
+void LineQueue::post(const char* text, std::size_t size, int level, bool forward) {
+  // A line is bounded by the memory it was made in, far below the 4 GiB a
+  // record holds; a larger one is cut there.
+  const std::size_t held = std::min<std::size_t>(size, UINT32_MAX - kRecordHeaderSize);
+  enqueue(held, held, forward ? kTextRecord | kForwardRecord : kTextRecord, level,
+          [text, held](char* out) { std::memcpy(out, text, held); });
+}
+
+bool LineQueue::postFormat(int64_t timeMs, const char* format, va_list args, int level,
+                           bool forward) {
+  CapturedLine line;
+  if (!line.capture(format, args)) return false;
+  enqueue(line.payloadSize, line.payloadSize,
+          forward ? kFormatRecord | kForwardRecord : kFormatRecord, level,
+          [&line, format, timeMs](char* out) { line.write(out, format, timeMs); });
+  return true;
 }
 
 void LineQueue::flush() {
   if (tOnWriterThread) return;
-  const uint64_t self = selfId();
-  std::unique_lock<std::mutex> lock(mutex_);
-  owner_.store(self, std::memory_order_relaxed);
-  appendNotices();
-  const uint64_t target = posted_.load(std::memory_order_relaxed);
-  while (done_ < target) {
-    if (!drainPending_) {
-      // Lines are queued and the writer sleeps: its wake failed, or it has
-      // no thread. Wake it; when that cannot be done the lines stay queued
-      // for the next line's wake and the flush returns.
-      if (!writerRunning()) break;
-      if (!wake(&lock)) return;
-      lock.lock();
-      owner_.store(self, std::memory_order_relaxed);
-      continue;
-    }
-    ++flushWaiters_;
-    owner_.store(0, std::memory_order_relaxed);
-    written_.wait(lock);
-    owner_.store(self, std::memory_order_relaxed);
-    --flushWaiters_;
+  if (sAnyUnnoted.load(std::memory_order_acquire) && !looper_->IsStoped()) {
+    if (ThreadQueue* queue = ownQueue()) postNotices(queue);
   }
-  owner_.store(0, std::memory_order_relaxed);
+  const uint64_t target = seq_.load(std::memory_order_seq_cst);
+  while (done_.load(std::memory_order_acquire) < target) {
+    // Lines are queued and the writer may sleep: its wake failed, or it has
+    // no thread. Wake it; when that cannot be done the lines stay queued
+    // for the next line's wake and the flush returns.
+    if (!writerRunning() || !wake()) return;
+    std::unique_lock<std::mutex> lock(waitMutex_);
+    flushWaiters_.fetch_add(1, std::memory_order_seq_cst);
+    if (done_.load(std::memory_order_seq_cst) < target &&
+        !asleep_.load(std::memory_order_seq_cst)) {
+      written_.wait(lock);
+    }
+    flushWaiters_.fetch_sub(1, std::memory_order_relaxed);
+  }
 }
 
 void LineQueue::limitChanged() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  owner_.store(selfId(), std::memory_order_relaxed);
-  if (roomWaiters_ > 0) room_.notify_all();
-  owner_.store(0, std::memory_order_relaxed);
+  std::lock_guard<std::mutex> lock(waitMutex_);
+  room_.notify_all();
 }
 
 void LineQueue::crashFlush(uint64_t faultingThread, int64_t deadlineNs) {
-  // The faulting thread is stopped in its signal handler for good: a lock
-  // it holds is never let go, and waiting for it would only run out the
-  // handler's wait. Then the lines queued behind that lock cannot be
-  // reached (the thread may have stopped half-way through changing the
-  // queue); the ones the writer took already are written by the writer,
-  // which needs no lock for them. Anyone else holds the lock for well
-  // under a microsecond.
-  std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
-  while (!lock.try_lock()) {
-    if (owner_.load(std::memory_order_relaxed) == faultingThread) {
-      while (writing_.load(std::memory_order_acquire) && platform::monotonicNs() < deadlineNs) {
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-      }
-      return;
-    }
+  static_cast<void>(faultingThread);
+  crashing_.store(true, std::memory_order_release);
+  const uint64_t target = seq_.load(std::memory_order_seq_cst);
+  while (done_.load(std::memory_order_acquire) < target) {
     if (platform::monotonicNs() >= deadlineNs) return;
-    std::this_thread::sleep_for(std::chrono::microseconds(50));
+    if (asleep_.load(std::memory_order_acquire)) wake();
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
-  const uint64_t target = posted_.load(std::memory_order_relaxed);
-  if (done_ >= target) return;
-  ++flushWaiters_;
-  const int64_t left = deadlineNs - platform::monotonicNs();
-  if (left > 0) {
-    written_.wait_for(lock, std::chrono::nanoseconds(left),
-                      [this, target] { return done_ >= target; });
+  // The writer may still be writing the block the last lines are in.
+  while (writing_.load(std::memory_order_acquire) && platform::monotonicNs() < deadlineNs) {
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
-  --flushWaiters_;
 }
 
 void LineQueue::writeGathered() {
@@ -405,13 +449,15 @@ void LineQueue::forkPrepare() {
   queue->backends_->lockForFork();
   LogFile::lockForFork();
   retention::lockForFork();
-  queue->mutex_.lock();
+  queue->startMutex_.lock();
+  queue->waitMutex_.lock();
 }
 
 void LineQueue::forkParent() {
   LineQueue* queue = sInstance.load(std::memory_order_acquire);
   if (queue == nullptr) return;
-  queue->mutex_.unlock();
+  queue->waitMutex_.unlock();
+  queue->startMutex_.unlock();
   retention::unlockAfterFork();
   LogFile::unlockAfterFork();
   queue->backends_->unlockAfterFork();
@@ -421,26 +467,32 @@ void LineQueue::forkChild() {
   LineQueue* instance = sInstance.load(std::memory_order_acquire);
   if (instance == nullptr) return;
   // The child has only the forking thread. The lines queued in the parent
-  // are the parent's to write: the child's queue starts empty, and nobody
-  // waits in it. The condition variables are made anew: their waiters are
-  // threads of the parent.
+  // are the parent's to write: the queues (copies of the parent's, some
+  // perhaps half-written by threads the child does not have) are let go,
+  // and nobody waits. The condition variables are made anew: their
+  // waiters are threads of the parent.
   LineQueue& queue = *instance;
-  tThreadId = 0;
   tOnWriterThread = false;
+  tQueue = nullptr;
   new (&queue.room_) std::condition_variable;
   new (&queue.written_) std::condition_variable;
-  queue.blocks_.clear();
-  queue.batch_.clear();
+  queue.queues_.store(nullptr, std::memory_order_relaxed);
+  queue.found_.clear();
+  queue.block_.used = 0;
+  queue.block_.records.clear();
+  queue.blockBytes_ = 0;
+  queue.blockRecords_ = 0;
   queue.pieces_.clear();
   queue.runLines_.clear();
-  queue.queuedBytes_ = 0;
-  queue.queuedRecords_ = 0;
-  for (uint64_t& count : queue.unnotedDrops_) count = 0;
-  queue.done_ = queue.posted_.load(std::memory_order_relaxed);
-  queue.drainPending_ = false;
-  queue.roomWaiters_ = 0;
-  queue.flushWaiters_ = 0;
-  queue.owner_.store(0, std::memory_order_relaxed);
+  queue.queued_.store(0, std::memory_order_relaxed);
+  for (std::atomic<uint64_t>& count : sUnnoted) count.store(0, std::memory_order_relaxed);
+  sAnyUnnoted.store(false, std::memory_order_relaxed);
+  queue.next_ = queue.seq_.load(std::memory_order_relaxed);
+  queue.done_.store(queue.next_, std::memory_order_relaxed);
+  queue.asleep_.store(true, std::memory_order_relaxed);
+  queue.roomWaiters_.store(0, std::memory_order_relaxed);
+  queue.flushWaiters_.store(0, std::memory_order_relaxed);
+  queue.crashing_.store(false, std::memory_order_relaxed);
   queue.writing_.store(false, std::memory_order_relaxed);
   queue.forwarding_.store(false, std::memory_order_relaxed);
   sDroppedLines.store(0, std::memory_order_relaxed);
@@ -449,7 +501,8 @@ void LineQueue::forkChild() {
   crash::afterForkInChild();
   sRestartMutex = new (sRestartMutex) std::mutex;
   sWriterLost.store(true, std::memory_order_release);
-  queue.mutex_.unlock();
+  queue.waitMutex_.unlock();
+  queue.startMutex_.unlock();
   retention::unlockAfterFork();
   LogFile::unlockAfterFork();
   queue.backends_->resetInChild();
@@ -476,87 +529,217 @@ void LineQueue::restartWriter() {
 void LineQueue::drain() {
   tOnWriterThread = true;
   for (;;) {
-    {
-      // The last block written is accounted for together with taking the
-      // next batch: one lock per batch while lines trickle in.
-      writing_.store(false, std::memory_order_release);
-      std::lock_guard<std::mutex> lock(mutex_);
-      for (std::unique_ptr<Block>& block : batch_) {
-        if (block) release(std::move(block));
-      }
-      batch_.clear();
-      if (blocks_.empty() && !linger()) {
-        drainPending_ = false;
-        return;
-      }
-      batch_.swap(blocks_);
-      writing_.store(true, std::memory_order_relaxed);
+    bool gap = false;
+    if (collect(&gap)) {
+      writeBlock();
+      continue;
     }
-    for (std::size_t b = 0; b < batch_.size(); ++b) {
-      Block& block = *batch_[b];
-      writeSafely(block.text.get(), block.records.data(), block.records.size());
-      if (b + 1 == batch_.size()) break;
-      // A backlog: give each block's room back as soon as it is written.
-      // The writer does not wait for the lock here: while it holds blocks
-      // it took, it needs no lock to write them, and the crash drain counts
-      // on that (a thread that faulted holding the lock never lets go).
-      // Room that cannot be given back now is given back after the batch.
-      std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
-      for (int i = 0; i < 100 && !lock.owns_lock(); ++i) lock.try_lock();
-      if (lock.owns_lock()) release(std::move(batch_[b]));
+    if (gap) {
+      // A poster is between taking its number and publishing its record.
+      std::this_thread::yield();
+      continue;
     }
+    takeNotices();
+    if (!block_.records.empty()) {
+      writeBlock();
+      continue;
+    }
+    reclaimQueues();
+    if (linger()) continue;
+    asleep_.store(true, std::memory_order_seq_cst);
+    if (seq_.load(std::memory_order_seq_cst) == next_ &&
+        !sAnyUnnoted.load(std::memory_order_seq_cst)) {
+      break;
+    }
+    // A line came: carry on, unless its poster has already posted a new
+    // drain message, which will.
+    if (!asleep_.exchange(false, std::memory_order_seq_cst)) break;
+  }
+  if (flushWaiters_.load(std::memory_order_seq_cst) > 0) {
+    std::lock_guard<std::mutex> lock(waitMutex_);
+    written_.notify_all();
+  }
+}
+
+bool LineQueue::collect(bool* gap) {
+  found_.clear();
+  for (ThreadQueue* queue = queues_.load(std::memory_order_acquire); queue != nullptr;
+       queue = queue->nextQueue.load(std::memory_order_acquire)) {
+    ThreadQueue::Cursor cursor = queue->read();
+    RecordHeader header;
+    for (std::size_t n = 0; n < kPassRecords; ++n) {
+      const char* record = cursor.next(&header);
+      if (record == nullptr) break;
+      found_.push_back(Found{header.seq, queue, record});
+    }
+  }
+  if (found_.empty()) return false;
+  auto bySeq = [](const Found& a, const Found& b) { return a.seq < b.seq; };
+  if (!std::is_sorted(found_.begin(), found_.end(), bySeq)) {
+    std::sort(found_.begin(), found_.end(), bySeq);
+  }
+  if (found_.front().seq > next_) {
+    if (!skipGap()) {
+      *gap = true;
+      return false;
+    }
+    next_ = found_.front().seq;
+  }
+  gapSinceNs_ = 0;
+  try {
+    for (const Found& found : found_) {
+      if (found.seq != next_ || block_.used >= kPassText) break;
+      RecordHeader header;
+      readHeader(found.record, &header);
+      take(found, header);
+      ++next_;
+    }
+  } catch (...) {
+    // No memory for the block: the records taken so far are consumed (and
+    // given up with the block), so that the numbers stay in step.
+    consumeTaken();
+    throw;
+  }
+  consumeTaken();
+  return true;
+}
+
+bool LineQueue::skipGap() {
+  // Only after a fault: a poster that faulted between taking its number and
+  // publishing its record never will. Anyone else publishes within a few
+  // instructions once it runs again.
+  if (!crashing_.load(std::memory_order_acquire)) return false;
+  const int64_t now = platform::monotonicNs();
+  if (gapSinceNs_ == 0) gapSinceNs_ = now;
+  return now - gapSinceNs_ > kCrashGapNs;
+}
+
+void LineQueue::take(const Found& found, const RecordHeader& header) {
+  const char* payload = found.record + kRecordHeaderSize;
+  const uint16_t kind = header.kind & kKindMask;
+  ++blockRecords_;
+  if (kind == kNoticeRecord) {
+    uint64_t count;
+    std::memcpy(&count, payload, 8);
+    block_.records.push_back(kRecordDropped |
+                             (static_cast<uint64_t>(header.level) << kNoticeReasonShift) |
+                             std::min(count, kNoticeCount));
+    return;
+  }
+  blockBytes_ += header.size;
+  const uint64_t flags =
+      levelBits(header.level) | ((header.kind & kForwardRecord) != 0 ? kRecordForward : 0);
+  std::size_t size = header.size;
+  if (kind == kFormatRecord) {
+    // The line as the caller's formatter would have made it.
+    char* line = block_.room(kLineSize);
+    size = formatCapturedLine(line, payload, found.queue->threadId());
+  } else {
+    std::memcpy(block_.room(size), payload, size);
+  }
+  block_.records.push_back(static_cast<uint64_t>(size) | flags);
+  block_.used += size;
+}
+
+void LineQueue::consumeTaken() {
+  for (ThreadQueue* queue = queues_.load(std::memory_order_acquire); queue != nullptr;
+       queue = queue->nextQueue.load(std::memory_order_acquire)) {
+    ThreadQueue::Cursor cursor = queue->read();
+    ThreadQueue::Cursor taken = cursor;
+    RecordHeader header;
+    while (cursor.next(&header) != nullptr && header.seq < next_) taken = cursor;
+    queue->consume(taken);
+  }
+}
+
+void LineQueue::takeNotices() {
+  if (!sAnyUnnoted.load(std::memory_order_acquire)) return;
+  sAnyUnnoted.store(false, std::memory_order_relaxed);
+  for (unsigned reason = 0; reason < kDropReasons; ++reason) {
+    const uint64_t count = sUnnoted[reason].exchange(0, std::memory_order_acq_rel);
+    if (count == 0) continue;
+    try {
+      block_.records.push_back(kRecordDropped | (uint64_t{reason} << kNoticeReasonShift) |
+                               std::min(count, kNoticeCount));
+    } catch (...) {
+      sUnnoted[reason].fetch_add(count, std::memory_order_relaxed);
+      sAnyUnnoted.store(true, std::memory_order_release);
+    }
+  }
+}
+
+void LineQueue::reclaimQueues() {
+  ThreadQueue* previous = nullptr;
+  ThreadQueue* queue = queues_.load(std::memory_order_acquire);
+  while (queue != nullptr) {
+    ThreadQueue* next = queue->nextQueue.load(std::memory_order_acquire);
+    if (!queue->closed.load(std::memory_order_acquire) || !queue->empty()) {
+      // An idle queue keeps one segment.
+      if (queue->empty()) queue->shrink();
+      previous = queue;
+      queue = next;
+      continue;
+    }
+    // Threads only push at the front: unlinking the front races with them,
+    // any other link is the writer's alone.
+    ThreadQueue* expected = queue;
+    if (previous == nullptr && !queues_.compare_exchange_strong(expected, next)) {
+      previous = queues_.load(std::memory_order_acquire);
+      while (previous->nextQueue.load(std::memory_order_acquire) != queue) {
+        previous = previous->nextQueue.load(std::memory_order_acquire);
+      }
+    }
+    if (previous != nullptr) previous->nextQueue.store(next, std::memory_order_release);
+    delete queue;
+    queue = next;
+  }
+}
+
+void LineQueue::writeBlock() {
+  writing_.store(true, std::memory_order_release);
+  writeSafely(block_.text.get(), block_.records.data(), block_.records.size());
+  block_.used = 0;
+  block_.records.clear();
+  writing_.store(false, std::memory_order_release);
+  giveRoom(blockBytes_, blockRecords_);
+  blockBytes_ = 0;
+  blockRecords_ = 0;
+  done_.store(next_, std::memory_order_seq_cst);
+  if (flushWaiters_.load(std::memory_order_seq_cst) > 0) {
+    std::lock_guard<std::mutex> lock(waitMutex_);
+    written_.notify_all();
   }
 }
 
 bool LineQueue::linger() {
   // Lines of a burst come faster than waking the writer through the Looper
-  // costs the caller: the writer stays awake a little (without holding the
-  // lock, yielding its processor) in case more follow.
-  const uint64_t seen = posted_.load(std::memory_order_relaxed);
-  mutex_.unlock();
+  // costs the caller: the writer stays awake a little (yielding its
+  // processor) in case more follow.
+  const uint64_t seen = seq_.load(std::memory_order_relaxed);
   const int64_t until = platform::monotonicNs() + kLingerNs;
-  bool more = false;
-  while (!(more = posted_.load(std::memory_order_acquire) != seen) &&
-         platform::monotonicNs() < until) {
+  while (platform::monotonicNs() < until) {
+    if (seq_.load(std::memory_order_acquire) != seen) return true;
     std::this_thread::yield();
   }
-  mutex_.lock();
-  return !blocks_.empty();
+  return false;
 }
 
 void LineQueue::drainFailed() {
   writerFailed();
-  // The drain ended early: the blocks it had taken are given up (their
-  // lines are lost, counted in the failure), and the next wake starts a
-  // new drain.
+  // The drain ended early: the block it was writing is given up (its lines
+  // are lost, counted in the failure), and the next wake starts a new
+  // drain.
   writing_.store(false, std::memory_order_release);
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (std::unique_ptr<Block>& block : batch_) {
-    if (block) release(std::move(block));
-  }
-  batch_.clear();
-  drainPending_ = false;
-  if (roomWaiters_ > 0) room_.notify_all();
-  if (flushWaiters_ > 0) written_.notify_all();
-}
-
-void LineQueue::release(std::unique_ptr<Block> block) {
-  queuedBytes_ -= block->used;
-  queuedRecords_ -= block->records.size();
-  done_ += block->records.size();
-  recycle(std::move(block));
-  if (roomWaiters_ > 0) room_.notify_all();
-  if (flushWaiters_ > 0) written_.notify_all();
-}
-
-void LineQueue::lock(std::unique_lock<std::mutex>* lock) {
-  // The writer holds the lock only to take or give back blocks, for well
-  // under a microsecond: trying a few times first spares the caller the
-  // sleep and wake of a contended mutex.
-  for (int i = 0; i < 100; ++i) {
-    if (lock->try_lock()) return;
-  }
-  lock->lock();
+  block_.used = 0;
+  block_.records.clear();
+  giveRoom(blockBytes_, blockRecords_);
+  blockBytes_ = 0;
+  blockRecords_ = 0;
+  done_.store(next_, std::memory_order_seq_cst);
+  asleep_.store(true, std::memory_order_seq_cst);
+  std::lock_guard<std::mutex> lock(waitMutex_);
+  room_.notify_all();
+  written_.notify_all();
 }
 
 void LineQueue::writeOne(const char* text, std::size_t size, int level, bool forward) {

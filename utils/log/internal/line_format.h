@@ -11,6 +11,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 
 #include "utils/logger.h"
 
@@ -24,6 +25,44 @@ constexpr int kLineSize = 4096;
 // would, the whole cut to fit and terminated. Returns the line's length.
 // `args` is used up. Threads: any thread.
 std::size_t formatLogLine(char* line, const char* format, va_list args);
+
+// A line left to the writer thread to format: the time it was posted, its
+// format and its arguments as the caller gave them (strings copied). Only
+// formats whose text does not depend on the caller's state or locale are
+// captured: %d %i %u %x %X %c %s with the flags '-' and '0', a width in
+// digits and the length modifiers l, ll and z, and "%%". The writer
+// produces exactly the line formatLogLine() would have produced when called
+// at the same time on the posting thread.
+constexpr std::size_t kMaxCapturedArguments = 16;
+
+struct CapturedLine {
+  struct Argument {
+    const char* text;  // a string argument, or null for a number
+    uint64_t value;    // the number's bits, or the string's length
+  };
+  Argument argument[kMaxCapturedArguments];
+  std::size_t arguments = 0;
+  std::size_t formatLength = 0;
+  // The bytes write() stores.
+  std::size_t payloadSize = 0;
+
+  // Reads `format` and the arguments it takes from `args` (a copy: `args`
+  // is left as it is). False when the line must be formatted by the
+  // caller with formatLogLine().
+  bool capture(const char* format, va_list args);
+  // Stores the time, the format and the arguments in `payloadSize` bytes
+  // at `out`.
+  void write(char* out, const char* format, int64_t timeMs) const;
+};
+
+// Formats a line that CapturedLine::write() stored in `size` bytes at
+// `payload`, posted by the thread `threadId`, into `line` (kLineSize
+// bytes); returns its length. Threads: the writer.
+std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId);
+
+// formatLogLine() for the wall-clock time `timeMs` (milliseconds since
+// 1970) read by the caller.
+std::size_t formatLogLineAt(char* line, int64_t timeMs, const char* format, va_list args);
 
 // formatLogLine() with the arguments given in place.
 std::size_t printLogLine(char* line, const char* format, ...) ZEL_PRINTF_FORMAT(2, 3);

@@ -11,12 +11,14 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "utils/log/internal/thread_queue.h"
 #include "utils/looper.h"
 #include "utils/platform.h"
 
@@ -25,17 +27,27 @@ namespace zel {
 class BackendList;
 class LogFile;
 
-// The lines posted and not yet written, in posting order, and the writer's
-// side of them.
+// The lines posted and not yet written, and the writer's side of them.
 //
-// Callers copy a line's text into the current block and append a record of
-// its size; nothing is allocated while a block has room and reused blocks
-// are at hand. A caller that finds the writer asleep posts one drain
-// message to the writer's Looper; the drain then takes every queued block at
-// once and writes each block's lines in runs, one gathered write per run,
-// while callers fill fresh blocks. It goes on until the queue is empty and
-// only then counts as asleep again, so every line is in the operating system
-// before the writer waits.
+// Each posting thread has a queue of its own (utils/log/internal/
+// thread_queue.h), made at its first line and freed by the writer once the
+// thread has ended and its lines are written: posting takes no lock. A
+// line is a record of its text, or of its time, format and arguments for
+// the writer to format (CapturedLine). Every record takes a number from one
+// process-wide counter when it is published, with one atomic increment:
+// when one post happens before another (the same thread, or ordered by a
+// lock, an atomic or a join) its number is the smaller. The writer writes
+// records in the order of their numbers, without gaps: a number taken but
+// not yet published (a poster between the increment and its release store,
+// a few instructions) holds back the records behind it until it is there.
+//
+// The bound counts the bytes of the records queued and not yet written
+// (a line's text, or a captured line's time, format and arguments) and
+// the records themselves, in one atomic word. A caller that finds the
+// writer asleep posts one drain message to the writer's Looper; the drain
+// takes the records of every queue, formats them into one block and writes
+// it in runs, one gathered write per run, and goes on until every queue is
+// empty, so every line is in the operating system before the writer waits.
 class LineQueue {
  public:
   // Why lines were dropped: each reason has its notice in the file, and all
@@ -65,11 +77,21 @@ class LineQueue {
   static void setLimit(std::size_t bytes, bool blocks);
   static uint64_t dropped();
 
+  // The queue of the process's Logger once its writer was started; null
+  // before.
+  static LineQueue* instance();
+
   // Queues one line, or drops it (the bound, kDrop) or waits for room (the
   // bound, kBlock). Any thread.
   void post(const char* text, std::size_t size, int level, bool forward);
+  // As post() for the line `format` makes of `args` at `timeMs` (the wall
+  // clock the caller read, through platform::wallClockMs()), formatted on
+  // the writer thread; false, with nothing queued or counted, when the
+  // format must be formatted by the caller (see CapturedLine).
+  bool postFormat(int64_t timeMs, const char* format, va_list args, int level, bool forward);
 
-  // Waits until every record queued before the call has been written.
+  // Waits until every record queued before the call (by any thread) has
+  // been written.
   void flush();
 
   // Wakes the callers that wait for room, after a change of the bound.
@@ -86,8 +108,10 @@ class LineQueue {
   // and reports it, and lets the next wake start a new drain.
   void drainFailed();
   // The crash drain's flush (crash::DrainFunction): waits until the lines
-  // queued so far are written, at most until `deadlineNs`, and never for
-  // the queue's lock while `faultingThread` holds it (it never lets go).
+  // numbered so far are written (the writer formats the ones it has not),
+  // at most until `deadlineNs`. Posting takes no lock, so nothing the
+  // faulting thread held can stop the writer; a number it took and never
+  // published is skipped.
   void crashFlush(uint64_t faultingThread, int64_t deadlineNs);
 
   // A fault of the writer thread (crash::WriterFaultFunction's work, in the
@@ -95,9 +119,10 @@ class LineQueue {
   // line being handed to a backend.
   void writeGathered();
 
-  // Around fork(): the queue's lock (and the locks the writer takes) are
-  // held across the fork, so that the child finds them in a known state;
-  // in the child the queue is reset to the lines the child posts.
+  // Around fork(): the locks the writer takes are held across the fork,
+  // so that the child finds them in a known state; in the child every
+  // thread queue (the parent's lines, the parent's to write) is let go and
+  // the child's lines start anew.
   static void forkPrepare();
   static void forkParent();
   static void forkChild();
@@ -115,12 +140,23 @@ class LineQueue {
     std::size_t forwarded = 0;
   };
 
+  // The lines the writer formatted from the queues, to be written: their
+  // texts back to back and one record per line or notice (its size, level
+  // and flags).
   struct Block {
-    explicit Block(std::size_t size);
     std::unique_ptr<char[]> text;
-    std::size_t capacity;
-    std::size_t used = 0;           // bytes of text
-    std::vector<uint64_t> records;  // one per line or notice, in order
+    std::size_t capacity = 0;
+    std::size_t used = 0;
+    std::vector<uint64_t> records;
+    // Room for `size` more bytes of text; throws std::bad_alloc.
+    char* room(std::size_t size);
+  };
+
+  // A record of a thread's queue, found by the writer.
+  struct Found {
+    uint64_t seq;
+    ThreadQueue* queue;
+    const char* record;
   };
 
   // Posted to the Looper to wake the writer. Its memory is kept for the
@@ -145,47 +181,58 @@ class LineQueue {
     LineQueue* queue_;
   };
 
-  // A block with room for `size` more bytes at the back of the queue.
-  // Requires mutex_.
-  Block* blockFor(std::size_t size);
-  // Gives a written block back for reuse, with at most kBlockRecords of
-  // record storage. Requires mutex_.
-  void recycle(std::unique_ptr<Block> block) noexcept;
-  // Called with mutex_ held and the queue empty: waits up to kLingerNs for
-  // more lines (mutex_ released meanwhile). True when lines are queued.
-  bool linger();
-  // Accounts for the written `block` (room, the written count, waiters)
-  // and recycles it. Requires mutex_.
-  void release(std::unique_ptr<Block> block);
-  // Takes `lock` (on mutex_, not owned yet), trying briefly before sleeping.
-  static void lock(std::unique_lock<std::mutex>* lock);
-  // Whether a line of `size` bytes fits under the bound `limit` (0: none),
-  // in text and in records. Requires mutex_.
-  bool hasRoom(std::size_t size, std::size_t limit) const;
-  // Decides whether a line of `size` bytes may be queued: true when it fits
-  // (or under kBlock once it does: the caller waits, `lock` released
-  // meanwhile), false when it is to be dropped. A waiter looks at the bound
-  // and the policy again each time it wakes. Requires `lock` held.
-  bool waitForRoom(std::unique_lock<std::mutex>* lock, std::size_t size);
-  // Appends the line to the queue, all or nothing: false, with nothing
-  // changed, when memory for it cannot be had. Requires mutex_.
-  bool append(const char* text, std::size_t size, int level, bool forward) noexcept;
-  // Counts one line dropped for `reason`; its notice is queued now, or
-  // with the next notice that can be queued. Allocates nothing that can
-  // fail: the count and the notices agree whatever fails. Requires mutex_.
-  void noteDropped(DropReason reason) noexcept;
-  // Queues the notice of the drops not noticed yet; false when that needs
-  // memory that cannot be had (they stay pending). Requires mutex_.
-  bool appendNotices() noexcept;
+  // The calling thread's queue, made (and registered) at its first line;
+  // null when it cannot be made.
+  ThreadQueue* ownQueue() noexcept;
+  // Queues a record of `payload` bytes (`counted` of them under the bound)
+  // that `fill` writes, with the checks and the accounting every line has.
+  template <typename Fill>
+  void enqueue(std::size_t payload, std::size_t counted, uint16_t kind, int level, Fill fill);
+  // Publishes the record of `payload` bytes reserved at `at` in `queue`.
+  void publish(ThreadQueue* queue, char* at, std::size_t payload, uint16_t kind,
+               int level) noexcept;
+  // Takes room for a record of `bytes` under the bound: true when it fits
+  // (or under kBlock once it does: the caller waits), false when it is to
+  // be dropped. A waiter looks at the bound and the policy each time it
+  // wakes.
+  bool takeRoom(std::size_t bytes);
+  // Gives back what takeRoom() took for `bytes` in `records` records, and
+  // wakes the callers waiting for room.
+  void giveRoom(uint64_t bytes, uint64_t records);
+  // Counts one line dropped for `reason`; its notice is queued with the
+  // next line posted, or by the writer once every queue is empty.
+  // Allocates nothing: the count and the notices agree whatever fails.
+  static void noteDropped(DropReason reason) noexcept;
+  // Queues, in `queue`, the notices of the drops not noticed yet.
+  void postNotices(ThreadQueue* queue) noexcept;
   // Whether the writer thread runs; starts it when it does not (after a
-  // failed start), reporting the first failure. Requires mutex_.
+  // failed start), reporting the first failure.
   bool writerRunning();
-  // Posts the drain message when the writer was asleep; `lock` is held on
-  // entry and released on return. False when the writer could not be
-  // woken (no writer, or no memory to post): then the writer counts as
-  // asleep again, the lines stay queued for the next wake, and waiters are
-  // told so that they can try the wake themselves.
-  bool wake(std::unique_lock<std::mutex>* lock);
+  // Posts the drain message when the writer is asleep. False when it was
+  // asleep and could not be woken (no memory to post): then it counts as
+  // asleep again and the lines stay queued for the next wake.
+  bool wake();
+  // The writer's pass: takes the records of every queue that are next in
+  // number into block_, formatted. True when it took any; `*gap` tells
+  // whether a record is published behind a number not yet published.
+  bool collect(bool* gap);
+  // Whether the number the writer waits for is to be skipped (see
+  // crashFlush()).
+  bool skipGap();
+  // Appends the record `found` to block_, formatted.
+  void take(const Found& found, const RecordHeader& header);
+  // Consumes, in every queue, the records numbered below next_.
+  void consumeTaken();
+  // Appends the notices of the drops not noticed yet to block_ (the writer,
+  // once every queue is empty).
+  void takeNotices();
+  // Frees the queues of ended threads that are empty, and the spare
+  // segments of idle ones.
+  void reclaimQueues();
+  // Writes block_ and accounts for it (room, the written count, waiters).
+  void writeBlock();
+  // Waits up to kLingerNs for more lines; true when a line came.
+  bool linger();
   // Writes the records of one block, catching every exception: a run whose
   // writing throws is tried again once, and a record that throws twice is
   // given up (counted and reported with drainFailed()'s count).
@@ -215,31 +262,42 @@ class LineQueue {
   // The writer thread's Looper, which runs the drain message; set by
   // startWriter() and made anew in a forked child.
   std::unique_ptr<Looper> looper_;
-  std::mutex mutex_;
-  std::condition_variable room_;                // the writer made room, or the bound changed
-  std::condition_variable written_;             // the writer finished a block
-  std::vector<std::unique_ptr<Block>> blocks_;  // queued, oldest first; the last one fills
-  std::vector<std::unique_ptr<Block>> spare_;   // written blocks kept for reuse
-  std::size_t queuedBytes_ = 0;                 // text of the lines posted and not yet written
-  std::size_t queuedRecords_ = 0;               // records posted and not yet written
-  uint64_t unnotedDrops_[kDropReasons] = {};    // dropped lines whose notice is not queued yet
-  bool startReported_ = false;                  // a failed start of the writer was reported
-  // Records queued so far; written under mutex_, also read without it by
-  // the writer while it lingers.
-  std::atomic<uint64_t> posted_{0};
-  uint64_t done_ = 0;          // records written (or given up) so far
-  bool drainPending_ = false;  // the writer is awake or woken
-  int roomWaiters_ = 0;
-  int flushWaiters_ = 0;
-  // The thread that holds mutex_ in post(), flush() or limitChanged() (0:
-  // none, or the writer in its own work): the crash drain does not wait
-  // for a lock its faulting thread holds.
-  std::atomic<uint64_t> owner_{0};
-  // True while the writer writes a batch it took, without the lock.
+  std::mutex startMutex_;       // a restart of a writer that could not start
+  bool startReported_ = false;  // a failed start of the writer was reported
+
+  // The queues of the threads, newest first: threads push their own at the
+  // front, and only the writer unlinks (ended and empty ones).
+  std::atomic<ThreadQueue*> queues_{nullptr};
+  // The next record number to hand out.
+  std::atomic<uint64_t> seq_{0};
+  // The bytes (bits 0-39) and records (bits 40-63) queued and not yet
+  // written.
+  std::atomic<uint64_t> queued_{0};
+  // The records written (or given up) so far: every number below it.
+  std::atomic<uint64_t> done_{0};
+  // True while no drain runs or is posted.
+  std::atomic<bool> asleep_{true};
+
+  // Callers waiting for room or for a flush sleep here.
+  std::mutex waitMutex_;
+  std::condition_variable room_;     // the writer made room, or the bound changed
+  std::condition_variable written_;  // the writer wrote a block
+  std::atomic<int> roomWaiters_{0};
+  std::atomic<int> flushWaiters_{0};
+
+  // Set by the crash drain: the writer then skips a number that is never
+  // published (its poster faulted between taking and publishing it).
+  std::atomic<bool> crashing_{false};
+  // True while the writer writes a block.
   std::atomic<bool> writing_{false};
 
   // Writer thread only.
-  std::vector<std::unique_ptr<Block>> batch_;  // the blocks being written
+  uint64_t next_ = 0;         // the number of the next record to write
+  int64_t gapSinceNs_ = 0;    // since when it waits for next_ (after a fault)
+  std::vector<Found> found_;  // the records of one pass
+  Block block_;               // the lines being written
+  uint64_t blockBytes_ = 0;   // what block_'s records took under the bound
+  uint64_t blockRecords_ = 0;
   std::vector<platform::WriteBuffer> pieces_;  // the run being built
   std::vector<std::size_t> runLines_;          // its lines' lengths in the file
   std::atomic<uint64_t> writerFailures_{0};    // exceptions caught on the writer thread
