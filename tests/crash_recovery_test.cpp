@@ -10,7 +10,9 @@
 //   library's time-zone lock, ends the process within milliseconds, not
 //   after the drain's whole wait;
 // - a fault of the writer thread writes the lines it had gathered;
-// - two threads faulting at once give the drain and one fatal line.
+// - two threads faulting at once give the drain and one fatal line;
+// - lines queued as their format and arguments when the fault comes are
+//   formatted and written before the fatal line.
 // Each scenario runs in a forked child that ends by the fault; POSIX only.
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -27,6 +29,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <new>
@@ -482,6 +485,68 @@ TEST(CrashRecoveryTest, TwoThreadsFaultingAtOnceGiveTheDrainAndOneFatalLine) {
   EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
   std::string expected;
   for (int i = 0; i < kLines; ++i) expected += "line " + std::to_string(i) + "\n";
+  expected += FatalLine(SIGSEGV, "SIGSEGV");
+  EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
+}
+
+// ---------------------------------------------------------------------------
+// A fault while lines wait in the queue unformatted.
+
+// Set by FaultNotingHandler: the process has faulted.
+std::atomic<bool> sFaulted{false};
+struct sigaction sDrainAction;  // the crash drain's handler, called on
+
+// Installed over the crash drain: notes the fault (which releases the
+// held writer) and hands the signal to the drain.
+void FaultNotingHandler(int sig, siginfo_t* info, void* context) {
+  sFaulted.store(true);
+  if ((sDrainAction.sa_flags & SA_SIGINFO) != 0) {
+    sDrainAction.sa_sigaction(sig, info, context);
+  } else {
+    sDrainAction.sa_handler(sig);
+  }
+}
+
+// Holds the writer on the line "gate" until the process has faulted.
+class HeldUntilTheFaultBackend : public zel::LogBackend {
+ public:
+  void Log(const std::string& line) override {
+    if (line.find("] gate\n") == std::string::npos) return;
+    while (!sFaulted.load()) std::this_thread::yield();
+  }
+};
+
+TEST(CrashRecoveryTest, FaultWithLinesQueuedUnformattedWritesThemFormatted) {
+  TempDir dir;
+  constexpr int kLines = 1000;
+  const ChildResult result = RunChild(dir.path(), 30000, [] {
+    sShared->installResult.store(zel_log_install_crash_handler());
+    static HeldUntilTheFaultBackend backend;
+    zel::Logger::GetInstance()->RegisterBackend(&backend);
+    struct sigaction noting = {};
+    noting.sa_sigaction = FaultNotingHandler;
+    noting.sa_flags = SA_SIGINFO;
+    sigemptyset(&noting.sa_mask);
+    sigaction(SIGSEGV, &noting, &sDrainAction);
+    // Every line behind "gate" is queued as its format and arguments when
+    // the fault comes: the writer formats them after it.
+    log_print(0, 1, "gate\n");
+    for (int i = 0; i < kLines; ++i) {
+      log_print(0, 0, "line %05d [%-6s] %08x %c\n", i, i % 2 == 0 ? "even" : "odd", i,
+                'a' + i % 26);
+    }
+    volatile std::uintptr_t address = 16;
+    *reinterpret_cast<volatile int*>(address) = 1;
+  });
+  ASSERT_EQ(sShared->installResult.load(), 0);
+  EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
+  std::string expected = "gate\n";
+  for (int i = 0; i < kLines; ++i) {
+    char line[64];
+    std::snprintf(line, sizeof(line), "line %05d [%-6s] %08x %c\n", i, i % 2 == 0 ? "even" : "odd",
+                  i, 'a' + i % 26);
+    expected += line;
+  }
   expected += FatalLine(SIGSEGV, "SIGSEGV");
   EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
 }
