@@ -23,8 +23,15 @@ ThreadQueue::~ThreadQueue() {
 }
 
 ThreadQueue::Segment* ThreadQueue::newSegment(std::size_t capacity) noexcept {
-  void* memory = ::operator new(sizeof(Segment) + capacity, std::nothrow);
-  return memory != nullptr ? new (memory) Segment(capacity) : nullptr;
+  // The throwing operator new, caught: an application that replaces it
+  // (and not the nothrow one) sees the queue's allocations too.
+  void* memory = nullptr;
+  try {
+    memory = ::operator new(sizeof(Segment) + capacity);
+  } catch (...) {
+    return nullptr;
+  }
+  return new (memory) Segment(capacity);
 }
 
 void ThreadQueue::freeSegment(Segment* segment) noexcept {
