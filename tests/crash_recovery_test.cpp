@@ -12,7 +12,8 @@
 // - a fault of the writer thread writes the lines it had gathered;
 // - two threads faulting at once give the drain and one fatal line;
 // - lines queued as their format and arguments when the fault comes are
-//   formatted and written before the fatal line.
+//   formatted and written before the fatal line, their local time taken
+//   without the time zone's lock.
 // Each scenario runs in a forked child that ends by the fault; POSIX only.
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -40,6 +41,7 @@
 
 #include "tests/support/test_util.h"
 #include "utils/logger.h"
+#include "utils/platform.h"
 
 namespace {
 
@@ -550,6 +552,58 @@ TEST(CrashRecoveryTest, FaultWithLinesQueuedUnformattedWritesThemFormatted) {
   }
   expected += FatalLine(SIGSEGV, "SIGSEGV");
   EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
+}
+
+// Lines of new seconds wait unformatted behind the held writer while a
+// thread converts local times without a pause; it faults inside the time
+// zone's lock most of the time. The writer formats the lines after the
+// fault: it must take their local time from the kept offset, not from the
+// time zone, or it waits for that lock for good.
+TEST(CrashRecoveryTest, LinesFormattedAfterAFaultInsideLocaltimeEndWithinMilliseconds) {
+  constexpr int kTrials = 6;
+  constexpr int kLines = 20;
+  for (int trial = 0; trial < kTrials; ++trial) {
+    SCOPED_TRACE("trial " + std::to_string(trial));
+    TempDir dir;
+    const ChildResult result = RunChild(dir.path(), 10000, [] {
+      sShared->installResult.store(zel_log_install_crash_handler());
+      static HeldUntilTheFaultBackend backend;
+      zel::Logger::GetInstance()->RegisterBackend(&backend);
+      struct sigaction noting = {};
+      noting.sa_sigaction = FaultNotingHandler;
+      noting.sa_flags = SA_SIGINFO;
+      sigemptyset(&noting.sa_mask);
+      sigaction(SIGSEGV, &noting, &sDrainAction);
+      log_print(0, 1, "gate\n");
+      // Each line a second later than the one before: none of their local
+      // times is known to the writer.
+      for (int i = 0; i < kLines; ++i) {
+        zel_test_hook_set_wall_clock_offset_ms(1000LL * (i + 1));
+        log_print(0, 0, "line %d\n", i);
+      }
+      static std::atomic<uint64_t> conversions{0};
+      std::thread victim([] {
+        sShared->faultingTid.store(Tid());
+        std::tm tm{};
+        for (time_t t = 0;; t += 3607) {
+          localtime_r(&t, &tm);
+          conversions.fetch_add(1, std::memory_order_relaxed);
+        }
+      });
+      if (!WaitFor([] { return conversions.load() > 10000; }, std::chrono::milliseconds(30000))) {
+        _exit(4);
+      }
+      FaultThread(victim);
+    });
+    ASSERT_EQ(sShared->installResult.load(), 0);
+    EXPECT_TRUE(DiedOf(result, SIGSEGV)) << "status " << result.status;
+    EXPECT_GE(result.took.count(), 0);
+    EXPECT_LT(result.took.count(), 2000) << "the writer waited for the time zone";
+    std::string expected = "gate\n";
+    for (int i = 0; i < kLines; ++i) expected += "line " + std::to_string(i) + "\n";
+    expected += FatalLine(SIGSEGV, "SIGSEGV");
+    EXPECT_EQ(zel_test::StripLogPrefixes(result.log), expected);
+  }
 }
 
 }  // namespace

@@ -225,6 +225,22 @@ void noteLocalTime(int64_t utcSecond, const std::tm& local) {
   sOffsetSeconds.store(localSecond - utcSecond, std::memory_order_relaxed);
 }
 
+void localTimeByOffset(int64_t utcSecond, std::tm* local) {
+  const int64_t seconds = utcSecond + sOffsetSeconds.load(std::memory_order_relaxed);
+  const int64_t days = floorDiv(seconds, 86400);
+  const int64_t secondOfDay = seconds - days * 86400;
+  int year = 0;
+  int month = 0;
+  int day = 0;
+  civilFromDays(days, &year, &month, &day);
+  local->tm_year = year - 1900;
+  local->tm_mon = month - 1;
+  local->tm_mday = day;
+  local->tm_hour = static_cast<int>(secondOfDay / 3600);
+  local->tm_min = static_cast<int>(secondOfDay / 60 % 60);
+  local->tm_sec = static_cast<int>(secondOfDay % 60);
+}
+
 void localDate(int64_t utcSecond, int* year, int* month, int* day) {
   const int64_t local = utcSecond + sOffsetSeconds.load(std::memory_order_relaxed);
   civilFromDays(floorDiv(local, 86400), year, month, day);

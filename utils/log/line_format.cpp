@@ -842,11 +842,36 @@ void splitTime(int64_t timeMs, int64_t* second, long* ms) {
 }
 
 // The prefix of a line of the thread `threadId` posted at `timeMs`, on the
-// writer thread.
-std::size_t writePrefix(char* line, int64_t timeMs, uint64_t threadId) {
+// writer thread. After a fault the local time comes from the offset the
+// crash drain keeps, by arithmetic: the faulting thread may hold the time
+// zone's lock for good.
+std::size_t writePrefix(char* line, int64_t timeMs, uint64_t threadId, bool afterFault) {
   int64_t second;
   long ms;
   splitTime(timeMs, &second, &ms);
+  if (afterFault) {
+    std::tm tm{};
+    crash::localTimeByOffset(second, &tm);
+    char* out = line;
+    *out++ = '[';
+    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mon + 1));
+    *out++ = '-';
+    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mday));
+    *out++ = ' ';
+    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_hour), 2);
+    *out++ = ':';
+    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_min), 2);
+    *out++ = ':';
+    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_sec), 2);
+    *out++ = '.';
+    out = writeDecimal(out, static_cast<unsigned long long>(ms), 3);
+    std::memcpy(out, "][tid:", 6);
+    out = writeDecimal(out + 6, static_cast<unsigned long long>(threadId));
+    *out++ = ']';
+    *out++ = ' ';
+    *out = '\0';
+    return static_cast<std::size_t>(out - line);
+  }
   thread_local PrefixCache prefix;
   return prefix.write(line, static_cast<std::time_t>(second), ms, threadId);
 }
@@ -902,13 +927,14 @@ void CapturedLine::write(char* out, const char* format, int64_t timeMs) const {
   }
 }
 
-std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId) {
+std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId,
+                               bool afterFault) {
   int64_t timeMs;
   std::memcpy(&timeMs, payload, 8);
   uint32_t formatLength;
   std::memcpy(&formatLength, payload + 8, 4);
   const char* format = payload + 12;
-  const std::size_t prefixLen = writePrefix(line, timeMs, threadId);
+  const std::size_t prefixLen = writePrefix(line, timeMs, threadId, afterFault);
   FastFormat::formatCaptured(line + prefixLen, kLineSize - 1 - prefixLen, format, formatLength,
                              format + formatLength);
   return prefixLen + std::strlen(line + prefixLen);

@@ -633,7 +633,8 @@ void LineQueue::take(const Found& found, const RecordHeader& header) {
   if (kind == kFormatRecord) {
     // The line as the caller's formatter would have made it.
     char* line = block_.room(kLineSize);
-    size = formatCapturedLine(line, payload, found.queue->threadId());
+    size = formatCapturedLine(line, payload, found.queue->threadId(),
+                              crashing_.load(std::memory_order_relaxed));
   } else {
     std::memcpy(block_.room(size), payload, size);
   }

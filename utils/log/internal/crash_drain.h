@@ -54,6 +54,10 @@ void noteLocalTime(int64_t utcSecond, const std::tm& local);
 // noteLocalTime() kept: pure arithmetic, no library call.
 void localDate(int64_t utcSecond, int* year, int* month, int* day);
 
+// The local month (tm_mon), day, hour, minute and second of `utcSecond` by
+// that offset, the same way: for the writer's line prefixes after a fault.
+void localTimeByOffset(int64_t utcSecond, std::tm* local);
+
 // Writes the lines queued before a fault of the thread `faultingThread`,
 // until `deadlineNs` (platform::monotonicNs()) at the latest, without
 // waiting for a lock that thread holds. Called on the drain thread.

@@ -55,10 +55,12 @@ struct CapturedLine {
   void write(char* out, const char* format, int64_t timeMs) const;
 };
 
-// Formats a line that CapturedLine::write() stored in `size` bytes at
-// `payload`, posted by the thread `threadId`, into `line` (kLineSize
-// bytes); returns its length. Threads: the writer.
-std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId);
+// Formats a line that CapturedLine::write() stored at `payload`, posted by
+// the thread `threadId`, into `line` (kLineSize bytes); returns its length.
+// `afterFault`: the process has faulted, and the local time is taken
+// without asking the time zone (see crash::localTimeByOffset()). Threads:
+// the writer.
+std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId, bool afterFault);
 
 // formatLogLine() for the wall-clock time `timeMs` (milliseconds since
 // 1970) read by the caller.
