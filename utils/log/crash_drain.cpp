@@ -225,8 +225,8 @@ void noteLocalTime(int64_t utcSecond, const std::tm& local) {
   sOffsetSeconds.store(localSecond - utcSecond, std::memory_order_relaxed);
 }
 
-void localTimeByOffset(int64_t utcSecond, std::tm* local) {
-  const int64_t seconds = utcSecond + sOffsetSeconds.load(std::memory_order_relaxed);
+void calendarTime(int64_t localSecond, std::tm* local) {
+  const int64_t seconds = localSecond;
   const int64_t days = floorDiv(seconds, 86400);
   const int64_t secondOfDay = seconds - days * 86400;
   int year = 0;

@@ -15,6 +15,7 @@
 #include <type_traits>
 
 #include "utils/log/internal/crash_drain.h"
+#include "utils/log/internal/file_names.h"
 #include "utils/log/internal/line_queue.h"
 #include "utils/logger.h"
 #include "utils/platform.h"
@@ -73,13 +74,6 @@ class PrefixCache {
     return writeHere(buf, second, ms);
   }
 
-  // As write() for a line of the thread `tid`: the writer formats the
-  // lines of every thread with one cache.
-  std::size_t write(char* buf, std::time_t second, long ms, uint64_t tid) {
-    if (tailLen_ == 0 || tid != tidValue_) setThread(tid);
-    return writeHere(buf, second, ms);
-  }
-
  private:
   void setThread(uint64_t tid) {
     char* end = writeDecimal(tid_, static_cast<unsigned long long>(tid));
@@ -93,7 +87,6 @@ class PrefixCache {
     *out++ = ']';
     *out++ = ' ';
     tailLen_ = static_cast<std::size_t>(out - tail_);
-    tidValue_ = tid;
   }
 
   std::size_t writeHere(char* buf, std::time_t second, long ms) {
@@ -134,7 +127,6 @@ class PrefixCache {
   char tid_[24] = {0};   // the operating-system thread id in decimal
   char tail_[48] = {0};  // "][tid:T] "
   std::size_t tailLen_ = 0;
-  uint64_t tidValue_ = 0;
 };
 
 // A formatter for the conversions that log lines use, producing exactly what
@@ -214,7 +206,7 @@ class FastFormat {
       }
     }
     captured->formatLength = static_cast<std::size_t>(p - format);
-    captured->payloadSize += 12 + captured->formatLength;
+    captured->payloadSize += kCapturedHeader + captured->formatLength;
     return true;
   }
 
@@ -841,18 +833,55 @@ void splitTime(int64_t timeMs, int64_t* second, long* ms) {
   }
 }
 
-// The prefix of a line of the thread `threadId` posted at `timeMs`, on the
-// writer thread. After a fault the local time comes from the offset the
-// crash drain keeps, by arithmetic: the faulting thread may hold the time
-// zone's lock for good.
-std::size_t writePrefix(char* line, int64_t timeMs, uint64_t threadId, bool afterFault) {
+// The local time of the calling thread's lines as an offset from UTC, kept
+// per second: the caller converts each second once (as its own prefix
+// did), and the writer makes the prefix from the offset by arithmetic,
+// never asking the time zone (whose lock a faulting thread may hold for
+// good). False when the C library gives no local time for the second or
+// one the prefix cannot show; the caller formats such a line itself.
+bool localOffsetOf(int64_t second, int32_t* offset) {
+  thread_local int64_t cachedSecond = std::numeric_limits<int64_t>::min();
+  thread_local int32_t cachedOffset = 0;
+  thread_local bool cachedValid = false;
+  if (second != cachedSecond) {
+    const std::tm& tm = localTimeOf(static_cast<std::time_t>(second));
+    cachedValid = tm.tm_mon >= 0 && tm.tm_mday >= 0 && tm.tm_hour >= 0 && tm.tm_min >= 0 &&
+                  tm.tm_sec >= 0 && tm.tm_sec < 60;
+    if (cachedValid) {
+      const int64_t local =
+          names::daysFromCivil(tm.tm_year + int64_t{1900}, static_cast<unsigned>(tm.tm_mon + 1),
+                               static_cast<unsigned>(tm.tm_mday)) *
+              86400 +
+          tm.tm_hour * 3600 + tm.tm_min * 60 + tm.tm_sec;
+      const int64_t difference = local - second;
+      cachedValid = difference > -86400 * 2 && difference < 86400 * 2;
+      cachedOffset = static_cast<int32_t>(difference);
+    }
+    cachedSecond = second;
+  }
+  *offset = cachedOffset;
+  return cachedValid;
+}
+
+// The prefix of a line of the thread `threadId` posted at `timeMs` with the
+// local time `offset` seconds from UTC, on the writer thread: the same text
+// the caller's PrefixCache makes, with the calendar part rebuilt once per
+// local second and the thread part once per thread.
+std::size_t writePrefix(char* line, int64_t timeMs, int32_t offset, uint64_t threadId) {
+  thread_local int64_t headSecond = std::numeric_limits<int64_t>::min();
+  thread_local char head[48];
+  thread_local std::size_t headLen = 0;
+  thread_local uint64_t tailThread = 0;
+  thread_local char tail[40];
+  thread_local std::size_t tailLen = 0;
   int64_t second;
   long ms;
   splitTime(timeMs, &second, &ms);
-  if (afterFault) {
+  const int64_t local = second + offset;
+  if (local != headSecond) {
     std::tm tm{};
-    crash::localTimeByOffset(second, &tm);
-    char* out = line;
+    crash::calendarTime(local, &tm);
+    char* out = head;
     *out++ = '[';
     out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mon + 1));
     *out++ = '-';
@@ -864,16 +893,23 @@ std::size_t writePrefix(char* line, int64_t timeMs, uint64_t threadId, bool afte
     *out++ = ':';
     out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_sec), 2);
     *out++ = '.';
-    out = writeDecimal(out, static_cast<unsigned long long>(ms), 3);
-    std::memcpy(out, "][tid:", 6);
-    out = writeDecimal(out + 6, static_cast<unsigned long long>(threadId));
+    headLen = static_cast<std::size_t>(out - head);
+    headSecond = local;
+  }
+  if (tailLen == 0 || threadId != tailThread) {
+    std::memcpy(tail, "][tid:", 6);
+    char* out = writeDecimal(tail + 6, static_cast<unsigned long long>(threadId));
     *out++ = ']';
     *out++ = ' ';
-    *out = '\0';
-    return static_cast<std::size_t>(out - line);
+    tailLen = static_cast<std::size_t>(out - tail);
+    tailThread = threadId;
   }
-  thread_local PrefixCache prefix;
-  return prefix.write(line, static_cast<std::time_t>(second), ms, threadId);
+  std::memcpy(line, head, headLen);
+  char* out = writeDecimal(line + headLen, static_cast<unsigned long long>(ms), 3);
+  std::memcpy(out, tail, tailLen);
+  out += tailLen;
+  *out = '\0';
+  return static_cast<std::size_t>(out - line);
 }
 
 }  // namespace
@@ -905,16 +941,21 @@ std::size_t formatLogLineAt(char* line, int64_t timeMs, const char* format, va_l
   return prefixLen + std::strlen(line + prefixLen);
 }
 
-bool CapturedLine::capture(const char* format, va_list args) {
-  return FastFormat::capture(format, args, this);
+bool CapturedLine::capture(int64_t postedMs, const char* format, va_list args) {
+  int64_t second;
+  long ms;
+  splitTime(postedMs, &second, &ms);
+  timeMs = postedMs;
+  return localOffsetOf(second, &offset) && FastFormat::capture(format, args, this);
 }
 
-void CapturedLine::write(char* out, const char* format, int64_t timeMs) const {
+void CapturedLine::write(char* out, const char* format) const {
   std::memcpy(out, &timeMs, 8);
+  std::memcpy(out + 8, &offset, 4);
   const auto length = static_cast<uint32_t>(formatLength);
-  std::memcpy(out + 8, &length, 4);
-  std::memcpy(out + 12, format, formatLength);
-  out += 12 + formatLength;
+  std::memcpy(out + 12, &length, 4);
+  std::memcpy(out + kCapturedHeader, format, formatLength);
+  out += kCapturedHeader + formatLength;
   for (std::size_t i = 0; i < arguments; ++i) {
     const Argument& a = argument[i];
     std::memcpy(out, &a.value, 8);
@@ -927,14 +968,15 @@ void CapturedLine::write(char* out, const char* format, int64_t timeMs) const {
   }
 }
 
-std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId,
-                               bool afterFault) {
+std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId) {
   int64_t timeMs;
   std::memcpy(&timeMs, payload, 8);
+  int32_t offset;
+  std::memcpy(&offset, payload + 8, 4);
   uint32_t formatLength;
-  std::memcpy(&formatLength, payload + 8, 4);
-  const char* format = payload + 12;
-  const std::size_t prefixLen = writePrefix(line, timeMs, threadId, afterFault);
+  std::memcpy(&formatLength, payload + 12, 4);
+  const char* format = payload + kCapturedHeader;
+  const std::size_t prefixLen = writePrefix(line, timeMs, offset, threadId);
   FastFormat::formatCaptured(line + prefixLen, kLineSize - 1 - prefixLen, format, formatLength,
                              format + formatLength);
   return prefixLen + std::strlen(line + prefixLen);

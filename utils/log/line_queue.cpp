@@ -380,10 +380,10 @@ void LineQueue::post(const char* text, std::size_t size, int level, bool forward
 bool LineQueue::postFormat(int64_t timeMs, const char* format, va_list args, int level,
                            bool forward) {
   CapturedLine line;
-  if (!line.capture(format, args)) return false;
+  if (!line.capture(timeMs, format, args)) return false;
   enqueue(line.payloadSize, line.payloadSize,
           forward ? kFormatRecord | kForwardRecord : kFormatRecord, level,
-          [&line, format, timeMs](char* out) { line.write(out, format, timeMs); });
+          [&line, format](char* out) { line.write(out, format); });
   return true;
 }
 
@@ -633,9 +633,8 @@ void LineQueue::take(const Found& found, const RecordHeader& header) {
   if (kind == kFormatRecord) {
     // The line as the caller's formatter would have made it.
     char* line = block_.room(kLineSize);
-    size = formatCapturedLine(line, payload, found.queue->threadId(),
-                              crashing_.load(std::memory_order_relaxed));
-  } else {
+    size = formatCapturedLine(line, payload, found.queue->threadId());
+  } else if (size > 0) {
     std::memcpy(block_.room(size), payload, size);
   }
   block_.records.push_back(static_cast<uint64_t>(size) | flags);

@@ -54,9 +54,11 @@ void noteLocalTime(int64_t utcSecond, const std::tm& local);
 // noteLocalTime() kept: pure arithmetic, no library call.
 void localDate(int64_t utcSecond, int* year, int* month, int* day);
 
-// The local month (tm_mon), day, hour, minute and second of `utcSecond` by
-// that offset, the same way: for the writer's line prefixes after a fault.
-void localTimeByOffset(int64_t utcSecond, std::tm* local);
+// The calendar fields (tm_year, tm_mon, tm_mday, tm_hour, tm_min, tm_sec)
+// of `localSecond`, a local time in seconds since 1970: pure arithmetic,
+// no library call. For the writer's line prefixes, which it makes from
+// each line's own offset from UTC.
+void calendarTime(int64_t localSecond, std::tm* fields);
 
 // Writes the lines queued before a fault of the thread `faultingThread`,
 // until `deadlineNs` (platform::monotonicNs()) at the latest, without

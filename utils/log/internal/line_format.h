@@ -45,22 +45,29 @@ struct CapturedLine {
   std::size_t formatLength = 0;
   // The bytes write() stores.
   std::size_t payloadSize = 0;
+  // The wall clock at the call, and the local time's offset from UTC then
+  // (the caller converts each second once, as for its own prefix).
+  int64_t timeMs = 0;
+  int32_t offset = 0;
 
   // Reads `format` and the arguments it takes from `args` (a copy: `args`
-  // is left as it is). False when the line must be formatted by the
-  // caller with formatLogLine().
-  bool capture(const char* format, va_list args);
-  // Stores the time, the format and the arguments in `payloadSize` bytes
-  // at `out`.
-  void write(char* out, const char* format, int64_t timeMs) const;
+  // is left as it is), for a line posted at `postedMs`. False when the line
+  // must be formatted by the caller with formatLogLineAt().
+  bool capture(int64_t postedMs, const char* format, va_list args);
+  // Stores the time, the offset, the format and the arguments in
+  // `payloadSize` bytes at `out`.
+  void write(char* out, const char* format) const;
 };
+
+// The bytes before the format in a stored line: its time, offset and
+// format length.
+constexpr std::size_t kCapturedHeader = 16;
 
 // Formats a line that CapturedLine::write() stored at `payload`, posted by
 // the thread `threadId`, into `line` (kLineSize bytes); returns its length.
-// `afterFault`: the process has faulted, and the local time is taken
-// without asking the time zone (see crash::localTimeByOffset()). Threads:
-// the writer.
-std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId, bool afterFault);
+// It asks nothing of the time zone: the local time comes from the line's
+// own offset. Threads: the writer.
+std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId);
 
 // formatLogLine() for the wall-clock time `timeMs` (milliseconds since
 // 1970) read by the caller.
