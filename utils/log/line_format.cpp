@@ -185,10 +185,16 @@ class FastFormat {
     captured->arguments = 0;
     captured->payloadSize = 0;
     const char* p = format;
-    for (; *p != '\0'; ++p) {
-      if (*p != '%') continue;
+    for (;; ++p) {
+      // Straight to the next conversion (the C library's search is
+      // vectorised); the end of the format when there is none.
+      const char* percent = std::strchr(p, '%');
+      if (percent == nullptr) {
+        p += std::strlen(p);
+        break;
+      }
       Directive directive;
-      p = parseDirective(p + 1, &directive);
+      p = parseDirective(percent + 1, &directive);
       if (p == nullptr) return false;
       if (directive.conv == '%') continue;
       if (captured->arguments == kMaxCapturedArguments) return false;
@@ -251,7 +257,11 @@ class FastFormat {
     for (const char* p = format; p != formatEnd; ++p) {
       if (sink.pos == sink.end) break;  // full: the rest would be cut
       if (*p != '%') {
-        sink.put(*p);
+        // The text up to the next conversion in one copy.
+        const void* percent = std::memchr(p, '%', static_cast<std::size_t>(formatEnd - p));
+        const char* end = percent != nullptr ? static_cast<const char*>(percent) : formatEnd;
+        sink.put(p, static_cast<std::size_t>(end - p));
+        p = end - 1;
         continue;
       }
       Directive directive;
@@ -833,16 +843,16 @@ void splitTime(int64_t timeMs, int64_t* second, long* ms) {
   }
 }
 
-// The local time of the calling thread's lines as an offset from UTC, kept
-// per second: the caller converts each second once (as its own prefix
-// did), and the writer makes the prefix from the offset by arithmetic,
-// never asking the time zone (whose lock a faulting thread may hold for
-// good). False when the C library gives no local time for the second or
-// one the prefix cannot show; the caller formats such a line itself.
-bool localOffsetOf(int64_t second, int32_t* offset) {
-  thread_local int64_t cachedSecond = std::numeric_limits<int64_t>::min();
-  thread_local int32_t cachedOffset = 0;
-  thread_local bool cachedValid = false;
+// The local time of `second` as an offset from UTC, converted once per
+// second and thread (`cache` is the calling thread's, as its own prefix
+// did): the writer makes the prefix from the offset by arithmetic, never
+// asking the time zone (whose lock a faulting thread may hold for good).
+// False when the C library gives no local time for the second or one the
+// prefix cannot show; the caller formats such a line itself.
+bool localOffsetOf(int64_t second, LocalOffsetCache* cache, int32_t* offset) {
+  int64_t& cachedSecond = cache->second;
+  int32_t& cachedOffset = cache->offset;
+  bool& cachedValid = cache->valid;
   if (second != cachedSecond) {
     const std::tm& tm = localTimeOf(static_cast<std::time_t>(second));
     cachedValid = tm.tm_mon >= 0 && tm.tm_mday >= 0 && tm.tm_hour >= 0 && tm.tm_min >= 0 &&
@@ -941,12 +951,13 @@ std::size_t formatLogLineAt(char* line, int64_t timeMs, const char* format, va_l
   return prefixLen + std::strlen(line + prefixLen);
 }
 
-bool CapturedLine::capture(int64_t postedMs, const char* format, va_list args) {
+bool CapturedLine::capture(int64_t postedMs, LocalOffsetCache* cache, const char* format,
+                           va_list args) {
   int64_t second;
   long ms;
   splitTime(postedMs, &second, &ms);
   timeMs = postedMs;
-  return localOffsetOf(second, &offset) && FastFormat::capture(format, args, this);
+  return localOffsetOf(second, cache, &offset) && FastFormat::capture(format, args, this);
 }
 
 void CapturedLine::write(char* out, const char* format) const {

@@ -16,6 +16,22 @@
 
 namespace zel {
 
+// What the log keeps per thread, in one object: each thread-local object
+// costs a lookup in a shared library.
+struct ThreadState {
+  // The thread's queue. It is not freed with the thread: the owner below
+  // marks it closed when the thread ends, and the writer frees it once its
+  // lines are written.
+  ThreadQueue* queue = nullptr;
+  // Set once the thread's owner is gone (the thread is ending): a line
+  // posted after that gets a queue that is closed at once.
+  bool ownerGone = false;
+  // True on the writer thread, which must not wait for its own queue.
+  bool onWriter = false;
+  // The offset from UTC of the thread's last second.
+  LocalOffsetCache offset;
+};
+
 namespace {
 
 constexpr int kFpNullLine = 296;
@@ -41,6 +57,12 @@ constexpr uint64_t kMaxQueuedRecords = uint64_t{1} << 20;
 constexpr int64_t kCrashGapNs = 20 * 1000 * 1000;
 // How long the writer stays awake for more lines after the queues ran empty.
 constexpr int64_t kLingerNs = 50 * 1000;
+// A pass that found fewer lines than this was a trickle: the writer lets
+// lines gather for kGatherNs before the next one.
+constexpr std::size_t kTrickleRecords = 64;
+constexpr int64_t kGatherNs = 20 * 1000;
+// How often the writer looks at the callers' counters while it waits.
+constexpr int64_t kLookEveryNs = 2 * 1000;
 constexpr std::size_t kDefaultQueueLimit = std::size_t{64} * 1024 * 1024;
 
 // queued_ holds the bytes in its low bits and the records above them.
@@ -86,22 +108,13 @@ std::atomic<uint64_t> sDroppedLines{0};
 std::atomic<uint64_t> sUnnoted[LineQueue::kDropReasons];
 std::atomic<bool> sAnyUnnoted{false};
 
-// True on the writer thread, which must not wait for its own queue.
-thread_local bool tOnWriterThread = false;
-
-// The calling thread's queue. It is not freed with the thread: the owner
-// below marks it closed when the thread ends, and the writer frees it once
-// its lines are written.
-thread_local ThreadQueue* tQueue = nullptr;
-// Set once the thread's owner is gone (the thread is ending): a line posted
-// after that gets a queue that is closed at once.
-thread_local bool tQueueOwnerGone = false;
+thread_local ThreadState tState;
 
 struct QueueOwner {
   ~QueueOwner() {
-    if (tQueue != nullptr) tQueue->closed.store(true, std::memory_order_release);
-    tQueue = nullptr;
-    tQueueOwnerGone = true;
+    if (tState.queue != nullptr) tState.queue->closed.store(true, std::memory_order_release);
+    tState.queue = nullptr;
+    tState.ownerGone = true;
   }
 };
 
@@ -176,11 +189,11 @@ void LineQueue::DrainMessage::operator delete(void* memory) {
   }
 }
 
-ThreadQueue* LineQueue::ownQueue() noexcept {
-  ThreadQueue* queue = tQueue;
+ThreadQueue* LineQueue::ownQueue(ThreadState& state) noexcept {
+  ThreadQueue* queue = state.queue;
   if (queue != nullptr) return queue;
   try {
-    if (!tQueueOwnerGone) {
+    if (!state.ownerGone) {
       // Registers the owner's destructor for this thread's end.
       thread_local QueueOwner owner;
       static_cast<void>(owner);
@@ -194,7 +207,7 @@ ThreadQueue* LineQueue::ownQueue() noexcept {
     queue->nextQueue.store(first, std::memory_order_relaxed);
   } while (!queues_.compare_exchange_weak(first, queue, std::memory_order_release,
                                           std::memory_order_relaxed));
-  tQueue = queue;
+  state.queue = queue;
   return queue;
 }
 
@@ -291,7 +304,7 @@ bool LineQueue::takeRoom(std::size_t bytes) {
       // The writer thread (a backend that logs) cannot wait for itself: its
       // line goes beyond the bound. A line longer than the bound waits for
       // an empty queue only.
-      fits = tOnWriterThread || (queuedBytes == 0 && (queued >> kRecordsShift) < kMaxQueuedRecords);
+      fits = tState.onWriter || (queuedBytes == 0 && (queued >> kRecordsShift) < kMaxQueuedRecords);
     }
     if (fits) {
       if (queued_.compare_exchange_weak(queued, queued + add, std::memory_order_relaxed)) {
@@ -324,8 +337,8 @@ void LineQueue::giveRoom(uint64_t bytes, uint64_t records) {
 }
 
 template <typename Fill>
-void LineQueue::enqueue(std::size_t payload, std::size_t counted, uint16_t kind, int level,
-                        Fill fill) {
+void LineQueue::enqueue(ThreadState& state, std::size_t payload, std::size_t counted, uint16_t kind,
+                        int level, Fill fill) {
   if (sWriterLost.load(std::memory_order_acquire)) restartWriter();
   if (!writerRunning()) {
     // No writer: nothing could write the line, and no caller may wait for
@@ -334,7 +347,7 @@ void LineQueue::enqueue(std::size_t payload, std::size_t counted, uint16_t kind,
     noteDropped(kNoWriter);
     return;
   }
-  ThreadQueue* queue = ownQueue();
+  ThreadQueue* queue = ownQueue(state);
   if (queue == nullptr) {
     noteDropped(kNoMemory);
     return;
@@ -361,10 +374,10 @@ void LineQueue::enqueue(std::size_t payload, std::size_t counted, uint16_t kind,
     fill(at + kRecordHeaderSize);
     publish(queue, at, payload, kind, level);
   }
-  if (tQueueOwnerGone) {
+  if (state.ownerGone) {
     // The thread is ending: its queue is the writer's to free.
     queue->closed.store(true, std::memory_order_release);
-    tQueue = nullptr;
+    state.queue = nullptr;
   }
   wake();
 }
@@ -373,24 +386,27 @@ void LineQueue::post(const char* text, std::size_t size, int level, bool forward
   // A line is bounded by the memory it was made in, far below the 4 GiB a
   // record holds; a larger one is cut there.
   const std::size_t held = std::min<std::size_t>(size, UINT32_MAX - kRecordHeaderSize);
-  enqueue(held, held, forward ? kTextRecord | kForwardRecord : kTextRecord, level,
+  enqueue(tState, held, held, forward ? kTextRecord | kForwardRecord : kTextRecord, level,
           [text, held](char* out) { std::memcpy(out, text, held); });
 }
 
 bool LineQueue::postFormat(int64_t timeMs, const char* format, va_list args, int level,
                            bool forward) {
+  // The thread's state is looked up once: each lookup of a thread-local
+  // object is a call in a shared library.
+  ThreadState& state = tState;
   CapturedLine line;
-  if (!line.capture(timeMs, format, args)) return false;
-  enqueue(line.payloadSize, line.payloadSize,
+  if (!line.capture(timeMs, &state.offset, format, args)) return false;
+  enqueue(state, line.payloadSize, line.payloadSize,
           forward ? kFormatRecord | kForwardRecord : kFormatRecord, level,
           [&line, format](char* out) { line.write(out, format); });
   return true;
 }
 
 void LineQueue::flush() {
-  if (tOnWriterThread) return;
+  if (tState.onWriter) return;
   if (sAnyUnnoted.load(std::memory_order_acquire) && !looper_->IsStoped()) {
-    if (ThreadQueue* queue = ownQueue()) postNotices(queue);
+    if (ThreadQueue* queue = ownQueue(tState)) postNotices(queue);
   }
   const uint64_t target = seq_.load(std::memory_order_seq_cst);
   while (done_.load(std::memory_order_acquire) < target) {
@@ -472,8 +488,8 @@ void LineQueue::forkChild() {
   // and nobody waits. The condition variables are made anew: their
   // waiters are threads of the parent.
   LineQueue& queue = *instance;
-  tOnWriterThread = false;
-  tQueue = nullptr;
+  tState.onWriter = false;
+  tState.queue = nullptr;
   new (&queue.room_) std::condition_variable;
   new (&queue.written_) std::condition_variable;
   queue.queues_.store(nullptr, std::memory_order_relaxed);
@@ -527,11 +543,13 @@ void LineQueue::restartWriter() {
 }
 
 void LineQueue::drain() {
-  tOnWriterThread = true;
+  tState.onWriter = true;
   for (;;) {
     bool gap = false;
     if (collect(&gap)) {
+      const bool trickle = block_.records.size() < kTrickleRecords;
       writeBlock();
+      if (trickle) gatherPause();
       continue;
     }
     if (gap) {
@@ -563,8 +581,10 @@ void LineQueue::drain() {
 
 bool LineQueue::collect(bool* gap) {
   found_.clear();
+  auto bySeq = [](const Found& a, const Found& b) { return a.seq < b.seq; };
   for (ThreadQueue* queue = queues_.load(std::memory_order_acquire); queue != nullptr;
        queue = queue->nextQueue.load(std::memory_order_acquire)) {
+    const auto first = static_cast<std::ptrdiff_t>(found_.size());
     ThreadQueue::Cursor cursor = queue->read();
     RecordHeader header;
     for (std::size_t n = 0; n < kPassRecords; ++n) {
@@ -572,12 +592,13 @@ bool LineQueue::collect(bool* gap) {
       if (record == nullptr) break;
       found_.push_back(Found{header.seq, queue, record});
     }
+    // Each queue's records come in order: merged with those before them,
+    // not sorted anew.
+    if (first > 0 && found_.size() > static_cast<std::size_t>(first)) {
+      std::inplace_merge(found_.begin(), found_.begin() + first, found_.end(), bySeq);
+    }
   }
   if (found_.empty()) return false;
-  auto bySeq = [](const Found& a, const Found& b) { return a.seq < b.seq; };
-  if (!std::is_sorted(found_.begin(), found_.end(), bySeq)) {
-    std::sort(found_.begin(), found_.end(), bySeq);
-  }
   if (found_.front().seq > next_) {
     if (!skipGap()) {
       *gap = true;
@@ -714,14 +735,37 @@ void LineQueue::writeBlock() {
 bool LineQueue::linger() {
   // Lines of a burst come faster than waking the writer through the Looper
   // costs the caller: the writer stays awake a little (yielding its
-  // processor) in case more follow.
+  // processor) in case more follow. It looks at the counter every few
+  // microseconds only: each look takes the counter's cache line away from
+  // the callers, whose next increment then waits for it.
   const uint64_t seen = seq_.load(std::memory_order_relaxed);
   const int64_t until = platform::monotonicNs() + kLingerNs;
-  while (platform::monotonicNs() < until) {
+  for (int64_t now = platform::monotonicNs(); now < until; now = platform::monotonicNs()) {
     if (seq_.load(std::memory_order_acquire) != seen) return true;
-    std::this_thread::yield();
+    waitAbout(kLookEveryNs);
   }
   return false;
+}
+
+void LineQueue::gatherPause() {
+  // A trickle of lines: every record the writer reads while its caller
+  // still writes beside it moves cache lines between the two, and the
+  // caller waits for them. Letting a few lines gather first costs each of
+  // them at most kGatherNs on its way to the file; a flush or a fault does
+  // not wait for it.
+  const int64_t until = platform::monotonicNs() + kGatherNs;
+  while (platform::monotonicNs() < until) {
+    if (flushWaiters_.load(std::memory_order_relaxed) > 0 ||
+        crashing_.load(std::memory_order_relaxed)) {
+      return;
+    }
+    waitAbout(kLookEveryNs);
+  }
+}
+
+void LineQueue::waitAbout(int64_t ns) {
+  const int64_t until = platform::monotonicNs() + ns;
+  while (platform::monotonicNs() < until) std::this_thread::yield();
 }
 
 void LineQueue::drainFailed() {
@@ -743,7 +787,7 @@ void LineQueue::drainFailed() {
 }
 
 void LineQueue::writeOne(const char* text, std::size_t size, int level, bool forward) {
-  tOnWriterThread = true;
+  tState.onWriter = true;
   const uint64_t record =
       static_cast<uint64_t>(size) | levelBits(level) | (forward ? kRecordForward : 0);
   writeSafely(text, &record, 1);

@@ -61,7 +61,10 @@ char* ThreadQueue::grow(std::size_t size) noexcept {
 
 const char* ThreadQueue::Cursor::next(RecordHeader* header) noexcept {
   for (;;) {
-    const std::size_t committed = segment_->committed.load(std::memory_order_acquire);
+    // The committed size is read again only when the records it covered
+    // are used up: each read takes the line its poster writes.
+    if (pos_ >= committed_) committed_ = segment_->committed.load(std::memory_order_acquire);
+    const std::size_t committed = committed_;
     if (pos_ < committed) {
       const char* at = segment_->data() + pos_;
       readHeader(at, header);
@@ -74,6 +77,7 @@ const char* ThreadQueue::Cursor::next(RecordHeader* header) noexcept {
     if (pos_ < segment_->committed.load(std::memory_order_acquire)) continue;
     segment_ = next;
     pos_ = 0;
+    committed_ = 0;
   }
 }
 

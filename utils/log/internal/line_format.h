@@ -35,6 +35,14 @@ std::size_t formatLogLine(char* line, const char* format, va_list args);
 // at the same time on the posting thread.
 constexpr std::size_t kMaxCapturedArguments = 16;
 
+// A thread's local offset from UTC for its last second (see
+// CapturedLine::capture()).
+struct LocalOffsetCache {
+  int64_t second = INT64_MIN;
+  int32_t offset = 0;
+  bool valid = false;
+};
+
 struct CapturedLine {
   struct Argument {
     const char* text;  // a string argument, or null for a number
@@ -53,7 +61,8 @@ struct CapturedLine {
   // Reads `format` and the arguments it takes from `args` (a copy: `args`
   // is left as it is), for a line posted at `postedMs`. False when the line
   // must be formatted by the caller with formatLogLineAt().
-  bool capture(int64_t postedMs, const char* format, va_list args);
+  // `cache` is the calling thread's, which converts each second once.
+  bool capture(int64_t postedMs, LocalOffsetCache* cache, const char* format, va_list args);
   // Stores the time, the offset, the format and the arguments in
   // `payloadSize` bytes at `out`.
   void write(char* out, const char* format) const;

@@ -26,6 +26,7 @@ namespace zel {
 
 class BackendList;
 class LogFile;
+struct ThreadState;
 
 // The lines posted and not yet written, and the writer's side of them.
 //
@@ -183,11 +184,12 @@ class LineQueue {
 
   // The calling thread's queue, made (and registered) at its first line;
   // null when it cannot be made.
-  ThreadQueue* ownQueue() noexcept;
+  ThreadQueue* ownQueue(ThreadState& state) noexcept;
   // Queues a record of `payload` bytes (`counted` of them under the bound)
   // that `fill` writes, with the checks and the accounting every line has.
   template <typename Fill>
-  void enqueue(std::size_t payload, std::size_t counted, uint16_t kind, int level, Fill fill);
+  void enqueue(ThreadState& state, std::size_t payload, std::size_t counted, uint16_t kind,
+               int level, Fill fill);
   // Publishes the record of `payload` bytes reserved at `at` in `queue`.
   void publish(ThreadQueue* queue, char* at, std::size_t payload, uint16_t kind,
                int level) noexcept;
@@ -233,6 +235,10 @@ class LineQueue {
   void writeBlock();
   // Waits up to kLingerNs for more lines; true when a line came.
   bool linger();
+  // Waits kGatherNs for more lines of a trickle to gather.
+  void gatherPause();
+  // Waits about `ns` without looking at anything the callers write.
+  static void waitAbout(int64_t ns);
   // Writes the records of one block, catching every exception: a run whose
   // writing throws is tried again once, and a record that throws twice is
   // given up (counted and reported with drainFailed()'s count).
@@ -268,15 +274,19 @@ class LineQueue {
   // The queues of the threads, newest first: threads push their own at the
   // front, and only the writer unlinks (ended and empty ones).
   std::atomic<ThreadQueue*> queues_{nullptr};
+  // Each of the counters the callers and the writer share has a cache line
+  // of its own: a store to one must not take the others away from the
+  // threads that use them.
   // The next record number to hand out.
-  std::atomic<uint64_t> seq_{0};
+  alignas(64) std::atomic<uint64_t> seq_{0};
   // The bytes (bits 0-39) and records (bits 40-63) queued and not yet
   // written.
-  std::atomic<uint64_t> queued_{0};
+  alignas(64) std::atomic<uint64_t> queued_{0};
   // The records written (or given up) so far: every number below it.
-  std::atomic<uint64_t> done_{0};
-  // True while no drain runs or is posted.
-  std::atomic<bool> asleep_{true};
+  alignas(64) std::atomic<uint64_t> done_{0};
+  // True while no drain runs or is posted (read by every post, written
+  // when the writer sleeps or wakes).
+  alignas(64) std::atomic<bool> asleep_{true};
 
   // Callers waiting for room or for a flush sleep here.
   std::mutex waitMutex_;
@@ -292,11 +302,11 @@ class LineQueue {
   std::atomic<bool> writing_{false};
 
   // Writer thread only.
-  uint64_t next_ = 0;         // the number of the next record to write
-  int64_t gapSinceNs_ = 0;    // since when it waits for next_ (after a fault)
-  std::vector<Found> found_;  // the records of one pass
-  Block block_;               // the lines being written
-  uint64_t blockBytes_ = 0;   // what block_'s records took under the bound
+  alignas(64) uint64_t next_ = 0;  // the number of the next record to write
+  int64_t gapSinceNs_ = 0;         // since when it waits for next_ (after a fault)
+  std::vector<Found> found_;       // the records of one pass
+  Block block_;                    // the lines being written
+  uint64_t blockBytes_ = 0;        // what block_'s records took under the bound
   uint64_t blockRecords_ = 0;
   std::vector<platform::WriteBuffer> pieces_;  // the run being built
   std::vector<std::size_t> runLines_;          // its lines' lengths in the file

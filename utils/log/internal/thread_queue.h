@@ -80,6 +80,7 @@ class ThreadQueue {
     friend class ThreadQueue;
     Segment* segment_ = nullptr;
     std::size_t pos_ = 0;
+    std::size_t committed_ = 0;  // of segment_, as last read
   };
   Cursor read() const noexcept;
   // Writer: consumes the records up to `at` (a cursor of read() advanced
