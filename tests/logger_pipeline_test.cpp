@@ -16,6 +16,7 @@
 #endif
 
 #include <atomic>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
@@ -46,6 +47,53 @@ std::vector<std::string> Texts() {
     texts.push_back(text);
   }
   return texts;
+}
+
+// Lines of the usual conversions are formatted by the writer from the
+// stored format and arguments (ints in 4 bytes, the others in 8, strings
+// with their whole length): each must come out as snprintf makes it.
+TEST(LogPipelineTest, LinesFormattedOnTheWriterAreWhatSnprintfMakes) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  const std::string longText(5000, 's');
+  std::vector<std::string> expected;
+  auto both = [&expected](const char* format, auto... args) {
+    char text[8192];
+    std::snprintf(text, sizeof(text), format, args...);
+    expected.push_back(text);
+    log_print(3, 0, format, args...);
+  };
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+#endif
+  both("%d %i %u %x %X|\n", INT_MIN, -1, -1, -1, INT_MIN);
+  both("%05d|%-6d|%6u|%08x\n", -42, -7, 4000000000U, 0xbeefU);
+  both("%ld %lu %lx|\n", LONG_MIN, ULONG_MAX, -1L);
+  both("%lld %llu %llX|\n", LLONG_MIN, ULLONG_MAX, -2LL);
+  both("%zd %zu %zx|\n", static_cast<std::size_t>(-3), SIZE_MAX, SIZE_MAX);
+  both("%c%c%c|%3c|%-3c|\n", 'a', -1, 200, 'z', 'y');
+  const char* volatile none = nullptr;  // snprintf's "(null)", unseen by the compiler
+  both("[%s][%10s][%-10s][%s][%8s]\n", "", "right", "left", none, none);
+  both("%%%d%%%s%%\n", 5, "x");
+  both("%4000s|%s\n", "w", "near the limit");
+  // Last, as its cut leaves it without a line end: 1,000 blanks of padding
+  // (the string's whole length counts, not the part that is kept), then
+  // the string, cut at the limit.
+  both("%6000s\n", longText.c_str());
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+  zel_log_flush();
+  const std::vector<std::string> lines = SplitLines(ReadFile(LiveFile(Logger::GetLogPath())));
+  ASSERT_EQ(lines.size(), expected.size());
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    // A line holds 4094 characters with its prefix.
+    const std::string text = zel_test::TextOf(lines[i]);
+    const std::size_t prefix = lines[i].size() - text.size();
+    EXPECT_EQ(text, expected[i].substr(0, 4094 - prefix)) << "line " << i;
+  }
 }
 
 TEST(LogPipelineTest, PostsOrderedByAnAtomicAreWrittenInThatOrder) {

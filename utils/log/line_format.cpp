@@ -204,11 +204,13 @@ class FastFormat {
         if (text == nullptr) text = "(null)";
         argument.text = text;
         argument.value = std::strlen(text);
-        captured->payloadSize += 8 + shownLength(argument.value);
+        argument.size = 4;
+        captured->payloadSize += 4 + shownLength(argument.value);
       } else {
         argument.text = nullptr;
         argument.value = readNumber(directive, ap);
-        captured->payloadSize += 8;
+        argument.size = storedSize(directive);
+        captured->payloadSize += argument.size;
       }
     }
     captured->formatLength = static_cast<std::size_t>(p - format);
@@ -230,18 +232,36 @@ class FastFormat {
   };
 
   // The arguments as CapturedLine::write() stored them.
+  // The bytes a number of `directive` is stored in: an int (no length
+  // modifier, and %c) in 4, the others in 8.
+  static uint8_t storedSize(const Directive& directive) { return directive.length == 0 ? 4 : 8; }
+
   struct StoredArguments {
     const char* at;
-    unsigned long long number(const Directive&) {
+    unsigned long long number(const Directive& directive) {
+      if (storedSize(directive) == 4) {
+        // Stored as the int's bits: signed conversions (and %c, which
+        // takes an int) sign-extend them, as readNumber() did.
+        uint32_t bits;
+        std::memcpy(&bits, at, 4);
+        at += 4;
+        const bool isSigned =
+            directive.conv == 'd' || directive.conv == 'i' || directive.conv == 'c';
+        return isSigned ? static_cast<unsigned long long>(
+                              static_cast<long long>(static_cast<int32_t>(bits)))
+                        : bits;
+      }
       unsigned long long value;
       std::memcpy(&value, at, 8);
       at += 8;
       return value;
     }
     const char* text(std::size_t* length) {
-      unsigned long long whole;
-      std::memcpy(&whole, at, 8);
-      at += 8;
+      // The length is held at 2^32 - 1: no width (at most INT_MAX) pads a
+      // string that long, so its padding stays what the whole length gives.
+      uint32_t whole;
+      std::memcpy(&whole, at, 4);
+      at += 4;
       *length = static_cast<std::size_t>(whole);
       const char* text = at;
       at += shownLength(*length);
@@ -969,8 +989,16 @@ void CapturedLine::write(char* out, const char* format) const {
   out += kCapturedHeader + formatLength;
   for (std::size_t i = 0; i < arguments; ++i) {
     const Argument& a = argument[i];
-    std::memcpy(out, &a.value, 8);
-    out += 8;
+    if (a.size == 4) {
+      // The low 32 bits: an int's own, or a string's length held at
+      // 2^32 - 1.
+      const auto low =
+          static_cast<uint32_t>(a.text != nullptr && a.value > UINT32_MAX ? UINT32_MAX : a.value);
+      std::memcpy(out, &low, 4);
+    } else {
+      std::memcpy(out, &a.value, 8);
+    }
+    out += a.size;
     if (a.text != nullptr) {
       const std::size_t shown = FastFormat::shownLength(static_cast<std::size_t>(a.value));
       std::memcpy(out, a.text, shown);

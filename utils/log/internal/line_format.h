@@ -47,6 +47,7 @@ struct CapturedLine {
   struct Argument {
     const char* text;  // a string argument, or null for a number
     uint64_t value;    // the number's bits, or the string's length
+    uint8_t size;      // the bytes the number or the length is stored in
   };
   Argument argument[kMaxCapturedArguments];
   std::size_t arguments = 0;
