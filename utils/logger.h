@@ -24,8 +24,12 @@
 // outside are noticed before the next run. Diagnostics of the logging code
 // itself go to standard output.
 //
-// The queue is bounded (Logger::SetQueueLimit(), by default 64 MiB of text
-// and lines dropped, counted and reported in the file when it is full).
+// Each posting thread has a queue of its own (no lock); the queues are
+// bounded together (Logger::SetQueueLimit(), by default 64 MiB, counting a
+// line's text or, for a line formatted on the writer thread, its format and
+// arguments), and lines are dropped, counted and reported in the file when
+// they are full. Lines are written in the order of their posts wherever one
+// post happens before another (the same thread, a lock, an atomic, a join).
 //
 // Threads: the writer thread is started by the first log_print() (or
 // Logger::GetInstance()) and runs for the rest of the process; the Logger is
@@ -227,13 +231,15 @@ class ZEL_API Logger : public LogBackend {
   // empty text before the Logger has chosen one. Threads: any thread.
   static std::string GetLogPath();
 
-  // Blocks until every line queued before the call has been written and
-  // flushed; returns at once when called on the writer thread, and while
+  // Blocks until every line queued before the call (by any thread) has
+  // been written and flushed; returns at once when called on the writer thread, and while
   // the process is ending on Windows with the writer thread gone.
   void Flush();
 
-  // Bounds the queue: the text of the lines posted and not yet written may
-  // take at most `bytes` bytes (0: no bound). A line that would exceed it is
+  // Bounds the queues of all threads together: the lines posted and not
+  // yet written may take at most `bytes` bytes (0: no bound), counting a
+  // line's text, or for a line the writer formats its time, format and
+  // arguments. A line that would exceed it is
   // handled by `policy`: kBlock makes the caller wait for room (a line
   // longer than the bound waits for an empty queue; the writer thread
   // itself, a backend that logs, never waits and may exceed the bound);
