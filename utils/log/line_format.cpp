@@ -1053,7 +1053,10 @@ int log_print(int level, int flag, const char* format, ...) {
     // The common formats are formatted on the writer thread, from the
     // time, the format and the arguments the queue keeps; the others (a
     // float, %n, %m, a precision...) here, as the caller's state gives
-    // them.
+    // them. The line used to be built on this stack for every format: it
+    // no longer is for the common ones, and its bytes are the same (the
+    // prefix of this call's time and thread, the text as vsnprintf makes
+    // it, cut at 4094 characters).
     zel::LineQueue* queue = zel::LineQueue::instance();
     if (queue == nullptr || !queue->postFormat(timeMs, format, args, level, flag != 0)) {
       char line[zel::kLineSize];
