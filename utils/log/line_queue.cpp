@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <thread>
 
@@ -132,8 +133,10 @@ std::mutex* sRestartMutex = new std::mutex;  // never destroyed
 std::atomic<void*> LineQueue::sSpareDrain{nullptr};
 
 char* LineQueue::Block::room(std::size_t size) {
-  if (capacity - used < size) {
-    const std::size_t grown = std::max(used + size, capacity * 2);
+  // Allocated at the first line, even an empty one: the writer reads the
+  // text through this pointer (with a length of 0 for an empty line).
+  if (text == nullptr || capacity - used < size) {
+    const std::size_t grown = std::max({used + size, capacity * 2, std::size_t{4096}});
     std::unique_ptr<char[]> bigger(new char[grown]);
     if (used > 0) std::memcpy(bigger.get(), text.get(), used);
     text = std::move(bigger);
@@ -593,9 +596,13 @@ bool LineQueue::collect(bool* gap) {
       found_.push_back(Found{header.seq, queue, record});
     }
     // Each queue's records come in order: merged with those before them,
-    // not sorted anew.
+    // not sorted anew (through a vector of the writer's own rather than
+    // the library's temporary buffer).
     if (first > 0 && found_.size() > static_cast<std::size_t>(first)) {
-      std::inplace_merge(found_.begin(), found_.begin() + first, found_.end(), bySeq);
+      merged_.clear();
+      std::merge(found_.begin(), found_.begin() + first, found_.begin() + first, found_.end(),
+                 std::back_inserter(merged_), bySeq);
+      found_.swap(merged_);
     }
   }
   if (found_.empty()) return false;
@@ -655,8 +662,9 @@ void LineQueue::take(const Found& found, const RecordHeader& header) {
     // The line as the caller's formatter would have made it.
     char* line = block_.room(kLineSize);
     size = formatCapturedLine(line, payload, found.queue->threadId());
-  } else if (size > 0) {
-    std::memcpy(block_.room(size), payload, size);
+  } else {
+    char* text = block_.room(size);
+    if (size > 0) std::memcpy(text, payload, size);
   }
   block_.records.push_back(static_cast<uint64_t>(size) | flags);
   block_.used += size;

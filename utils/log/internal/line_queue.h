@@ -305,6 +305,7 @@ class LineQueue {
   alignas(64) uint64_t next_ = 0;  // the number of the next record to write
   int64_t gapSinceNs_ = 0;         // since when it waits for next_ (after a fault)
   std::vector<Found> found_;       // the records of one pass
+  std::vector<Found> merged_;      // found_ while a queue's records are merged in
   Block block_;                    // the lines being written
   uint64_t blockBytes_ = 0;        // what block_'s records took under the bound
   uint64_t blockRecords_ = 0;
