@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 
 // The Logger: the process-wide instance and its public calls. Its parts
-// live in utils/log/: the line queue and its writer thread (line_queue.cpp),
+// live in utils/log/: the line queue and its writer thread (line_queue.cpp)
+// over the posting threads' own queues (thread_queue.cpp),
 // the log file writer (file_writer.cpp), the receivers of forwarded lines
 // (backend_list.cpp), the line formatter and log_print() (line_format.cpp),
 // the crash drain (crash_drain.cpp) and retention (retention.cpp).

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 
-// The line queue of the Logger: the lines posted and not yet written, in
-// posting order, the bound on them (kDrop counted with a notice line,
+// The line queue of the Logger: the lines posted and not yet written (in a
+// queue of each posting thread, utils/log/internal/thread_queue.h) and the
+// order they are written in, the bound on them (kDrop counted with a notice line,
 // kBlock holding the caller), the writer thread that drains them into the
 // log file (utils/log/internal/file_writer.h) and hands forwarded lines to
 // the backends (utils/log/internal/backend_list.h), and its part in the
