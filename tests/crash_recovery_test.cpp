@@ -519,18 +519,24 @@ class HeldUntilTheFaultBackend : public zel::LogBackend {
   }
 };
 
+// In the child: installs the crash drain, a HeldUntilTheFaultBackend, and
+// FaultNotingHandler over the drain.
+void InstallHandlerHoldingTheWriterUntilTheFault() {
+  sShared->installResult.store(zel_log_install_crash_handler());
+  static HeldUntilTheFaultBackend backend;
+  zel::Logger::GetInstance()->RegisterBackend(&backend);
+  struct sigaction noting = {};
+  noting.sa_sigaction = FaultNotingHandler;
+  noting.sa_flags = SA_SIGINFO;
+  sigemptyset(&noting.sa_mask);
+  sigaction(SIGSEGV, &noting, &sDrainAction);
+}
+
 TEST(CrashRecoveryTest, FaultWithLinesQueuedUnformattedWritesThemFormatted) {
   TempDir dir;
   constexpr int kLines = 1000;
   const ChildResult result = RunChild(dir.path(), 30000, [] {
-    sShared->installResult.store(zel_log_install_crash_handler());
-    static HeldUntilTheFaultBackend backend;
-    zel::Logger::GetInstance()->RegisterBackend(&backend);
-    struct sigaction noting = {};
-    noting.sa_sigaction = FaultNotingHandler;
-    noting.sa_flags = SA_SIGINFO;
-    sigemptyset(&noting.sa_mask);
-    sigaction(SIGSEGV, &noting, &sDrainAction);
+    InstallHandlerHoldingTheWriterUntilTheFault();
     // Every line behind "gate" is queued as its format and arguments when
     // the fault comes: the writer formats them after it.
     log_print(0, 1, "gate\n");
@@ -566,14 +572,7 @@ TEST(CrashRecoveryTest, LinesFormattedAfterAFaultInsideLocaltimeEndWithinMillise
     SCOPED_TRACE("trial " + std::to_string(trial));
     TempDir dir;
     const ChildResult result = RunChild(dir.path(), 10000, [] {
-      sShared->installResult.store(zel_log_install_crash_handler());
-      static HeldUntilTheFaultBackend backend;
-      zel::Logger::GetInstance()->RegisterBackend(&backend);
-      struct sigaction noting = {};
-      noting.sa_sigaction = FaultNotingHandler;
-      noting.sa_flags = SA_SIGINFO;
-      sigemptyset(&noting.sa_mask);
-      sigaction(SIGSEGV, &noting, &sDrainAction);
+      InstallHandlerHoldingTheWriterUntilTheFault();
       // The live file is open before the conversions start (opening it
       // asks the time zone for the directory's date).
       log_print(0, 0, "open\n");

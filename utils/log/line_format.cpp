@@ -61,6 +61,23 @@ char* writeDecimal(char* out, unsigned long long value, int width = 1) {
   return out;
 }
 
+// Writes the calendar part of a prefix, "[M-D hh:mm:ss.", for `tm` at
+// `out`; returns the end. The callers' prefix and the writer's share it.
+char* writeCalendarPart(char* out, const std::tm& tm) {
+  *out++ = '[';
+  out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mon + 1));
+  *out++ = '-';
+  out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mday));
+  *out++ = ' ';
+  out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_hour), 2);
+  *out++ = ':';
+  out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_min), 2);
+  *out++ = ':';
+  out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_sec), 2);
+  *out++ = '.';
+  return out;
+}
+
 // The prefix "[M-D hh:mm:ss.mmm][tid:T] " of the calling thread, built from
 // pieces kept per thread: the thread id text is made once, the local-time
 // part once per second; only the milliseconds are written per line.
@@ -98,19 +115,7 @@ class PrefixCache {
         headLen_ = 0;
         return n < 0 ? (buf[0] = '\0', 0) : std::strlen(buf);
       }
-      char* out = head_;
-      *out++ = '[';
-      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mon + 1), 1);
-      *out++ = '-';
-      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mday), 1);
-      *out++ = ' ';
-      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_hour), 2);
-      *out++ = ':';
-      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_min), 2);
-      *out++ = ':';
-      out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_sec), 2);
-      *out++ = '.';
-      headLen_ = static_cast<std::size_t>(out - head_);
+      headLen_ = static_cast<std::size_t>(writeCalendarPart(head_, tm) - head_);
       second_ = second;
     }
     std::memcpy(buf, head_, headLen_);
@@ -911,19 +916,7 @@ std::size_t writePrefix(char* line, int64_t timeMs, int32_t offset, uint64_t thr
   if (local != headSecond) {
     std::tm tm{};
     crash::calendarTime(local, &tm);
-    char* out = head;
-    *out++ = '[';
-    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mon + 1));
-    *out++ = '-';
-    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_mday));
-    *out++ = ' ';
-    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_hour), 2);
-    *out++ = ':';
-    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_min), 2);
-    *out++ = ':';
-    out = writeDecimal(out, static_cast<unsigned long long>(tm.tm_sec), 2);
-    *out++ = '.';
-    headLen = static_cast<std::size_t>(out - head);
+    headLen = static_cast<std::size_t>(writeCalendarPart(head, tm) - head);
     headSecond = local;
   }
   if (tailLen == 0 || threadId != tailThread) {
