@@ -9,7 +9,10 @@
 // mixed in any order, so the fallback runs after the fast formatter has gone
 // part of the way. The line a backend receives, less its prefix, must be
 // byte for byte what snprintf makes of the same format and arguments, cut at
-// its first NUL and at the line limit of 4094 characters.
+// its first NUL and at the line limit of 4094 characters. Each format is
+// logged twice (the second time from what the thread learnt of it), and
+// the formats of successive inputs often share an address: a thread that
+// took a new text for the one it knew would show.
 //
 // Input layout: a stream of choice bytes read front to back (see
 // Generator); an input that runs out reads zeros.
@@ -188,21 +191,25 @@ void CheckLine(const std::string& format, const std::string& full) {
   }
 }
 
-// Logs the line, and formats it with snprintf for the check. Kept small: it
-// is made once for every combination of argument types.
+// Formats the line with snprintf for the check, and logs it twice: the
+// second time the thread knows the format (its text at the same address)
+// and does not read it again. Kept small: it is made once for every
+// combination of argument types.
 template <typename... T>
 void Leaf(const std::string& format, T... args) {
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wformat-nonliteral"
 #pragma clang diagnostic ignored "-Wformat-security"
-  log_print(9, 1, format.c_str(), args...);
   const int n = std::snprintf(nullptr, 0, format.c_str(), args...);
   if (n < 0) std::abort();
   std::string full(static_cast<std::size_t>(n) + 1, '\0');
   std::snprintf(&full[0], full.size(), format.c_str(), args...);
-#pragma clang diagnostic pop
   full.resize(static_cast<std::size_t>(n));
-  CheckLine(format, full);
+  for (int time = 0; time < 2; ++time) {
+    log_print(9, 1, format.c_str(), args...);
+    CheckLine(format, full);
+  }
+#pragma clang diagnostic pop
 }
 
 // Passes args[k..n) to Leaf with their own C types, one level per argument.

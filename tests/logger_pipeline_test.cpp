@@ -96,6 +96,64 @@ TEST(LogPipelineTest, LinesFormattedOnTheWriterAreWhatSnprintfMakes) {
   }
 }
 
+// A thread keeps what it learnt of the formats it posted, found by their
+// address. A caller that reuses one buffer for other formats (longer,
+// shorter, with other arguments, or one the writer cannot format) must get
+// each line as snprintf makes it, not as the format that was there before.
+TEST(LogPipelineTest, FormatBufferReusedForOtherTextsGivesEachItsOwnLine) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  char format[256];
+  std::vector<std::string> expected;
+  auto both = [&expected, &format](const char* text, auto... args) {
+    std::snprintf(format, sizeof(format), "%s", text);
+    char line[512];
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+#endif
+    std::snprintf(line, sizeof(line), format, args...);
+    log_print(3, 0, format, args...);
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+    expected.push_back(line);
+    expected.back().pop_back();  // Texts() gives the lines without their end
+  };
+  both("a=%d b=%d\n", 1, 2);
+  both("a=%d b=%d\n", 3, 4);          // the same text again
+  both("a=%d b=%d c=%d\n", 5, 6, 7);  // longer, one more argument
+  both("a=%d\n", 8);                  // shorter
+  both("%ld|%s|%x\n", -9L, "ten", 11u);
+  both("%.1f\n", 2.5);  // not one the writer formats
+  both("%.1f\n", 3.5);
+  both("%5d|%-3s|\n", 12, "z");  // after it, one it formats again
+  both("no conversion\n");
+  zel_log_flush();
+  EXPECT_EQ(Texts(), expected);
+}
+
+// The writer keeps what it learnt of the formats it formatted, found by
+// their length and first characters: formats alike in both, taking turns,
+// must each be formatted as their own text says.
+TEST(LogPipelineTest, FormatsAlikeInLengthAndStartAreEachFormattedAsTheirOwn) {
+  TempDir dir;
+  zel_set_log_path(dir.path().c_str());
+  for (int i = 0; i < 3; ++i) {
+    log_print(3, 0, "same start of format %d|%s\n", i, "one");
+    log_print(3, 0, "same start of format %s|%d\n", "two", i);
+    log_print(3, 0, "same start of format %x|%5u\n", 255u + static_cast<unsigned>(i), 7u);
+  }
+  zel_log_flush();
+  EXPECT_EQ(Texts(), (std::vector<std::string>{
+                         "same start of format 0|one", "same start of format two|0",
+                         "same start of format ff|    7", "same start of format 1|one",
+                         "same start of format two|1", "same start of format 100|    7",
+                         "same start of format 2|one", "same start of format two|2",
+                         "same start of format 101|    7"}));
+}
+
 TEST(LogPipelineTest, PostsOrderedByAnAtomicAreWrittenInThatOrder) {
   TempDir dir;
   zel_set_log_path(dir.path().c_str());

@@ -46,6 +46,38 @@ const std::tm& localTimeOf(std::time_t second) {
   return cachedTm;
 }
 
+// Copies `n` bytes from `in` to `out`, as memcpy. The texts of a line (a
+// string argument, a run of the format) are mostly a few bytes: those are
+// copied in two overlapping moves. For a length it knows to be bounded
+// the compiler otherwise inlines a string instruction, whose start-up
+// costs more than such a text; a longer one goes to the C library's copy.
+inline void copyBytes(char* out, const char* in, std::size_t n) {
+  if (n >= 16) {
+#if defined(__GNUC__)
+    asm("" : "+r"(n));  // the bound is forgotten: the library's copy is called
+#endif
+    std::memcpy(out, in, n);
+  } else if (n >= 8) {
+    uint64_t head;
+    uint64_t tail;
+    std::memcpy(&head, in, 8);
+    std::memcpy(&tail, in + n - 8, 8);
+    std::memcpy(out, &head, 8);
+    std::memcpy(out + n - 8, &tail, 8);
+  } else if (n >= 4) {
+    uint32_t head;
+    uint32_t tail;
+    std::memcpy(&head, in, 4);
+    std::memcpy(&tail, in + n - 4, 4);
+    std::memcpy(out, &head, 4);
+    std::memcpy(out + n - 4, &tail, 4);
+  } else if (n > 0) {
+    out[0] = in[0];
+    out[n / 2] = in[n / 2];
+    out[n - 1] = in[n - 1];
+  }
+}
+
 // Writes `value` in decimal, at least `width` digits (zero-padded), at
 // `out`; returns the end. As printf's "%0*llu".
 char* writeDecimal(char* out, unsigned long long value, int width = 1) {
@@ -142,7 +174,13 @@ class PrefixCache {
 // as soon as the line is full: what would follow is cut anyway, and a width
 // is never written further than the line has room for.
 class FastFormat {
-  struct Directive;
+  struct Directive {
+    bool left = false;
+    bool zero = false;
+    std::size_t width = 0;
+    char length = 0;  // 0, 'l', 'L' (ll) or 'z'
+    char conv = 0;
+  };
   struct Sink;
 
  public:
@@ -163,21 +201,39 @@ class FastFormat {
   // formatTo() would read them: numbers as 8 bytes, strings copied (at most
   // what a line can show, with their whole length). False, with `captured`
   // unfinished, when the format has a conversion formatTo() does not handle
-  // or more than kMaxCapturedArguments arguments.
-  static bool capture(const char* format, va_list args, CapturedLine* captured) {
+  // or more than kMaxCapturedArguments arguments. With `plans`, a format
+  // whose text equals the plan at its address is not read again, and one
+  // read here leaves its plan.
+  static bool capture(const char* format, va_list args, FormatPlans* plans,
+                      CapturedLine* captured) {
+    FormatPlan* plan = plans != nullptr ? &plans->slotOf(format) : nullptr;
+    // strncmp stops at the first NUL: nothing past the end of a shorter
+    // text now at the address is read.
+    if (plan != nullptr && plan->key == format &&
+        std::strncmp(plan->text, format, std::size_t{plan->length} + 1) == 0) {
+      if (!plan->capturable) return false;
+      va_list ap;
+      va_copy(ap, args);
+      captureByPlan(*plan, &ap, captured);
+      va_end(ap);
+      return true;
+    }
     va_list ap;
     va_copy(ap, args);
-    const bool done = captureFrom(format, &ap, captured);
+    const bool done = captureFrom(format, &ap, captured, plan);
     va_end(ap);
     return done;
   }
 
   // Formats a line captured by capture() and stored by
   // CapturedLine::write(), as formatTo() formats the original.
-  static void formatCaptured(char* out, std::size_t size, const char* format,
-                             std::size_t formatLength, const char* arguments) {
+  // Returns the text's length (as strlen(out)).
+  static std::size_t formatCaptured(char* out, std::size_t size, const char* format,
+                                    std::size_t formatLength, const char* arguments) {
     StoredArguments source{arguments};
-    formatWith(out, size, format, formatLength, &source);
+    std::size_t length = 0;
+    formatWith(out, size, format, formatLength, &source, &length);
+    return length;
   }
 
   // The bytes of a string argument that are kept: no line shows more.
@@ -186,10 +242,15 @@ class FastFormat {
   }
 
  private:
-  static bool captureFrom(const char* format, va_list* ap, CapturedLine* captured) {
+  // Reads the format and its arguments; with `plan`, leaves there what it
+  // learnt of the format.
+  static bool captureFrom(const char* format, va_list* ap, CapturedLine* captured,
+                          FormatPlan* plan) {
+    if (plan != nullptr) plan->key = nullptr;
     captured->arguments = 0;
     captured->payloadSize = 0;
     const char* p = format;
+    bool capturable = true;
     for (;; ++p) {
       // Straight to the next conversion (the C library's search is
       // vectorised); the end of the format when there is none.
@@ -200,27 +261,63 @@ class FastFormat {
       }
       Directive directive;
       p = parseDirective(percent + 1, &directive);
-      if (p == nullptr) return false;
-      if (directive.conv == '%') continue;
-      if (captured->arguments == kMaxCapturedArguments) return false;
-      CapturedLine::Argument& argument = captured->argument[captured->arguments++];
-      if (directive.conv == 's') {
-        const char* text = va_arg(*ap, const char*);
-        if (text == nullptr) text = "(null)";
-        argument.text = text;
-        argument.value = std::strlen(text);
-        argument.size = 4;
-        captured->payloadSize += 4 + shownLength(argument.value);
-      } else {
-        argument.text = nullptr;
-        argument.value = readNumber(directive, ap);
-        argument.size = storedSize(directive);
-        captured->payloadSize += argument.size;
+      if (p == nullptr || (directive.conv != '%' && captured->arguments == kMaxCapturedArguments)) {
+        capturable = false;
+        break;
       }
+      if (directive.conv == '%') continue;
+      if (plan != nullptr) {
+        plan->conv[captured->arguments] = directive.conv;
+        plan->lengthModifier[captured->arguments] = directive.length;
+      }
+      captured->payloadSize +=
+          captureArgument(directive, ap, &captured->argument[captured->arguments++]);
     }
-    captured->formatLength = static_cast<std::size_t>(p - format);
-    captured->payloadSize += kCapturedHeader + captured->formatLength;
+    const std::size_t length =
+        capturable ? static_cast<std::size_t>(p - format) : std::strlen(format);
+    if (plan != nullptr && length < kPlannedFormatSize) {
+      std::memcpy(plan->text, format, length + 1);
+      plan->length = static_cast<uint16_t>(length);
+      plan->capturable = capturable;
+      plan->arguments = static_cast<uint8_t>(captured->arguments);
+      plan->key = format;
+    }
+    if (!capturable) return false;
+    captured->formatLength = length;
+    captured->payloadSize += kCapturedHeader + length;
     return true;
+  }
+
+  // captureFrom() for a format read before, with its plan.
+  static void captureByPlan(const FormatPlan& plan, va_list* ap, CapturedLine* captured) {
+    std::size_t payload = 0;
+    for (std::size_t i = 0; i < plan.arguments; ++i) {
+      Directive directive;
+      directive.conv = plan.conv[i];
+      directive.length = plan.lengthModifier[i];
+      payload += captureArgument(directive, ap, &captured->argument[i]);
+    }
+    captured->arguments = plan.arguments;
+    captured->formatLength = plan.length;
+    captured->payloadSize = payload + kCapturedHeader + plan.length;
+  }
+
+  // Reads the argument of `directive` (a conversion, not "%%") into
+  // `argument`; returns the bytes CapturedLine::write() stores for it.
+  static std::size_t captureArgument(const Directive& directive, va_list* ap,
+                                     CapturedLine::Argument* argument) {
+    if (directive.conv == 's') {
+      const char* text = va_arg(*ap, const char*);
+      if (text == nullptr) text = "(null)";
+      argument->text = text;
+      argument->value = std::strlen(text);
+      argument->size = 4;
+      return 4 + shownLength(argument->value);
+    }
+    argument->text = nullptr;
+    argument->value = readNumber(directive, ap);
+    argument->size = storedSize(directive);
+    return argument->size;
   }
 
   // The arguments of a call, read from its va_list.
@@ -274,10 +371,13 @@ class FastFormat {
     }
   };
 
+  // With `length`, stores there the length of the text made (as
+  // strlen(out)).
   template <typename Source>
   static bool formatWith(char* out, std::size_t size, const char* format, std::size_t formatLength,
-                         Source* source) {
+                         Source* source, std::size_t* length = nullptr) {
     Sink sink{out, out + size - 1};
+    bool nul = false;  // a %c of 0 ends the text as a C string where it stands
     const char* const formatEnd = format + formatLength;
     for (const char* p = format; p != formatEnd; ++p) {
       if (sink.pos == sink.end) break;  // full: the rest would be cut
@@ -292,44 +392,119 @@ class FastFormat {
       Directive directive;
       p = parseDirective(p + 1, &directive);
       if (p == nullptr) return false;
-      switch (directive.conv) {
-        case '%':
-          sink.put('%');
-          break;
-        case 'c': {
-          const char c = static_cast<char>(source->number(directive));
-          pad(&sink, directive, 1, [&sink, c] { sink.put(c); });
-          break;
-        }
-        case 's': {
-          std::size_t len = 0;
-          const char* text = source->text(&len);
-          // Only what the line has room for is read (a stored string keeps
-          // no more), while the padding counts the whole length.
-          pad(&sink, directive, len, [&sink, text, len] { sink.put(text, len); });
-          break;
-        }
-        case 'd':
-        case 'i': {
-          const auto v = static_cast<long long>(source->number(directive));
-          const bool negative = v < 0;
-          const unsigned long long magnitude = negative ? 0ULL - static_cast<unsigned long long>(v)
-                                                        : static_cast<unsigned long long>(v);
-          putNumber(&sink, directive, magnitude, negative, 10, false);
-          break;
-        }
-        default: {  // u x X
-          const unsigned long long v = source->number(directive);
-          putNumber(&sink, directive, v, false, directive.conv == 'u' ? 10 : 16,
-                    directive.conv == 'X');
-          break;
-        }
-      }
+      putConversion(&sink, directive, source, &nul);
     }
+    return finish(out, sink, nul, length);
+  }
+
+  // Terminates the text formatWith() or formatPlanned() made; see there.
+  static bool finish(char* out, const Sink& sink, bool nul, std::size_t* length) {
     *sink.pos = '\0';
+    if (length != nullptr)
+      *length = nul ? std::strlen(out) : static_cast<std::size_t>(sink.pos - out);
     return true;
   }
 
+  // Writes the conversion `directive` of the next argument of `source`;
+  // sets `*nul` when it writes a character 0.
+  template <typename Source>
+  static void putConversion(Sink* sink, const Directive& directive, Source* source, bool* nul) {
+    switch (directive.conv) {
+      case '%':
+        sink->put('%');
+        break;
+      case 'c': {
+        const char c = static_cast<char>(source->number(directive));
+        *nul = *nul || c == '\0';
+        pad(sink, directive, 1, [sink, c] { sink->put(c); });
+        break;
+      }
+      case 's': {
+        std::size_t len = 0;
+        const char* text = source->text(&len);
+        // Only what the line has room for is read (a stored string keeps
+        // no more), while the padding counts the whole length.
+        pad(sink, directive, len, [sink, text, len] { sink->put(text, len); });
+        break;
+      }
+      case 'd':
+      case 'i': {
+        const auto v = static_cast<long long>(source->number(directive));
+        const bool negative = v < 0;
+        const unsigned long long magnitude = negative ? 0ULL - static_cast<unsigned long long>(v)
+                                                      : static_cast<unsigned long long>(v);
+        putNumber(sink, directive, magnitude, negative, 10, false);
+        break;
+      }
+      default: {  // u x X
+        const unsigned long long v = source->number(directive);
+        putNumber(sink, directive, v, false, directive.conv == 'u' ? 10 : 16,
+                  directive.conv == 'X');
+        break;
+      }
+    }
+  }
+
+ public:
+  // A format the writer formatted before, read into its steps: each a run
+  // of text, then a conversion (none after the last run).
+  struct Step {
+    uint16_t textAt = 0;  // the run's place in the format, and its length
+    uint16_t textLength = 0;
+    Directive directive;  // conv 0: no conversion
+  };
+  static constexpr std::size_t kMaxSteps = 2 * kMaxCapturedArguments;
+  struct WriterPlan {
+    std::size_t length = SIZE_MAX;  // SIZE_MAX: no format
+    std::size_t steps = 0;
+    Step step[kMaxSteps];
+    char text[kPlannedFormatSize];
+  };
+
+  // Reads the `formatLength` characters of `format` into `plan`. False,
+  // with `plan` holding no format, when it is not one formatWith() takes
+  // or has too many steps to keep.
+  static bool planFormat(const char* format, std::size_t formatLength, WriterPlan* plan) {
+    plan->length = SIZE_MAX;
+    plan->steps = 0;
+    if (formatLength >= kPlannedFormatSize) return false;
+    const char* const formatEnd = format + formatLength;
+    const char* run = format;
+    for (const char* p = format;; ++p) {
+      if (p != formatEnd && *p != '%') continue;
+      if (plan->steps == kMaxSteps) return false;
+      Step& step = plan->step[plan->steps++];
+      step = Step{};  // a slot used before keeps its old steps
+      step.textAt = static_cast<uint16_t>(run - format);
+      step.textLength = static_cast<uint16_t>(p - run);
+      if (p == formatEnd) break;
+      p = parseDirective(p + 1, &step.directive);
+      if (p == nullptr) return false;
+      run = p + 1;
+    }
+    std::memcpy(plan->text, format, formatLength);
+    plan->length = formatLength;
+    return true;
+  }
+
+  // formatWith() for a format read by planFormat() into `plan`, with the
+  // arguments stored by CapturedLine::write() at `arguments`.
+  static std::size_t formatPlanned(char* out, std::size_t size, const WriterPlan& plan,
+                                   const char* arguments) {
+    StoredArguments source{arguments};
+    Sink sink{out, out + size - 1};
+    bool nul = false;
+    for (std::size_t i = 0; i < plan.steps && sink.pos != sink.end; ++i) {
+      const Step& step = plan.step[i];
+      sink.put(plan.text + step.textAt, step.textLength);
+      if (step.directive.conv != 0) putConversion(&sink, step.directive, &source, &nul);
+    }
+    std::size_t length = 0;
+    finish(out, sink, nul, &length);
+    return length;
+  }
+
+ private:
   // The argument of a %c %d %i %u %x %X conversion, read with the type its
   // length modifier gives it: signed ones sign-extended, unsigned ones
   // zero-extended to 64 bits.
@@ -354,14 +529,6 @@ class FastFormat {
   }
 
  private:
-  struct Directive {
-    bool left = false;
-    bool zero = false;
-    std::size_t width = 0;
-    char length = 0;  // 0, 'l', 'L' (ll) or 'z'
-    char conv = 0;
-  };
-
   // Writes up to `end`, the place of the terminating NUL; the rest is cut.
   struct Sink {
     char* pos;
@@ -372,7 +539,7 @@ class FastFormat {
     void put(const char* text, std::size_t len) {
       const auto room = static_cast<std::size_t>(end - pos);
       if (len > room) len = room;
-      std::memcpy(pos, text, len);
+      copyBytes(pos, text, len);
       pos += len;
     }
     void fill(char c, std::size_t n) {
@@ -964,13 +1131,13 @@ std::size_t formatLogLineAt(char* line, int64_t timeMs, const char* format, va_l
   return prefixLen + std::strlen(line + prefixLen);
 }
 
-bool CapturedLine::capture(int64_t postedMs, LocalOffsetCache* cache, const char* format,
-                           va_list args) {
+bool CapturedLine::capture(int64_t postedMs, LocalOffsetCache* cache, FormatPlans* plans,
+                           const char* format, va_list args) {
   int64_t second;
   long ms;
   splitTime(postedMs, &second, &ms);
   timeMs = postedMs;
-  return localOffsetOf(second, cache, &offset) && FastFormat::capture(format, args, this);
+  return localOffsetOf(second, cache, &offset) && FastFormat::capture(format, args, plans, this);
 }
 
 void CapturedLine::write(char* out, const char* format) const {
@@ -978,7 +1145,7 @@ void CapturedLine::write(char* out, const char* format) const {
   std::memcpy(out + 8, &offset, 4);
   const auto length = static_cast<uint32_t>(formatLength);
   std::memcpy(out + 12, &length, 4);
-  std::memcpy(out + kCapturedHeader, format, formatLength);
+  copyBytes(out + kCapturedHeader, format, formatLength);
   out += kCapturedHeader + formatLength;
   for (std::size_t i = 0; i < arguments; ++i) {
     const Argument& a = argument[i];
@@ -994,13 +1161,38 @@ void CapturedLine::write(char* out, const char* format) const {
     out += a.size;
     if (a.text != nullptr) {
       const std::size_t shown = FastFormat::shownLength(static_cast<std::size_t>(a.value));
-      std::memcpy(out, a.text, shown);
+      copyBytes(out, a.text, shown);
       out += shown;
     }
   }
 }
 
-std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId) {
+struct WriterPlans {
+  static constexpr std::size_t kPlans = 64;
+  FastFormat::WriterPlan plan[kPlans];
+
+  // The slot of the format of `length` characters at `format`.
+  FastFormat::WriterPlan& slotOf(const char* format, std::size_t length) {
+    uint64_t hash = length * 0x9e3779b97f4a7c15ULL;
+    for (std::size_t i = 0; i < length && i < 16; ++i) {
+      hash = (hash ^ static_cast<unsigned char>(format[i])) * 0x100000001b3ULL;
+    }
+    return plan[(hash >> 32) % kPlans];
+  }
+};
+
+WriterPlans* newWriterPlans() noexcept {
+  try {
+    return new WriterPlans;
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+void deleteWriterPlans(WriterPlans* plans) noexcept { delete plans; }
+
+std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId,
+                               WriterPlans* plans) {
   int64_t timeMs;
   std::memcpy(&timeMs, payload, 8);
   int32_t offset;
@@ -1009,9 +1201,17 @@ std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadI
   std::memcpy(&formatLength, payload + 12, 4);
   const char* format = payload + kCapturedHeader;
   const std::size_t prefixLen = writePrefix(line, timeMs, offset, threadId);
-  FastFormat::formatCaptured(line + prefixLen, kLineSize - 1 - prefixLen, format, formatLength,
-                             format + formatLength);
-  return prefixLen + std::strlen(line + prefixLen);
+  const std::size_t room = kLineSize - 1 - prefixLen;
+  const char* arguments = format + formatLength;
+  if (plans != nullptr) {
+    FastFormat::WriterPlan& plan = plans->slotOf(format, formatLength);
+    if ((plan.length == formatLength && std::memcmp(plan.text, format, formatLength) == 0) ||
+        FastFormat::planFormat(format, formatLength, &plan)) {
+      return prefixLen + FastFormat::formatPlanned(line + prefixLen, room, plan, arguments);
+    }
+  }
+  return prefixLen +
+         FastFormat::formatCaptured(line + prefixLen, room, format, formatLength, arguments);
 }
 
 std::size_t printLogLine(char* line, const char* format, ...) {

@@ -31,6 +31,9 @@ struct ThreadState {
   bool onWriter = false;
   // The offset from UTC of the thread's last second.
   LocalOffsetCache offset;
+  // The formats the thread posted last. Made with the thread's first
+  // queue, freed with its owner.
+  FormatPlans* plans = nullptr;
 };
 
 namespace {
@@ -116,6 +119,8 @@ struct QueueOwner {
     if (tState.queue != nullptr) tState.queue->closed.store(true, std::memory_order_release);
     tState.queue = nullptr;
     tState.ownerGone = true;
+    delete tState.plans;
+    tState.plans = nullptr;
   }
 };
 
@@ -147,6 +152,7 @@ char* LineQueue::Block::room(std::size_t size) {
 
 LineQueue::~LineQueue() {
   if (looper_) looper_->Stop();
+  deleteWriterPlans(writerPlans_);
   ThreadQueue* queue = queues_.load(std::memory_order_acquire);
   while (queue != nullptr) {
     ThreadQueue* next = queue->nextQueue.load(std::memory_order_relaxed);
@@ -211,6 +217,13 @@ ThreadQueue* LineQueue::ownQueue(ThreadState& state) noexcept {
   } while (!queues_.compare_exchange_weak(first, queue, std::memory_order_release,
                                           std::memory_order_relaxed));
   state.queue = queue;
+  if (state.plans == nullptr && !state.ownerGone) {
+    // Without them each format is read at each call: nothing is lost.
+    try {
+      state.plans = new FormatPlans;
+    } catch (...) {
+    }
+  }
   return queue;
 }
 
@@ -398,8 +411,11 @@ bool LineQueue::postFormat(int64_t timeMs, const char* format, va_list args, int
   // The thread's state is looked up once: each lookup of a thread-local
   // object is a call in a shared library.
   ThreadState& state = tState;
+  // The plans are made with the thread's queue: a thread's first line
+  // makes both, and reads its format.
+  if (state.plans == nullptr && !state.ownerGone) ownQueue(state);
   CapturedLine line;
-  if (!line.capture(timeMs, &state.offset, format, args)) return false;
+  if (!line.capture(timeMs, &state.offset, state.plans, format, args)) return false;
   enqueue(state, line.payloadSize, line.payloadSize,
           forward ? kFormatRecord | kForwardRecord : kFormatRecord, level,
           [&line, format](char* out) { line.write(out, format); });
@@ -661,7 +677,8 @@ void LineQueue::take(const Found& found, const RecordHeader& header) {
   if (kind == kFormatRecord) {
     // The line as the caller's formatter would have made it.
     char* line = block_.room(kLineSize);
-    size = formatCapturedLine(line, payload, found.queue->threadId());
+    if (writerPlans_ == nullptr) writerPlans_ = newWriterPlans();
+    size = formatCapturedLine(line, payload, found.queue->threadId(), writerPlans_);
   } else {
     char* text = block_.room(size);
     if (size > 0) std::memcpy(text, payload, size);

@@ -43,6 +43,36 @@ struct LocalOffsetCache {
   bool valid = false;
 };
 
+// What a thread learnt of the formats it posted last: for each, its text
+// and the arguments it takes (or that it cannot be captured), so that a
+// format posted again is recognised with one comparison of its text
+// instead of being read conversion by conversion. The address is only a
+// hint: a buffer the caller reuses for another text fails the comparison.
+constexpr std::size_t kPlannedFormats = 16;
+// Longer formats are read at every call.
+constexpr std::size_t kPlannedFormatSize = 192;
+
+struct FormatPlan {
+  const char* key = nullptr;  // the format's address when it was read
+  uint16_t length = 0;        // the text's length, without its NUL
+  bool capturable = false;    // false: the caller formats it
+  uint8_t arguments = 0;
+  // Each argument's conversion and length modifier (0, 'l', 'L' or 'z').
+  char conv[kMaxCapturedArguments];
+  char lengthModifier[kMaxCapturedArguments];
+  char text[kPlannedFormatSize];  // the text and its NUL
+};
+
+// The plans of one thread, looked up by the format's address. Threads: the
+// thread that owns them.
+struct FormatPlans {
+  FormatPlan plan[kPlannedFormats];
+  FormatPlan& slotOf(const char* format) {
+    const auto address = reinterpret_cast<uintptr_t>(format);
+    return plan[((address >> 3) ^ (address >> 11)) % kPlannedFormats];
+  }
+};
+
 struct CapturedLine {
   struct Argument {
     const char* text;  // a string argument, or null for a number
@@ -62,8 +92,10 @@ struct CapturedLine {
   // Reads `format` and the arguments it takes from `args` (a copy: `args`
   // is left as it is), for a line posted at `postedMs`. False when the line
   // must be formatted by the caller with formatLogLineAt().
-  // `cache` is the calling thread's, which converts each second once.
-  bool capture(int64_t postedMs, LocalOffsetCache* cache, const char* format, va_list args);
+  // `cache` is the calling thread's, which converts each second once;
+  // `plans` are its plans (null: the format is read anew).
+  bool capture(int64_t postedMs, LocalOffsetCache* cache, FormatPlans* plans, const char* format,
+               va_list args);
   // Stores the time, the offset, the format and the arguments in
   // `payloadSize` bytes at `out`.
   void write(char* out, const char* format) const;
@@ -73,11 +105,19 @@ struct CapturedLine {
 // format length.
 constexpr std::size_t kCapturedHeader = 16;
 
+// What the writer learnt of the formats it formatted last: each read into
+// runs of text and conversions once, found again by its text.
+struct WriterPlans;
+// Null when there is no memory for them.
+WriterPlans* newWriterPlans() noexcept;
+void deleteWriterPlans(WriterPlans* plans) noexcept;
+
 // Formats a line that CapturedLine::write() stored at `payload`, posted by
 // the thread `threadId`, into `line` (kLineSize bytes); returns its length.
 // It asks nothing of the time zone: the local time comes from the line's
-// own offset. Threads: the writer.
-std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId);
+// own offset. `plans` may be null. Threads: the writer.
+std::size_t formatCapturedLine(char* line, const char* payload, uint64_t threadId,
+                               WriterPlans* plans);
 
 // formatLogLine() for the wall-clock time `timeMs` (milliseconds since
 // 1970) read by the caller.

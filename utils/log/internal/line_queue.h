@@ -28,6 +28,7 @@ namespace zel {
 class BackendList;
 class LogFile;
 struct ThreadState;
+struct WriterPlans;
 
 // The lines posted and not yet written, and the writer's side of them.
 //
@@ -312,7 +313,10 @@ class LineQueue {
   uint64_t blockRecords_ = 0;
   std::vector<platform::WriteBuffer> pieces_;  // the run being built
   std::vector<std::size_t> runLines_;          // its lines' lengths in the file
-  std::atomic<uint64_t> writerFailures_{0};    // exceptions caught on the writer thread
+  // The formats it formatted last; made at the first such line (null
+  // without memory: each format is then read at each line).
+  WriterPlans* writerPlans_ = nullptr;
+  std::atomic<uint64_t> writerFailures_{0};  // exceptions caught on the writer thread
   // While the writer hands a line to the backends: the run's file, and the
   // line's text as the file gets it (for a fault inside a backend).
   std::atomic<bool> forwarding_{false};
