@@ -135,23 +135,26 @@ TEST(LogPipelineTest, FormatBufferReusedForOtherTextsGivesEachItsOwnLine) {
 }
 
 // The writer keeps what it learnt of the formats it formatted, found by
-// their length and first characters: formats alike in both, taking turns,
-// must each be formatted as their own text says.
-TEST(LogPipelineTest, FormatsAlikeInLengthAndStartAreEachFormattedAsTheirOwn) {
+// their length and their first and last characters: formats alike in all
+// three, taking turns, must each be formatted as their own text says.
+TEST(LogPipelineTest, FormatsAlikeInLengthStartAndEndAreEachFormattedAsTheirOwn) {
   TempDir dir;
   zel_set_log_path(dir.path().c_str());
+  std::vector<std::string> expected;
   for (int i = 0; i < 3; ++i) {
-    log_print(3, 0, "same start of format %d|%s\n", i, "one");
-    log_print(3, 0, "same start of format %s|%d\n", "two", i);
-    log_print(3, 0, "same start of format %x|%5u\n", 255u + static_cast<unsigned>(i), 7u);
+    log_print(3, 0, "same start: %d|%s same end of format\n", i, "one");
+    log_print(3, 0, "same start: %s|%d same end of format\n", "two", i);
+    log_print(3, 0, "same start: %x|%2u same end of format\n", 255u + static_cast<unsigned>(i), 7u);
+    expected.push_back("same start: " + std::to_string(i) + "|one same end of format");
+    expected.push_back("same start: two|" + std::to_string(i) + " same end of format");
+    expected.push_back(std::string("same start: ") +
+                       (i == 0   ? "ff"
+                        : i == 1 ? "100"
+                                 : "101") +
+                       "| 7 same end of format");
   }
   zel_log_flush();
-  EXPECT_EQ(Texts(), (std::vector<std::string>{
-                         "same start of format 0|one", "same start of format two|0",
-                         "same start of format ff|    7", "same start of format 1|one",
-                         "same start of format two|1", "same start of format 100|    7",
-                         "same start of format 2|one", "same start of format two|2",
-                         "same start of format 101|    7"}));
+  EXPECT_EQ(Texts(), expected);
 }
 
 TEST(LogPipelineTest, PostsOrderedByAnAtomicAreWrittenInThatOrder) {

@@ -614,27 +614,38 @@ class FastFormat {
 
   static void putNumber(Sink* sink, const Directive& directive, unsigned long long v, bool negative,
                         unsigned base, bool upper) {
+    // The digits from the last, at the end of `digits`; each base with
+    // its own constant, so that no division instruction is needed.
     char digits[24];
-    std::size_t n = 0;
-    const char* symbols = upper ? "0123456789ABCDEF" : "0123456789abcdef";
-    do {
-      digits[n++] = symbols[v % base];
-      v /= base;
-    } while (v != 0);
+    char* const end = digits + sizeof(digits);
+    char* first = end;
+    if (base == 16) {
+      const char* symbols = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+      do {
+        *--first = symbols[v & 15];
+        v >>= 4;
+      } while (v != 0);
+    } else {
+      do {
+        *--first = static_cast<char>('0' + v % 10);
+        v /= 10;
+      } while (v != 0);
+    }
+    const auto n = static_cast<std::size_t>(end - first);
     const std::size_t len = n + (negative ? 1 : 0);
     const std::size_t fill = directive.width > len ? directive.width - len : 0;
     if (directive.left) {
       if (negative) sink->put('-');
-      while (n > 0) sink->put(digits[--n]);
+      sink->put(first, n);
       sink->fill(' ', fill);
     } else if (directive.zero) {
       if (negative) sink->put('-');
       sink->fill('0', fill);
-      while (n > 0) sink->put(digits[--n]);
+      sink->put(first, n);
     } else {
       sink->fill(' ', fill);
       if (negative) sink->put('-');
-      while (n > 0) sink->put(digits[--n]);
+      sink->put(first, n);
     }
   }
 };
@@ -1168,16 +1179,24 @@ void CapturedLine::write(char* out, const char* format) const {
 }
 
 struct WriterPlans {
-  static constexpr std::size_t kPlans = 64;
+  static constexpr std::size_t kPlans = 64;  // the slot is a hash's top 6 bits
   FastFormat::WriterPlan plan[kPlans];
 
-  // The slot of the format of `length` characters at `format`.
+  // The slot of the format of `length` characters at `format`, found from
+  // its length and its first and last 8 characters (formats of one program
+  // often begin alike: a tag, the file, the function).
   FastFormat::WriterPlan& slotOf(const char* format, std::size_t length) {
-    uint64_t hash = length * 0x9e3779b97f4a7c15ULL;
-    for (std::size_t i = 0; i < length && i < 16; ++i) {
-      hash = (hash ^ static_cast<unsigned char>(format[i])) * 0x100000001b3ULL;
+    uint64_t first = 0;
+    uint64_t last = 0;
+    if (length >= 8) {
+      std::memcpy(&first, format, 8);
+      std::memcpy(&last, format + length - 8, 8);
+    } else {
+      copyBytes(reinterpret_cast<char*>(&first), format, length);
     }
-    return plan[(hash >> 32) % kPlans];
+    uint64_t hash = (first * 0x9e3779b97f4a7c15ULL) ^ (last * 0xc2b2ae3d27d4eb4fULL) ^ length;
+    hash ^= hash >> 29;
+    return plan[(hash * 0x165667b19e3779f9ULL) >> 58];
   }
 };
 
